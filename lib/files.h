@@ -1,0 +1,27 @@
+// Owners of open files and directories, and the forming of paths.
+#pragma once
+
+#include <dirent.h>
+
+#include <cstdio>
+#include <memory>
+#include <string_view>
+
+#include "text.h"
+
+struct file_closer_t {
+    void operator()(FILE *file) const noexcept { fclose(file); }
+    void operator()(DIR *directory) const noexcept { closedir(directory); }
+};
+using unique_file_t = std::unique_ptr<FILE, file_closer_t>;
+using unique_dir_t = std::unique_ptr<DIR, file_closer_t>;
+
+// Forms "directory/name" in a path buffer, cut at the buffer's size less one.
+template <size_t N>
+void join_path(char (&path)[N], std::string_view directory, std::string_view name) noexcept {
+    path[0] = '\0';
+    text_writer_t writer(path, N);
+    writer.append(directory);
+    writer.append("/");
+    writer.append(name);
+}

@@ -1,0 +1,41 @@
+// Text in fixed-size fields: the two ways in which the daemon writes it.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <string_view>
+
+// Copies text into a fixed field, cut to the field's size less one, and fills the rest with zeros.
+// The last byte of a field that started out zeroed is zero at every moment, so a thread that reads
+// the field during the copy always finds an end.
+template <size_t N>
+void copy_text(char (&field)[N], std::string_view text) noexcept {
+    const size_t length = std::min(text.size(), N - 1);
+    if (length > 0) {
+        memcpy(field, text.data(), length);
+    }
+    memset(field + length, 0, N - length);
+}
+
+// Appends to a caller's buffer of `size` bytes, the terminating zero included. What does not fit is
+// dropped. The buffer is not touched before the first append.
+class text_writer_t {
+  public:
+    text_writer_t(char *buffer, int size) noexcept : buffer_(buffer), size_(size) {}
+
+    void append(std::string_view text) noexcept {
+        if (size_ - 1 <= length_ || text.empty()) {
+            return;
+        }
+        const size_t count = std::min(text.size(), static_cast<size_t>(size_ - 1 - length_));
+        memcpy(buffer_ + length_, text.data(), count);
+        length_ += static_cast<int>(count);
+        buffer_[length_] = '\0';
+    }
+
+  private:
+    char *buffer_;
+    int size_;
+    int length_ = 0;
+};

@@ -1,0 +1,31 @@
+// The configuration file: logger settings, pagers and rules.
+//
+// Loading is for one thread at a time and may run while service threads read the tables: records
+// are prepared aside and stored at once, a slot that is loaded again is never emptied in between.
+#pragma once
+
+#include <iniparser.h>
+
+#include "vesperd.h"
+
+// Reads the file at `path` into `pagers`, `num_pagers`, `rules`, `logfile`, `logtype` and
+// `loglevel` and starts the logger with what it found. The earlier `logfile` is not released: call
+// free_confvals() first. Records go to the tables in file order; the slot behind the last one
+// loaded is emptied, later ones keep what an earlier load put there. The 16th pager or the 256th
+// rule ends the loading. Returns 0, or -1 when the file cannot be opened.
+int load_conf(const char *path) noexcept;
+
+// Loads a pager section into `pager`. Texts that the section lacks stay as they are where they have
+// no default; lock, thread, alarm levels, poll count and time of the last packet are never touched.
+// Returns 0, or -1 after logging an ERROR when the host does not resolve; `pager` is then
+// unchanged.
+int load_pager(const dictionary *dict, const char *section, pager_t *pager) noexcept;
+
+// Loads a rule section into `rule`, replacing the whole record. Returns 0 always.
+int load_rule(const dictionary *dict, const char *section, rule_t *rule) noexcept;
+
+// Sets the logger settings to their defaults: file, "/var/log/quillet.log", log level 5.
+void init_defaults() noexcept;
+
+// Releases `logfile` and leaves the pointer as it is.
+void free_confvals() noexcept;

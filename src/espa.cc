@@ -1,0 +1,86 @@
+#include "espa.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+constexpr int CHECK_MASK = 0x7F;  // a line with 7 data bits may put anything into the eighth
+
+// The exclusive-or up to and including ETX, and where ETX stands; index 0 when there is none.
+struct block_check_t {
+    int sum;
+    int etx;
+};
+
+block_check_t scan_block(const char *packet, int maxPacketSize) {
+    if (packet[0] != SOH) {
+        return {0, 0};
+    }
+    int sum = 0;
+    for (int i = 1; i < maxPacketSize + 2; i++) {
+        sum ^= packet[i];
+        if (packet[i] == ETX) {
+            return {sum & CHECK_MASK, i};
+        }
+    }
+    return {0, 0};
+}
+
+// Copies a value over the start of its field and leaves the field's last byte alone.
+template <size_t N>
+void overwrite(char (&field)[N], std::string_view value) {
+    memcpy(field, value.data(), std::min(value.size(), N - 1));
+}
+
+void store_value(espa_record_t *record, char identifier, std::string_view value) {
+    if (identifier == '1') {
+        overwrite(record->call_address, value);
+    } else if (identifier == '2') {
+        overwrite(record->display_message, value);
+    }
+}
+
+}  // namespace
+
+int checkBCC(const char *packet, int maxPacketSize) noexcept {
+    const block_check_t block = scan_block(packet, maxPacketSize);
+    return block.etx > 0 && (packet[block.etx + 1] & CHECK_MASK) == block.sum ? 1 : 0;
+}
+
+int appendBCC(char *packet, int maxPacketSize) noexcept {
+    const block_check_t block = scan_block(packet, maxPacketSize);
+    if (block.etx == 0) {
+        return 0;
+    }
+    packet[block.etx + 1] = static_cast<char>(block.sum);
+    return 1;
+}
+
+// The walk does not stop behind an ETX that ends a value: the block check character is looked at
+// like any other byte, and one that equals STX or RS opens a block whose value nobody keeps.
+int parse_espa_packet(espa_p *p, const char *buf, int size) noexcept {
+    constexpr std::string_view VALUE_ENDS("\x1E\x03", 2);  // RS and ETX
+    const std::string_view packet(buf, static_cast<size_t>(std::max(size, 0)));
+    size_t at = 0;
+    while (at < packet.size() && packet[at] != '\0' && packet[at] != ETX) {
+        const char c = packet[at];
+        const char next = at + 1 < packet.size() ? packet[at + 1] : '\0';
+        if (c == SOH) {
+            if (next == '\0') {
+                break;
+            }
+            p->header_type = next;
+            at += 2;
+        } else if (c == STX || c == RS) {
+            const size_t value = std::min(at + 3, packet.size());  // past identifier and separator
+            const size_t end = std::min(packet.find_first_of(VALUE_ENDS, value), packet.size());
+            store_value(&p->record, next, packet.substr(value, end - value));
+            at = end < packet.size() && packet[end] == RS ? end : end + 1;
+        } else {
+            at++;
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,238 @@
+#include "proto.h"
+
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <initializer_list>
+
+#include "alarm.h"
+#include "clock.h"
+#include "files.h"
+#include "logger.h"
+
+namespace {
+
+constexpr int READ_WAIT_SECONDS = 15;
+constexpr long CLOSED_PEER_PAUSE_US = 1'000'000;
+constexpr char POLL_ADDRESS = '2';
+constexpr char SELECT_ADDRESS = '1';
+
+ssize_t read_byte(int sock, char *byte) {
+    ssize_t got = 0;
+    do {
+        got = read(sock, byte, 1);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
+// Sends reply bytes, one write each. A peer that has reset the connection must not kill the
+// process, and one that never reads must not hold the thread.
+void reply(int sock, std::initializer_list<char> bytes) {
+    for (const char byte : bytes) {
+        if (send(sock, &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT) != 1) {
+            return;
+        }
+    }
+}
+
+void answer_request(int sock, char address, int *polls, int espa_poll) {
+    constexpr const char *function = "espa_read_packet";
+    LOG_AS(LEVEL_DEBUG, function, "Got ENQ request address %c", address);
+    if (*polls < INT_MAX) {
+        ++*polls;
+    }
+    if (espa_poll != 0) {
+        LOG_AS(LEVEL_DEBUG, function, "0 Read %x", shown_byte(ENQ));
+        if (address == POLL_ADDRESS) {
+            LOG_AS(LEVEL_DEBUG, function, "Got Poll ENQ. write EOT");
+            reply(sock, {POLL_ADDRESS, ENQ, US});
+        } else if (address == SELECT_ADDRESS) {
+            LOG_AS(LEVEL_DEBUG, function, "Got Select ENQ. write ACK");
+            reply(sock, {ACK});
+        }
+    }
+    reply(sock, {ACK});
+}
+
+void echo_end_of_transmission(int sock, int *polls) {
+    *polls = *polls > 0 ? *polls - 1 : 0;
+    LOG_AS(LEVEL_DEBUG, "espa_read_packet", "EOT received");
+    reply(sock, {EOT});
+}
+
+// Everything from SOH on; results as espa_read_packet().
+int read_block(int sock, char *packet, int maxlen) {
+    constexpr const char *function = "espa_read_packet";
+    packet[0] = SOH;
+    int stored = 0;
+    while (stored < maxlen - 1) {
+        char *place = packet + stored + 1;
+        int ready = wait_data(sock);
+        if (ready <= 0) {
+            return ready;
+        }
+        const ssize_t got = read_byte(sock, place);
+        LOG_AS(LEVEL_DEBUG, function, "2 Read %.02x\n", shown_byte(*place));
+        if (got < 0) {
+            return -1;
+        }
+        if (got == 0) {
+            pause_us(CLOSED_PEER_PAUSE_US);  // a closed connection is always readable
+        } else if (*place == ETX) {
+            ready = wait_data(sock);
+            if (ready <= 0) {
+                return ready;
+            }
+            read_byte(sock, place + 1);  // a failure leaves the check character as it is
+            LOG_AS(LEVEL_DEBUG, function, "3 Read %.02x\n", shown_byte(place[1]));
+            place[2] = '\0';
+            LOG_AS(LEVEL_DEBUG, function, "Got ETX. send ACK");
+            reply(sock, {ACK});
+            return stored + 1;
+        } else if (*place == EOT) {
+            *place = ETX;
+            return stored;
+        } else {
+            stored++;
+        }
+    }
+    packet[maxlen] = '\0';
+    return stored;
+}
+
+// The number that an operator wrote into a suppression file; 0 when there is none.
+int suppression_number(const char *path) {
+    char line[1024];
+    const unique_file_t file(fopen(path, "re"));
+    if (!file || fgets(line, sizeof line, file.get()) == nullptr) {
+        return 0;
+    }
+    return static_cast<int>(strtol(line, nullptr, 0));  // the low 32 bits, as documented
+}
+
+bool is_suppressed(const pager_t *pager, const char *name) {
+    char path[1024];
+    join_path(path, pager->spool_dir, name);
+    return suppression_number(path) < 0;
+}
+
+// Whether an alarm at this level may fire again.
+bool interval_is_over(int index, int elapsed) {
+    switch (index) {
+        case 0:
+            return true;
+        case 1:
+            return elapsed > 4;
+        case 2:
+            return elapsed > 24;
+        default:
+            return index > 2 && elapsed > 299;
+    }
+}
+
+}  // namespace
+
+int wait_data(int sock) noexcept {
+    if (sock < 0 || sock >= FD_SETSIZE) {
+        return -1;
+    }
+    timeval left{READ_WAIT_SECONDS, 0};  // select counts it down, so an interrupted wait goes on
+    fd_set readable;
+    fd_set exceptional;
+    int has_data = 0;
+    do {
+        FD_ZERO(&readable);
+        FD_ZERO(&exceptional);
+        FD_SET(sock, &readable);
+        FD_SET(sock, &exceptional);
+        has_data = select(sock + 1, &readable, nullptr, &exceptional, &left);
+    } while (has_data < 0 && errno == EINTR);
+    LOG(LEVEL_DEBUG, "has_data = %d\n", has_data);
+    if (has_data > 0 && FD_ISSET(sock, &exceptional)) {
+        return -1;
+    }
+    return has_data;
+}
+
+int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_poll) noexcept {
+    if (maxlen <= 0) {
+        return 0;
+    }
+    int ready = wait_data(sock);
+    if (ready <= 0) {
+        return ready < 0 ? -1 : 0;
+    }
+    char byte = 0;
+    if (read_byte(sock, &byte) <= 0) {
+        return -1;
+    }
+    LOG(LEVEL_DEBUG, "Read %.02x\n", shown_byte(byte));
+    if (byte == SOH) {
+        return read_block(sock, packet, maxlen);
+    }
+    if (byte >= '0' && byte <= '9') {
+        const char address = byte;
+        ready = wait_data(sock);
+        if (ready <= 0) {
+            return ready;
+        }
+        if (read_byte(sock, &byte) > 0 && byte == ENQ) {
+            answer_request(sock, address, polls, espa_poll);
+            return 1;
+        }
+    }
+    if (byte == EOT) {
+        echo_end_of_transmission(sock, polls);
+        return 1;
+    }
+    return -2;
+}
+
+int ascii_read_packet(int sock, char *packet, int maxlen, int * /*polls*/) noexcept {
+    for (int length = 0; length < maxlen;) {
+        const int ready = wait_data(sock);
+        if (ready <= 0) {
+            return ready;
+        }
+        char *place = packet + length;
+        if (read_byte(sock, place) <= 0) {
+            return -1;
+        }
+        LOG(LEVEL_DEBUG, "2 Read %.02x\n", shown_byte(*place));
+        if (*place == '\n' || *place == '\r') {
+            *place = '\0';
+            return length;
+        }
+        length++;
+        if (length == maxlen - 1) {
+            packet[length] = '\0';
+            return length;
+        }
+    }
+    return 0;
+}
+
+int alarm_time(pager_t *pager, int alrm) noexcept {
+    const int now = seconds_now();
+    const alarm_slot_t slot = alarm_slot(pager, alrm);
+    if (alrm == ALARM_MESSAGE) {
+        ++*slot.index;
+        *slot.last = now;
+        return 1;
+    }
+    const char *name = alarm_name(alrm);
+    if (is_suppressed(pager, name)) {
+        LOG(LEVEL_WARNING, "Alarm %s  supressed\n", name);
+        return 0;
+    }
+    if (!interval_is_over(*slot.index, seconds_between(*slot.last, now))) {
+        return 0;
+    }
+    *slot.last = now;
+    return ++*slot.index;
+}

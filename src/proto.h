@@ -1,0 +1,54 @@
+// The passive side of the ESPA 4.4.4 link on a TCP stream, the ASCII line reader, and the rate
+// limit of service alarms.
+//
+// Both readers take one byte per wait and never read ahead: every byte after a packet or line stays
+// in the socket for the next call.
+#pragma once
+
+#include "espa.h"
+#include "vesperd.h"
+
+// Waits up to 15 seconds until `sock` can be read. A signal does not shorten the wait.
+// Returns a positive number when it can, 0 when nothing arrived, negative on an error or an
+// exceptional condition.
+int wait_data(int sock) noexcept;
+
+// Reads one link exchange or one data packet and answers it.
+//   packet     the caller's buffer, at least maxlen + 2 bytes: a block check character and its
+//              terminating zero may lie past maxlen
+//   maxlen     bytes offered to the packet
+//   polls      count of outstanding requests: up by one for every address and ENQ, down by one for
+//              every EOT, never below 0
+//   espa_poll  non-zero: a select (address '1') is answered with two ACKs and a poll (address '2')
+//              with '2' ENQ US ACK, instead of one ACK each
+// Returns
+//   -2     the stream does not look like ESPA 4.4.4
+//   -1     the wait or a read failed, or the connection was closed between exchanges
+//    0     15 seconds of silence (a packet begun is dropped), or maxlen is not positive
+//    1     link traffic was answered; also an empty packet
+//   n > 1  a packet. Ended by ETX: n is the index of ETX, followed by the block check character and
+//   a
+//          zero; it has been acknowledged, whatever its check character. Ended by EOT: n bytes lie
+//          between SOH and the ETX stored in the EOT's place. Too long: n is maxlen - 1, and a zero
+//          stands at index maxlen
+// A connection closed in mid-packet is not noticed: the reader goes on reading, once a second.
+// Errors of writing a reply are ignored, and a reply that the peer leaves no room for is dropped.
+int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_poll) noexcept;
+
+// Reads one line, ended by CR or LF.
+//   packet  the caller's buffer of maxlen bytes; receives the line, zero-terminated in place of its
+//   end polls   not used, may be null
+// Returns
+//   -1     the wait or a read failed, or the connection was closed
+//    0     15 seconds of silence (a line begun is dropped), an empty line, or maxlen is not
+//    positive
+//   n      the length of the line, at most maxlen - 1; the rest of a longer line is read as the
+//   next
+int ascii_read_packet(int sock, char *packet, int maxlen, int *polls) noexcept;
+
+// Decides whether an alarm fires now: at once the first time, then after more than 4, 24 and from
+// there on 299 seconds. A suppression file named after the alarm in the pager's spool directory,
+// whose first line is a negative number, keeps it quiet and leaves its level alone. ALARM_MESSAGE
+// always fires. Returns the new level, which is stored together with the time, or 0 when the alarm
+// stays quiet.
+int alarm_time(pager_t *pager, int alrm) noexcept;

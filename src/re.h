@@ -1,0 +1,25 @@
+// POSIX extended regular expressions as the rules use them.
+#pragma once
+
+#include <regex.h>
+
+// A compiled pattern, copied freely. It refers to a compilation that is never freed or changed, so
+// a thread may go on matching with it whatever a reload does; equal texts share one compilation.
+// Null: not compiled, matches nothing.
+struct pattern_t {
+    const regex_t *compiled;
+};
+
+// Compiles `text` (POSIX extended syntax, case-sensitive, newline-aware: REG_EXTENDED |
+// REG_NEWLINE). Returns 0, or 1 after logging an ERROR when the text does not compile; `compiled`
+// then matches nothing. For the loading thread only.
+int compile_regex(pattern_t *compiled, const char *text) noexcept;
+
+// Scans `text` for successive matches, from left to right; "^" matches at the start of every
+// remaining piece.
+//   out, size  when out is not null, receives the texts of groups 1 to 9 of every match, one after
+//   the
+//              other, cut at size - 1 bytes and zero-terminated; untouched when there are none
+// Returns the length in bytes of the last match, 0 when there was none. An empty match where the
+// scan stands ends it and does not count.
+int match_regex(const pattern_t *pattern, const char *text, char *out, int size) noexcept;

@@ -1,0 +1,16 @@
+// Selection of the rule for a message.
+#pragma once
+
+#include "vesperd.h"
+
+// Finds a rule by name, ignoring case. A rule is found when its name and `name` are equal over the
+// length of the shorter one, so "rule_f" finds rule_fire and "rule_fire2" finds rule_fire; of
+// several the earliest in the table is returned. Returns null for an empty name or when there is
+// none.
+rule_t *get_rule_by_name(const char *name) noexcept;
+
+// Chooses the rule of the pager's rule list whose last match in `message` is longest, the earlier
+// of two that tie; when no listed rule matches, the pager's default rule, which is not tried
+// against the message. A null message counts as the empty one, which no listed rule matches.
+// Returns null when the default rule is not found either.
+rule_t *select_rule(const pager_t *pager, const char *message) noexcept;

@@ -1,0 +1,99 @@
+#include "line.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <termios.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+struct baud_t {
+    int rate;
+    speed_t speed;
+};
+constexpr std::array<baud_t, 8> bauds = {{{1200, B1200},
+                                          {2400, B2400},
+                                          {4800, B4800},
+                                          {9600, B9600},
+                                          {19200, B19200},
+                                          {38400, B38400},
+                                          {57600, B57600},
+                                          {115200, B115200}}};
+
+unique_fd_t failed(std::string *error, const std::string &what) {
+    *error = what + ": " + strerror(errno);
+    return unique_fd_t();
+}
+
+}  // namespace
+
+unique_fd_t listen_on(const std::string &address, int port, std::string *error) {
+    sockaddr_in where{};
+    where.sin_family = AF_INET;
+    where.sin_port = htons(static_cast<uint16_t>(port));
+    if (inet_pton(AF_INET, address.c_str(), &where.sin_addr) != 1) {
+        *error = "not an IPv4 address: " + address;
+        return unique_fd_t();
+    }
+    unique_fd_t sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int on = 1;
+    setsockopt(sock.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (bind(sock.get(), reinterpret_cast<sockaddr *>(&where), sizeof where) != 0 ||
+        listen(sock.get(), 1) != 0) {
+        return failed(error, "cannot listen on " + address + ":" + std::to_string(port));
+    }
+    return sock;
+}
+
+int bound_port(int sock) {
+    sockaddr_in where{};
+    socklen_t size = sizeof where;
+    getsockname(sock, reinterpret_cast<sockaddr *>(&where), &size);
+    return ntohs(where.sin_port);
+}
+
+unique_fd_t accept_within(int listener, int wait_seconds, std::string *error) {
+    pollfd waiting{listener, POLLIN, 0};
+    if (poll(&waiting, 1, wait_seconds < 0 ? -1 : wait_seconds * 1000) == 0) {
+        *error = "nobody connected within " + std::to_string(wait_seconds) + " seconds";
+        return unique_fd_t();
+    }
+    unique_fd_t sock(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+    if (!sock) {
+        return failed(error, "cannot accept a connection");
+    }
+    const int on = 1;
+    setsockopt(sock.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    return sock;
+}
+
+unique_fd_t open_serial(const std::string &path, int baud, std::string *error) {
+    speed_t speed = B0;
+    for (const baud_t &known : bauds) {
+        speed = known.rate == baud ? known.speed : speed;
+    }
+    if (speed == B0) {
+        *error = "no such baud rate: " + std::to_string(baud);
+        return unique_fd_t();
+    }
+    // Without O_NONBLOCK the opening would wait for a carrier that a three-wire line does not have.
+    unique_fd_t device(open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK));
+    termios settings{};
+    if (!device || tcgetattr(device.get(), &settings) != 0) {
+        return failed(error, "cannot open serial device " + path);
+    }
+    cfmakeraw(&settings);
+    settings.c_cflag |= CLOCAL | CREAD;
+    cfsetspeed(&settings, speed);
+    if (tcsetattr(device.get(), TCSANOW, &settings) != 0 || fcntl(device.get(), F_SETFL, 0) != 0) {
+        return failed(error, "cannot set up serial device " + path);
+    }
+    return device;
+}
