@@ -1,0 +1,321 @@
+#include "vesperd.h"
+
+#include <netinet/tcp.h>
+#include <pwd.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "action.h"
+#include "clock.h"
+#include "cmdline.h"
+#include "conf.h"
+#include "espa.h"
+#include "fd.h"
+#include "logger.h"
+#include "proto.h"
+#include "rule.h"
+
+std::atomic<int> doexit;
+
+namespace {
+
+constexpr const char *DEFAULT_CONFIG_FILE = "/etc/quillet.conf";
+constexpr const char *ACCOUNT = "ovo";
+
+constexpr long CONNECT_PAUSE_US = 3'000'000;
+constexpr long SOCKET_FAILURE_PAUSE_US = 1'000'000;
+constexpr long ASCII_MESSAGE_PAUSE_US = 10'000;
+constexpr useconds_t MAIN_LOOP_PAUSE_US = 1'000'000;
+
+constexpr int SILENCE_LIMIT_SECONDS = 10;  // on an ESPA line; read_timeout is for ASCII lines
+constexpr size_t MIN_ASCII_LENGTH = 5;
+constexpr char CALL_HEADER = '1';
+constexpr int HIGH_BIT = 0x80;
+
+// A converter that vanished without a word is noticed after two minutes.
+constexpr int KEEPALIVE_IDLE_SECONDS = 60;
+constexpr int KEEPALIVE_INTERVAL_SECONDS = 15;
+constexpr int KEEPALIVE_PROBES = 4;
+
+#define LOG_SERVICE(level, ...) LOG_AS(level, "service_proc", __VA_ARGS__)
+
+// A service thread's side of its pager. The thread knows its connection by `sock`; a record whose
+// `socket` differs has been loaded again, and its connection, abandoned then, stays open unused.
+struct line_t {
+    pager_t *pager;
+    int sock;
+    char buffer[PACKET_BUFFER_SIZE];
+};
+
+bool is_reloaded(const line_t *line) {
+    return line->pager->socket != line->sock;
+}
+
+void set_socket(line_t *line, int sock) {
+    line->sock = sock;
+    line->pager->socket = sock;
+}
+
+void close_line(line_t *line) {
+    close(line->sock);
+    set_socket(line, -1);
+}
+
+void drop_line(line_t *line, int alrm) {
+    call_service_action(line->pager, alrm);
+    close_line(line);
+}
+
+// Returns the descriptor of a new socket, or -1. Scripts must not inherit it, and select() must be
+// able to hold it.
+int create_socket() {
+    unique_fd_t sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (sock.get() >= FD_SETSIZE) {
+        return -1;
+    }
+    const auto set = [&sock](int level, int name, int value) {
+        setsockopt(sock.get(), level, name, &value, sizeof value);
+    };
+    set(IPPROTO_TCP, TCP_NODELAY, 1);
+    set(SOL_SOCKET, SO_KEEPALIVE, 1);
+    set(IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_IDLE_SECONDS);
+    set(IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_SECONDS);
+    set(IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_PROBES);
+    return sock.release();
+}
+
+// The port as the log shows it: a signed 16-bit number printed as unsigned.
+unsigned shown_port(const pager_t *pager) {
+    return static_cast<unsigned>(pager->port);
+}
+
+bool connect_socket(int sock, const pager_t *pager) {
+    sockaddr_in address = pager->sin;
+    address.sin_family = AF_INET;  // an emptied record has none, which would mean "disconnect"
+    return connect(sock, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+}
+
+// Returns whether the line is connected.
+bool connect_line(line_t *line) {
+    pager_t *pager = line->pager;
+    set_socket(line, create_socket());
+    pause_us(CONNECT_PAUSE_US);
+    if (line->sock < 0) {
+        call_service_action(pager, ALARM_GENERAL_ERROR);
+        LOG_SERVICE(LEVEL_ERROR, "Error connecting to %s:%u\n", pager->host, shown_port(pager));
+        pause_us(SOCKET_FAILURE_PAUSE_US);
+        return false;
+    }
+    LOG_SERVICE(LEVEL_VERBOSE, "Trying to connect %s:%u\n", pager->host, shown_port(pager));
+    if (!connect_socket(line->sock, pager)) {
+        LOG_SERVICE(LEVEL_ERROR, "Error connecting to %s:%u\n", pager->host, shown_port(pager));
+        call_service_action(pager, ALARM_NO_RESPONSE);
+        close_line(line);
+        pause_us(CONNECT_PAUSE_US);
+        return false;
+    }
+    if (is_reloaded(line)) {
+        close_line(line);  // perhaps connected to where the pager no longer is
+        return false;
+    }
+    pager->last_packet = seconds_now();
+    call_service_action(pager, ALARM_CONNECTED);
+    return true;
+}
+
+bool is_silent_for_more_than(const pager_t *pager, int seconds) {
+    return seconds_between(pager->last_packet, seconds_now()) > seconds;
+}
+
+// Every second byte of a packet, up to the first of them that is NUL or ETX.
+void dump_packet(const line_t *line) {
+    for (size_t i = 0; i < sizeof line->buffer; i += 2) {
+        const char byte = line->buffer[i];
+        if (byte == '\0' || byte == ETX) {
+            return;
+        }
+        LOG_SERVICE(LEVEL_DEBUG, "0x%.02x\n", shown_byte(byte));
+    }
+}
+
+void handle_espa_packet(line_t *line) {
+    pager_t *pager = line->pager;
+    dump_packet(line);
+    pager->last_packet = seconds_now();
+    if (pager->no_check_bcc != 0) {
+        LOG_SERVICE(LEVEL_EVENT, "ESPA packet BCC check is OFF");
+    } else if (checkBCC(line->buffer, PACKET_SIZE) == 0) {
+        call_service_action(pager, ALARM_TRANSMISSION_ERROR);
+        LOG_SERVICE(LEVEL_ERROR, "ESPA packet BCC is WRONG. won't process\n");
+        return;
+    } else {
+        LOG_SERVICE(LEVEL_EVENT, "ESPA packet BCC is OK\n");
+    }
+    espa_p packet{};
+    parse_espa_packet(&packet, line->buffer);
+    LOG_SERVICE(LEVEL_VERBOSE, "Got ESPA packet of type %x\n", shown_byte(packet.header_type));
+    if (packet.header_type == CALL_HEADER) {
+        const espa_record_t &record = packet.record;
+        LOG_SERVICE(LEVEL_VERBOSE, "\tSend message '%s' to '%s'\n", record.display_message,
+                    record.call_address);
+        process_message(pager, ALARM_MESSAGE, record.call_address, record.display_message);
+    }
+}
+
+void serve_espa(line_t *line) {
+    pager_t *pager = line->pager;
+    const int result =
+        espa_read_packet(line->sock, line->buffer, PACKET_SIZE, &pager->polls, pager->espa_poll);
+    if (result > 1) {
+        handle_espa_packet(line);
+    } else if (is_reloaded(line)) {
+        return;  // what became of the abandoned connection says nothing about the new one
+    } else if (result < 0) {
+        LOG_SERVICE(LEVEL_ERROR, "Read started but not a SOH\n");
+        LOG_SERVICE(LEVEL_ERROR, "Perhaps protocol selection is wrong\n");
+        LOG_SERVICE(LEVEL_ERROR, "Trying to swap to ASCII. PLEASE check configuration\n");
+        pager->protocol = PROTOCOL_ASCII;
+        drop_line(line, ALARM_CONNECTION_LOST);
+    } else if (result == 0 && is_silent_for_more_than(pager, SILENCE_LIMIT_SECONDS)) {
+        drop_line(line, ALARM_TRANSMISSION_ERROR);
+    }
+}
+
+void report_non_ascii(const char *text) {
+    const char *found =
+        std::find_if(text, text + strlen(text), [](char c) { return (c & HIGH_BIT) != 0; });
+    if (*found != '\0') {
+        LOG_SERVICE(LEVEL_ERROR,
+                    "Read non-ASCII character 0x%.02x in ASCII packet. Possible wrong serial "
+                    "settings\n",
+                    shown_byte(*found));
+    }
+}
+
+void handle_ascii_line(line_t *line) {
+    pager_t *pager = line->pager;
+    const char *text = line->buffer;
+    LOG_SERVICE(LEVEL_DEBUG, "ASCII Read packet: %s", text);
+    pager->last_packet = seconds_now();
+    if (text[0] == SOH) {
+        LOG_SERVICE(LEVEL_ERROR,
+                    "Got ESPA SOH when ASCII protocol selected. trying to swap protocols.\n"
+                    "PLEASE double check configuration\n");
+        return;  // the way back from ASCII is a reload
+    }
+    report_non_ascii(text);
+    if (strlen(text) < MIN_ASCII_LENGTH) {
+        LOG_SERVICE(LEVEL_WARNING, "ASCII message is too small");
+        return;
+    }
+    process_message(pager, ALARM_MESSAGE, nullptr, text);
+    LOG_SERVICE(LEVEL_VERBOSE, "message=%s", text);
+    pause_us(ASCII_MESSAGE_PAUSE_US);
+}
+
+void serve_ascii(line_t *line) {
+    pager_t *pager = line->pager;
+    const int result = ascii_read_packet(line->sock, line->buffer, PACKET_SIZE, &pager->polls);
+    if (result > 1) {
+        handle_ascii_line(line);
+    } else if (is_reloaded(line)) {
+        return;
+    } else if (result < 0) {
+        drop_line(line, ALARM_CONNECTION_LOST);
+    } else if (result == 0 && pager->read_timeout > 0 &&
+               is_silent_for_more_than(pager, pager->read_timeout)) {
+        drop_line(line, ALARM_TRANSMISSION_ERROR);
+    }
+}
+
+void serve_turn(line_t *line) {
+    memset(line->buffer, 0, sizeof line->buffer);
+    if (is_reloaded(line)) {
+        line->sock = -1;
+    }
+    if (line->sock < 0 && !connect_line(line)) {
+        return;
+    }
+    if (line->pager->protocol == PROTOCOL_ESPA) {
+        serve_espa(line);
+    } else {
+        serve_ascii(line);
+    }
+}
+
+void start_service_threads() {
+    for (int i = 0; i < num_pagers; i++) {
+        pthread_mutex_init(&pagers[i].lock, nullptr);
+        pthread_create(&pagers[i].bg, nullptr, service_proc, &pagers[i]);
+    }
+}
+
+[[noreturn]] void run_daemon(const passwd &account) {
+    if (console_log != 0) {
+        logfile[0] = '\0';  // an empty file name stands for standard error
+    }
+    logger_init(logfile, loglevel, logtype == 1, 0);
+    // The account's group id takes the place of the effective user id: accounts have the two equal.
+    if (setreuid(account.pw_uid, account.pw_gid) != 0) {
+        LOG_AS(LEVEL_ERROR, "main", "Unable to set uid to user ovo\n");
+        exit(0);
+    }
+    start_service_threads();
+    for (;;) {
+        usleep(MAIN_LOOP_PAUSE_US);
+    }
+}
+
+}  // namespace
+
+void process_message(pager_t *pager, int alrm, const char *number, const char *message) noexcept {
+    rule_t *rule = select_rule(pager, message);
+    if (rule == nullptr) {
+        LOG(LEVEL_ERROR, "empty rules for pager");
+        return;
+    }
+    call_action(pager, alrm, number != nullptr ? number : "", message, rule);
+}
+
+void *service_proc(void *argument) noexcept {
+    pager_t *pager = static_cast<pager_t *>(argument);
+    line_t line{pager, pager->socket, {}};
+    LOG(LEVEL_VERBOSE, "Starting thread for pager %s\n", pager->name);
+    call_service_action(pager, ALARM_STARTED);
+    while (doexit == 0) {
+        serve_turn(&line);
+    }
+    call_service_action(pager, ALARM_TERMINATED);
+    return nullptr;
+}
+
+void vesperd_run(int argc, char **argv) noexcept {
+    if (argc > 1) {
+        get_options(argc, argv);
+    }
+    if (config_file == nullptr) {
+        config_file = strdup(DEFAULT_CONFIG_FILE);
+    }
+    const passwd *account = getpwnam(ACCOUNT);
+    if (account == nullptr) {
+        fprintf(stderr, "No user ovo\n");
+        exit(0);
+    }
+    const passwd identity = *account;  // the library's record does not outlive the next look-up
+    if (load_conf(config_file) < 0) {
+        fprintf(stderr, "\nUnable to open configuration file %s. Exiting...\n\n", config_file);
+        exit(0);
+    }
+    if (test_message != nullptr) {
+        run_test_mode();
+        free_confvals();
+        exit(0);
+    }
+    run_daemon(identity);
+}
