@@ -98,13 +98,16 @@ class Conf : public testing::Test {
     }
     ~Conf() override { free_confvals(); }
     int load(const std::string &text) {
+        dir.write("log", "");
+        const std::string logger = "[logger]\nlog_file = " + dir.path("log") + "\n";
+        return load_file(dir.write("conf", logger + text));
+    }
+    int load_file(const std::string &path) {
         if (loaded_) {
             free_confvals();
         }
         loaded_ = true;
-        dir.write("log", "");
-        const std::string logger = "[logger]\nlog_file = " + dir.path("log") + "\n";
-        return load_conf(dir.write("conf", logger + text).c_str());
+        return load_conf(path.c_str());
     }
     std::string log() { return dir.read("log"); }
     static std::string pager(const std::string &name, const std::string &keys = "") {
@@ -194,7 +197,7 @@ TEST_F(Conf, DefaultsAndOddValues) {
     load("log_type = file\n");
     EXPECT_EQ(loglevel, 5);
     EXPECT_EQ(num_pagers, 0);
-    EXPECT_EQ(load_conf(dir.path("missing").c_str()), -1);
+    EXPECT_EQ(load_file(dir.path("missing")), -1);
 }
 
 TEST_F(Conf, SixteenValuesPerRule) {
@@ -279,8 +282,7 @@ TEST_F(Conf, WhatAReloadKeeps) {
 }
 
 TEST_F(Conf, ShippedFiles) {
-    init_defaults();
-    EXPECT_EQ(load_conf(SOURCE_DIR "/conf/quillet.conf"), 0);
+    EXPECT_EQ(load_file(SOURCE_DIR "/conf/quillet.conf"), 0);
     EXPECT_EQ(num_pagers, 0);
     EXPECT_STREQ(logfile, "/var/log/quillet.log");
     EXPECT_EQ(rules[0].name[0], '\0');
