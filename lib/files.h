@@ -9,6 +9,9 @@
 
 #include "text.h"
 
+// Longer paths are cut.
+constexpr int PATH_SIZE = 1024;
+
 struct file_closer_t {
     void operator()(FILE *file) const noexcept { fclose(file); }
     void operator()(DIR *directory) const noexcept { closedir(directory); }
@@ -16,11 +19,11 @@ struct file_closer_t {
 using unique_file_t = std::unique_ptr<FILE, file_closer_t>;
 using unique_dir_t = std::unique_ptr<DIR, file_closer_t>;
 
-// Forms "directory/name" in a path buffer, cut at the buffer's size less one.
-template <size_t N>
-void join_path(char (&path)[N], std::string_view directory, std::string_view name) noexcept {
+// Forms "directory/name".
+inline void join_path(char (&path)[PATH_SIZE], std::string_view directory,
+                      std::string_view name) noexcept {
     path[0] = '\0';
-    text_writer_t writer(path, N);
+    text_writer_t writer(path, PATH_SIZE);
     writer.append(directory);
     writer.append("/");
     writer.append(name);

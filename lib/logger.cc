@@ -7,9 +7,11 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <mutex>
 
 #include "fd.h"
 #include "text.h"
@@ -19,6 +21,7 @@ namespace {
 constexpr int MESSAGE_SIZE = 1024;
 constexpr int TIME_SIZE = 32;
 constexpr int THRESHOLD = 5;
+constexpr std::chrono::seconds SYSLOG_PATIENCE(1);
 
 constexpr std::array<const char *, 6> levels = {"DEBUG",   "EVENT", "NOTICE",
                                                 "WARNING", "ERROR", "VERBOSE"};
@@ -31,8 +34,7 @@ std::atomic<int> log_to_syslog = 0;
 std::atomic<int> dont_log = 0;
 char logfile[1024];
 
-// The C library asks the kernel for the process id every time, which would double the cost of a
-// line.
+// Asking the kernel for it would make four system calls of the three that a line takes.
 std::atomic<long> process_id = 0;
 
 void forget_process_id() {
@@ -76,7 +78,11 @@ void write_line(const char *message) {
     }
 }
 
+// closelog() forgets the name for every thread, so a record must not come between. A fault signal
+// that logs while its own thread is in here goes on without the lock.
 void write_syslog(int level, const char *message) {
+    static std::timed_mutex mutex;
+    const std::unique_lock lock(mutex, SYSLOG_PATIENCE);
     openlog("quillet", LOG_PID | LOG_NDELAY, LOG_DAEMON);
     syslog(syslog_level_map.at(static_cast<size_t>(level)), "%s", message);
     closelog();
@@ -98,8 +104,8 @@ void set_log_level(int level) noexcept {
 
 void write_log(int level, const char *file, int line, const char *function, const char *fmt,
                ...) noexcept {
-    if (dont_log == 1 || level + log_level < THRESHOLD || level < LEVEL_DEBUG ||
-        level > LEVEL_VERBOSE) {
+    if (level < LEVEL_DEBUG || level > LEVEL_VERBOSE || log_level < THRESHOLD - level ||
+        dont_log == 1) {
         return;
     }
     char message[MESSAGE_SIZE] = "";

@@ -5,9 +5,8 @@
 #include "vesperd.h"
 
 // Expands a template into `line`.
-//   line, size  the caller's buffer and its size in bytes; filled with zeros first, the expansion
-//   is
-//               cut at size - 1
+//   line, size  the caller's buffer and its size in bytes; filled with zeros first, and what does
+//               not fit into size - 1 bytes is cut
 //   fmt         template: %number%, %alarm%, %message%, and "$" followed by the name of a value;
 //               everything else, "%espa_if%" included, is copied
 //   alrm        alarm code, named as alarm_name() does
@@ -37,3 +36,11 @@ void call_service_action(pager_t *pager, int alrm) noexcept;
 
 // The same with an optional packet, whose record supplies call address and message.
 void call_script(pager_t *pager, int alrm, const espa_p *p) noexcept;
+
+// Reports call statuses that an outside agent left in the pager's spool directory. For every file
+// "status_NAME" with a companion "call_NAME" (first line call address, second line message), sends
+// an ESPA 4.4.4 status record (header '2', data identifier '7') with the first two bytes of the
+// status file over the pager's connection; then removes the status file, which goes without a
+// companion too. A status line shorter than two bytes is padded with zero bytes. A spool directory
+// that cannot be read raises general_error. For the pager's own thread.
+void process_status_feedbacks(pager_t *pager) noexcept;

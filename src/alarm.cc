@@ -17,6 +17,7 @@ const alarm_types_t alarms[9] = {
 namespace {
 
 constexpr int SLOTS = static_cast<int>(std::size(pager_t{}.alarms));
+static_assert(SLOTS == ALARM_TRANSMISSION_ERROR, "the code lands just past the slots");
 constexpr int FIRST_EVENT_ROW = 4;  // "message", the first row whose code is no position
 constexpr int LAST_ROW = 7;
 
@@ -39,7 +40,7 @@ const char *alarm_name(int alrm) noexcept {
 }
 
 alarm_slot_t alarm_slot(pager_t *pager, int alrm) noexcept {
-    if (alrm == SLOTS) {
+    if (alrm == ALARM_TRANSMISSION_ERROR) {
         return {&pager->polls, &pager->last_packet};
     }
     alarm_times_t &times = alrm >= 0 && alrm < SLOTS

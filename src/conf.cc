@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "ini.h"
 #include "logger.h"
@@ -22,6 +23,7 @@ rule_t rules[MAX_RULES];
 char *logfile;
 uint8_t logtype;
 uint16_t loglevel;
+std::atomic<unsigned> table_generation;
 
 namespace {
 
@@ -38,18 +40,22 @@ constexpr const char *DEFAULT_EXTENSION = "s";
 constexpr const char *DEFAULT_CHANNEL = "Local/1234@users";
 constexpr const char *DEFAULT_PATTERN = ".*";
 
-constexpr int LOOKUP_SIZE = 256;
+constexpr size_t MAX_PAGER_LOOKUP = 255;  // a pager with a longer name is left without its keys
+constexpr size_t MAX_VALUE_KEY = 255;
 constexpr size_t SHORT_NAME_LENGTH = 8;  // of a pager's name only this much is cleared on a reload
 
 struct dictionary_releaser_t {
     void operator()(dictionary *dict) const noexcept { iniparser_freedict(dict); }
 };
 
-// One section's typed look-ups. The look-up text is cut at 255 characters, so the keys of a section
-// with a longer name are absent.
+// One section's typed look-ups. A look-up text that is cut can come out as the name of a section,
+// which has no value; such keys are absent.
 class section_t {
   public:
-    section_t(const dictionary *dict, const char *name) noexcept : dict_(dict), name_(name) {}
+    // max_lookup  where a look-up text is cut
+    section_t(const dictionary *dict, const char *name,
+              size_t max_lookup = std::string::npos) noexcept
+        : dict_(dict), prefix_(std::string(name) + ":"), max_lookup_(max_lookup) {}
 
     const char *text(const char *key, const char *absent = nullptr) const {
         const char *found = iniparser_getstr(dict_, entry(key).c_str());
@@ -58,20 +64,18 @@ class section_t {
     int integer(const char *key, int absent) const {
         return text(key) != nullptr ? iniparser_getint(dict_, entry(key).c_str(), absent) : absent;
     }
-    // Decided by the first character: 1, y, t or 0, n, f in either case; anything else counts as
-    // absent.
+    // Decided by the first character: 1, y, t or 0, n, f in either case; else as if absent.
     int boolean(const char *key, int absent) const {
         return text(key) != nullptr ? iniparser_getboolean(dict_, entry(key).c_str(), absent)
                                     : absent;
     }
 
   private:
-    std::string entry(const char *key) const {
-        return (std::string(name_) + ":" + key).substr(0, LOOKUP_SIZE - 1);
-    }
+    std::string entry(const char *key) const { return (prefix_ + key).substr(0, max_lookup_); }
 
     const dictionary *dict_;
-    const char *name_;
+    std::string prefix_;
+    size_t max_lookup_;
 };
 
 template <size_t N>
@@ -134,10 +138,9 @@ void store_settings(pager_t *pager, const pager_t &fresh) {
     pager->socket = -1;
 }
 
-// The text between the last '[' and the next ']' of a value key, of which 255 characters are looked
-// at.
+// The text between the last '[' and the next ']' in the first 255 characters of a value key.
 std::string value_name(const char *key) {
-    const std::string_view seen = std::string_view(key).substr(0, LOOKUP_SIZE - 1);
+    const std::string_view seen = std::string_view(key).substr(0, MAX_VALUE_KEY);
     const size_t open = seen.rfind('[');
     const std::string_view name = seen.substr(open == std::string_view::npos ? 0 : open + 1);
     return std::string(name.substr(0, name.find(']')));
@@ -180,68 +183,80 @@ void load_logger_settings(const dictionary *dict) {
     logger_init(logfile, loglevel, logtype == 1, 0);
 }
 
-// Fills one of the tables from its first slot. A slot after a loaded or failed one counts as
-// emptied: its record is made aside from zeros, and what is in the table stays in use until it is
-// replaced.
-template <typename record_t, int SIZE>
-class table_loader_t {
-  public:
-    explicit table_loader_t(record_t (&table)[SIZE]) noexcept : table_(table) {}
-
-    // Returns whether the record loaded.
-    bool load(int (*load_record)(const dictionary *, const char *, record_t *),
-              const dictionary *dict, const char *section) {
-        if (!emptied_) {
-            if (load_record(dict, section, &table_[0]) != 0) {
-                emptied_ = true;
-                return false;
-            }
-        } else {
-            record_t fresh{};
-            if (load_record(dict, section, &fresh) != 0) {
-                return false;
-            }
-            memcpy(&table_[count_], &fresh, sizeof fresh);
-        }
-        emptied_ = true;
-        count_++;
-        return true;
-    }
-    void empty_next() {
-        if (emptied_ && !is_full()) {
-            table_[count_] = record_t{};
-        }
-    }
-    bool is_full() const { return count_ == SIZE; }
-    int count() const { return count_; }
-
-  private:
-    record_t (&table_)[SIZE];
-    bool emptied_ = false;
-    int count_ = 0;
+// The records of a load, made aside: the tables stay in use until all of it is replaced.
+struct staged_t {
+    std::vector<pager_t> pagers;
+    std::vector<rule_t> rules;
+    bool slot_0_emptied =
+        false;  // by a first pager that failed; else a reload merges into the slot
 };
 
-// Loads the sections in file order until one of the tables is full. Logs on behalf of load_conf().
-void load_sections(const dictionary *dict) {
-    table_loader_t pager_table(pagers);
-    table_loader_t rule_table(rules);
+// Logs on behalf of load_conf().
+void stage_pager(const dictionary *dict, const char *name, staged_t *staged) {
+    const bool merges = staged->pagers.empty() && !staged->slot_0_emptied;
+    pager_t &pager = staged->pagers.emplace_back(merges ? pagers[0] : pager_t{});
+    if (load_pager(dict, name, &pager) != 0) {
+        LOG_AS(LEVEL_ERROR, "load_conf", "Error loading pager %s\n", name);
+        staged->pagers.pop_back();
+        staged->slot_0_emptied = staged->slot_0_emptied || merges;
+    }
+}
+
+// Logs on behalf of load_conf().
+void stage_rule(const dictionary *dict, const char *name, staged_t *staged) {
+    if (load_rule(dict, name, &staged->rules.emplace_back()) != 0) {
+        LOG_AS(LEVEL_ERROR, "load_conf", "Unable to load rule %s\n", name);
+        staged->rules.pop_back();
+    }
+}
+
+// Stages the sections in file order until one of the tables is full.
+staged_t stage_sections(const dictionary *dict) {
+    staged_t staged;
     const int sections = iniparser_getnsec(dict);
-    for (int i = 0; i < sections && !pager_table.is_full() && !rule_table.is_full(); i++) {
+    for (int i = 0; i < sections; i++) {
         const char *name = iniparser_getsecname(dict, i);
         if (name == nullptr || is_logger_section(name)) {
             continue;
         }
         if (is_rule_section(name)) {
-            if (!rule_table.load(load_rule, dict, name)) {
-                LOG_AS(LEVEL_ERROR, "load_conf", "Unable to load rule %s\n", name);
-            }
-        } else if (!pager_table.load(load_pager, dict, name)) {
-            LOG_AS(LEVEL_ERROR, "load_conf", "Error loading pager %s\n", name);
+            stage_rule(dict, name, &staged);
+        } else {
+            stage_pager(dict, name, &staged);
+        }
+        if (staged.pagers.size() == MAX_PAGERS || staged.rules.size() == MAX_RULES) {
+            break;
         }
     }
-    rule_table.empty_next();
-    pager_table.empty_next();
-    num_pagers = pager_table.count();
+    return staged;
+}
+
+// Copies the staged records over a table from slot `first` on and empties the slot behind them,
+// unless nothing was staged for the table at all.
+template <typename record_t, size_t SIZE>
+void store_records(record_t (&table)[SIZE], const std::vector<record_t> &staged, size_t first,
+                   bool slot_0_emptied) {
+    for (size_t i = first; i < staged.size(); i++) {
+        memcpy(&table[i], &staged[i], sizeof table[i]);
+    }
+    if (staged.size() < SIZE && (!staged.empty() || slot_0_emptied)) {
+        table[staged.size()] = record_t{};
+    }
+}
+
+// Rewrites the tables. A table without a count: what an earlier, longer load put behind the emptied
+// slot stays there and is found by name.
+void publish(const staged_t &staged) {
+    const bool merges = !staged.pagers.empty() && !staged.slot_0_emptied;
+    table_generation.fetch_add(1, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    store_records(rules, staged.rules, 0, false);
+    if (merges) {
+        store_settings(&pagers[0], staged.pagers[0]);
+    }
+    store_records(pagers, staged.pagers, merges ? 1 : 0, staged.slot_0_emptied);
+    num_pagers = static_cast<int>(staged.pagers.size());
+    table_generation.fetch_add(1, std::memory_order_release);
 }
 
 }  // namespace
@@ -253,12 +268,12 @@ int load_conf(const char *path) noexcept {
         return -1;
     }
     load_logger_settings(dict.get());
-    load_sections(dict.get());
+    publish(stage_sections(dict.get()));
     return 0;
 }
 
 int load_pager(const dictionary *dict, const char *section, pager_t *pager) noexcept {
-    const section_t keys(dict, section);
+    const section_t keys(dict, section, MAX_PAGER_LOOKUP);
     pager_t fresh = *pager;
     rename_pager(&fresh, section);
     copy_if_present(fresh.host, keys.text("host"));

@@ -8,7 +8,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <initializer_list>
 
 #include "alarm.h"
 #include "clock.h"
@@ -19,8 +18,19 @@ namespace {
 
 constexpr int READ_WAIT_SECONDS = 15;
 constexpr long CLOSED_PEER_PAUSE_US = 1'000'000;
+constexpr int FIRST_INTERVAL_SECONDS = 4;
+constexpr int SECOND_INTERVAL_SECONDS = 24;
+constexpr int LATER_INTERVAL_SECONDS = 299;
+constexpr int SUPPRESSION_LINE_SIZE = 1024;
 constexpr char POLL_ADDRESS = '2';
 constexpr char SELECT_ADDRESS = '1';
+constexpr std::string_view POLL_REPLY = "2\x05\x1F";  // the address, ENQ and US
+
+void count_up(int *count) {
+    if (*count < INT_MAX) {
+        ++*count;
+    }
+}
 
 ssize_t read_byte(int sock, char *byte) {
     ssize_t got = 0;
@@ -30,39 +40,31 @@ ssize_t read_byte(int sock, char *byte) {
     return got;
 }
 
-// Sends reply bytes, one write each. A peer that has reset the connection must not kill the
-// process, and one that never reads must not hold the thread.
-void reply(int sock, std::initializer_list<char> bytes) {
-    for (const char byte : bytes) {
-        if (send(sock, &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT) != 1) {
-            return;
-        }
-    }
+void reply(int sock, char byte) {
+    write_reply(sock, {&byte, 1});
 }
 
 void answer_request(int sock, char address, int *polls, int espa_poll) {
     constexpr const char *function = "espa_read_packet";
     LOG_AS(LEVEL_DEBUG, function, "Got ENQ request address %c", address);
-    if (*polls < INT_MAX) {
-        ++*polls;
-    }
+    count_up(polls);
     if (espa_poll != 0) {
         LOG_AS(LEVEL_DEBUG, function, "0 Read %x", shown_byte(ENQ));
         if (address == POLL_ADDRESS) {
             LOG_AS(LEVEL_DEBUG, function, "Got Poll ENQ. write EOT");
-            reply(sock, {POLL_ADDRESS, ENQ, US});
+            write_reply(sock, POLL_REPLY);
         } else if (address == SELECT_ADDRESS) {
             LOG_AS(LEVEL_DEBUG, function, "Got Select ENQ. write ACK");
-            reply(sock, {ACK});
+            reply(sock, ACK);
         }
     }
-    reply(sock, {ACK});
+    reply(sock, ACK);
 }
 
 void echo_end_of_transmission(int sock, int *polls) {
     *polls = *polls > 0 ? *polls - 1 : 0;
     LOG_AS(LEVEL_DEBUG, "espa_read_packet", "EOT received");
-    reply(sock, {EOT});
+    reply(sock, EOT);
 }
 
 // Everything from SOH on; results as espa_read_packet().
@@ -92,7 +94,7 @@ int read_block(int sock, char *packet, int maxlen) {
             LOG_AS(LEVEL_DEBUG, function, "3 Read %.02x\n", shown_byte(place[1]));
             place[2] = '\0';
             LOG_AS(LEVEL_DEBUG, function, "Got ETX. send ACK");
-            reply(sock, {ACK});
+            reply(sock, ACK);
             return stored + 1;
         } else if (*place == EOT) {
             *place = ETX;
@@ -107,7 +109,7 @@ int read_block(int sock, char *packet, int maxlen) {
 
 // The number that an operator wrote into a suppression file; 0 when there is none.
 int suppression_number(const char *path) {
-    char line[1024];
+    char line[SUPPRESSION_LINE_SIZE];
     const unique_file_t file(fopen(path, "re"));
     if (!file || fgets(line, sizeof line, file.get()) == nullptr) {
         return 0;
@@ -116,22 +118,22 @@ int suppression_number(const char *path) {
 }
 
 bool is_suppressed(const pager_t *pager, const char *name) {
-    char path[1024];
-    join_path(path, pager->spool_dir, name);
+    char path[PATH_SIZE];
+    read_tables([&] { join_path(path, pager->spool_dir, name); });
     return suppression_number(path) < 0;
 }
 
 // Whether an alarm at this level may fire again.
-bool interval_is_over(int index, int elapsed) {
+bool interval_is_over(int index, int elapsed_seconds) {
     switch (index) {
         case 0:
             return true;
         case 1:
-            return elapsed > 4;
+            return elapsed_seconds > FIRST_INTERVAL_SECONDS;
         case 2:
-            return elapsed > 24;
+            return elapsed_seconds > SECOND_INTERVAL_SECONDS;
         default:
-            return index > 2 && elapsed > 299;
+            return index > 2 && elapsed_seconds > LATER_INTERVAL_SECONDS;
     }
 }
 
@@ -157,6 +159,14 @@ int wait_data(int sock) noexcept {
         return -1;
     }
     return has_data;
+}
+
+void write_reply(int sock, std::string_view bytes) noexcept {
+    for (const char byte : bytes) {
+        if (send(sock, &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT) != 1) {
+            return;
+        }
+    }
 }
 
 int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_poll) noexcept {
@@ -221,7 +231,7 @@ int alarm_time(pager_t *pager, int alrm) noexcept {
     const int now = seconds_now();
     const alarm_slot_t slot = alarm_slot(pager, alrm);
     if (alrm == ALARM_MESSAGE) {
-        ++*slot.index;
+        count_up(slot.index);
         *slot.last = now;
         return 1;
     }
@@ -234,5 +244,6 @@ int alarm_time(pager_t *pager, int alrm) noexcept {
         return 0;
     }
     *slot.last = now;
-    return ++*slot.index;
+    count_up(slot.index);
+    return *slot.index;
 }

@@ -5,6 +5,8 @@
 // in the socket for the next call.
 #pragma once
 
+#include <string_view>
+
 #include "espa.h"
 #include "vesperd.h"
 
@@ -12,6 +14,11 @@
 // Returns a positive number when it can, 0 when nothing arrived, negative on an error or an
 // exceptional condition.
 int wait_data(int sock) noexcept;
+
+// Writes bytes to a line, one write each. Errors are ignored, and bytes that the peer leaves no
+// room for are dropped: neither a peer that reset the connection nor one that never reads may hold
+// the daemon up.
+void write_reply(int sock, std::string_view bytes) noexcept;
 
 // Reads one link exchange or one data packet and answers it.
 //   packet     the caller's buffer, at least maxlen + 2 bytes: a block check character and its
@@ -26,24 +33,20 @@ int wait_data(int sock) noexcept;
 //   -1     the wait or a read failed, or the connection was closed between exchanges
 //    0     15 seconds of silence (a packet begun is dropped), or maxlen is not positive
 //    1     link traffic was answered; also an empty packet
-//   n > 1  a packet. Ended by ETX: n is the index of ETX, followed by the block check character and
-//   a
-//          zero; it has been acknowledged, whatever its check character. Ended by EOT: n bytes lie
-//          between SOH and the ETX stored in the EOT's place. Too long: n is maxlen - 1, and a zero
-//          stands at index maxlen
+//   n > 1  a packet. Ended by ETX: n is the index of ETX, followed by the block check character
+//          and a zero; it has been acknowledged, whatever its check character. Ended by EOT: n
+//          bytes lie between SOH and the ETX stored in the EOT's place. Too long: n is maxlen - 1,
+//          and a zero stands at index maxlen
 // A connection closed in mid-packet is not noticed: the reader goes on reading, once a second.
-// Errors of writing a reply are ignored, and a reply that the peer leaves no room for is dropped.
 int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_poll) noexcept;
 
 // Reads one line, ended by CR or LF.
-//   packet  the caller's buffer of maxlen bytes; receives the line, zero-terminated in place of its
-//   end polls   not used, may be null
+//   packet  the caller's buffer of maxlen bytes; receives the line, with a zero in place of its end
+//   polls   not used, may be null
 // Returns
 //   -1     the wait or a read failed, or the connection was closed
-//    0     15 seconds of silence (a line begun is dropped), an empty line, or maxlen is not
-//    positive
-//   n      the length of the line, at most maxlen - 1; the rest of a longer line is read as the
-//   next
+//    0     15 seconds of silence (a line begun is dropped), an empty line, or no positive maxlen
+//   n      the length of the line, at most maxlen - 1; the rest of a longer line is the next line
 int ascii_read_packet(int sock, char *packet, int maxlen, int *polls) noexcept;
 
 // Decides whether an alarm fires now: at once the first time, then after more than 4, 24 and from

@@ -1,8 +1,6 @@
 #include "re.h"
 
 #include <algorithm>
-#include <cctype>
-#include <cstdlib>
 #include <map>
 #include <memory>
 #include <string>
@@ -17,10 +15,9 @@ namespace {
 constexpr int MAX_POSITIONS = 10;  // the whole match and groups 1 to 9
 constexpr size_t ERROR_SIZE = 1024;
 
-// The C library writes every interval out, about 200 bytes a time: "x{32767}{32767}" asks for more
-// memory than the machine has. A quarter of a million is far above any pattern for a paging
-// message.
-constexpr double MAX_REPETITIONS = 262'144;
+// The C library writes intervals out, and optional pieces cost the square of their number: left
+// alone, "x{0,32767}" asks for more memory than the machine has. This much stays below 100 MB.
+constexpr double MAX_WRITTEN_OUT = 1'000'000;
 
 using compilations_t = std::map<std::string, regex_t, std::less<>>;
 
@@ -31,32 +28,44 @@ compilations_t &compilations() {
     return known;
 }
 
-// The position after the bracket expression that opens at `at`.
-size_t skip_brackets(std::string_view text, size_t at) {
+// The position of the ']' that ends the bracket expression opened at `at`. A ']' that comes first is
+// a member, and [:class:], [.element.] and [=class=] hold theirs.
+size_t end_of_brackets(std::string_view text, size_t at) {
     at += text.substr(at).starts_with("[^") ? 2 : 1;
-    return std::min(text.find(']', at + 1), text.size() - 1) + 1;
+    for (bool is_first = true; at < text.size() && (is_first || text[at] != ']');
+         is_first = false) {
+        const char kind = text[at] == '[' && at + 1 < text.size() ? text[at + 1] : '\0';
+        if (kind == ':' || kind == '.' || kind == '=') {
+            at = std::min(text.find(std::string{kind, ']'}, at + 2), text.size() - 2) + 1;
+        }
+        at++;
+    }
+    return at;
 }
 
-// The larger bound of the interval that opens at `at`, at least 1.
+// The larger bound of the interval opened at `at`, at least 1.
 double interval_bound(std::string_view text, size_t at) {
-    const std::string interval(text.substr(at + 1, text.find('}', at) - at - 1));
-    const size_t comma = interval.find(',');
-    const double least = atof(interval.c_str());
-    const double most = comma == std::string::npos ? 0 : atof(interval.c_str() + comma + 1);
-    return std::max({least, most, 1.0});
+    double largest = 1;
+    double bound = 0;
+    for (at++; at < text.size() && text[at] != '}'; at++) {
+        const bool is_digit = text[at] >= '0' && text[at] <= '9';
+        bound = is_digit ? bound * 10 + (text[at] - '0') : 0;
+        largest = std::max(largest, bound);
+    }
+    return largest;
 }
 
-// About how many characters `text` comes to once its intervals are written out.
+// A bound for the pieces that `text` comes to once its intervals are written out.
 double written_out(std::string_view text) {
     struct group_t {
-        double before = 0;  // everything in the group but its last piece
+        double before = 1;  // everything in the group but its last piece
         double last = 0;
     };
     std::vector<group_t> groups(1);
     for (size_t i = 0; i < text.size(); i++) {
         group_t &group = groups.back();
         if (text[i] == '{') {
-            group.last *= interval_bound(text, i);
+            group.last *= interval_bound(text, i) * interval_bound(text, i);
             i = std::min(text.find('}', i), text.size());
         } else if (text[i] == '(') {
             groups.emplace_back();
@@ -71,7 +80,7 @@ double written_out(std::string_view text) {
             if (text[i] == '\\') {
                 i++;
             } else if (text[i] == '[') {
-                i = skip_brackets(text, i) - 1;
+                i = end_of_brackets(text, i);
             }
         }
     }
@@ -83,7 +92,7 @@ double written_out(std::string_view text) {
 }
 
 int compile(regex_t *compiled, const char *text) {
-    if (written_out(text) > MAX_REPETITIONS) {
+    if (written_out(text) > MAX_WRITTEN_OUT) {
         return REG_ESPACE;
     }
     return regcomp(compiled, text, REG_EXTENDED | REG_NEWLINE);
@@ -114,7 +123,9 @@ int compile_regex(pattern_t *compiled, const char *text) noexcept {
 }
 
 int match_regex(const pattern_t *pattern, const char *text, char *out, int size) noexcept {
-    if (pattern->compiled == nullptr) {
+    // Once only: a reload may be emptying the record that the pattern stands in.
+    const regex_t *compiled = __atomic_load_n(&pattern->compiled, __ATOMIC_RELAXED);
+    if (compiled == nullptr) {
         return 0;
     }
     regmatch_t positions[MAX_POSITIONS];
@@ -122,7 +133,7 @@ int match_regex(const pattern_t *pattern, const char *text, char *out, int size)
     const size_t wanted = out != nullptr ? MAX_POSITIONS : 1;
     text_writer_t groups(out, size);
     int index = 0;
-    while (regexec(pattern->compiled, text, wanted, positions, 0) == 0 && *text != '\0') {
+    while (regexec(compiled, text, wanted, positions, 0) == 0 && *text != '\0') {
         const int end = positions[0].rm_eo;
         if (end == 0) {
             break;  // an empty match here would be found again and again

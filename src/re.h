@@ -18,8 +18,7 @@ int compile_regex(pattern_t *compiled, const char *text) noexcept;
 // Scans `text` for successive matches, from left to right; "^" matches at the start of every
 // remaining piece.
 //   out, size  when out is not null, receives the texts of groups 1 to 9 of every match, one after
-//   the
-//              other, cut at size - 1 bytes and zero-terminated; untouched when there are none
+//              the other, cut at size - 1 bytes and zero-terminated; untouched when there are none
 // Returns the length in bytes of the last match, 0 when there was none. An empty match where the
 // scan stands ends it and does not count.
 int match_regex(const pattern_t *pattern, const char *text, char *out, int size) noexcept;

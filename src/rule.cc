@@ -12,6 +12,54 @@ namespace {
 
 constexpr const char *NAME_SEPARATORS = ":,;";
 
+// How a rule came to be chosen.
+struct choice_t {
+    rule_t *rule;      // null: none
+    int best;          // the match index, 0 for a default rule
+    bool has_no_list;  // the pager lists no rules
+};
+
+choice_t choose(const pager_t *pager, const char *message) {
+    char list[sizeof pager->rules];
+    copy_text(list, pager->rules);
+    choice_t choice{nullptr, 0, list[0] == '\0'};
+    char *rest = nullptr;
+    for (const char *name = strtok_r(list, NAME_SEPARATORS, &rest); name != nullptr;
+         name = strtok_r(nullptr, NAME_SEPARATORS, &rest)) {
+        rule_t *rule = get_rule_by_name(name);
+        const int index = rule != nullptr ? match_regex(&rule->pattern, message, nullptr, 0) : 0;
+        if (index > choice.best) {
+            choice.rule = rule;
+            choice.best = index;
+        }
+    }
+    if (choice.rule == nullptr) {
+        choice.rule = get_rule_by_name(pager->default_rule);
+    }
+    return choice;
+}
+
+// Chooses a rule and, when `copy` is not null, copies it. Logs on behalf of select_rule().
+rule_t *choose_and_log(const pager_t *pager, const char *message, rule_t *copy) {
+    const char *text = message != nullptr ? message : "";
+    choice_t choice{};
+    read_tables([&] {
+        choice = choose(pager, text);
+        if (copy != nullptr && choice.rule != nullptr) {
+            *copy = *choice.rule;
+        }
+    });
+    if (choice.has_no_list) {
+        LOG_AS(LEVEL_DEBUG, "select_rule", "No rules set up in pager '%s', using default rule\n",
+               pager->name);
+    } else if (choice.best > 0) {
+        LOG_AS(LEVEL_DEBUG, "select_rule",
+               "For message '%s' selected rule '%s' with match index %d\n", text, choice.rule->name,
+               choice.best);
+    }
+    return choice.rule;
+}
+
 }  // namespace
 
 rule_t *get_rule_by_name(const char *name) noexcept {
@@ -29,29 +77,9 @@ rule_t *get_rule_by_name(const char *name) noexcept {
 }
 
 rule_t *select_rule(const pager_t *pager, const char *message) noexcept {
-    const char *text = message != nullptr ? message : "";
-    char list[sizeof pager->rules];
-    copy_text(list, pager->rules);
-    if (list[0] == '\0') {
-        LOG(LEVEL_DEBUG, "No rules set up in pager '%s', using default rule\n", pager->name);
-        return get_rule_by_name(pager->default_rule);
-    }
-    rule_t *selected = nullptr;
-    int best = 0;
-    char *rest = nullptr;
-    for (const char *name = strtok_r(list, NAME_SEPARATORS, &rest); name != nullptr;
-         name = strtok_r(nullptr, NAME_SEPARATORS, &rest)) {
-        rule_t *rule = get_rule_by_name(name);
-        const int index = rule != nullptr ? match_regex(&rule->pattern, text, nullptr, 0) : 0;
-        if (index > best) {
-            selected = rule;
-            best = index;
-        }
-    }
-    if (selected == nullptr) {
-        return get_rule_by_name(pager->default_rule);
-    }
-    LOG(LEVEL_DEBUG, "For message '%s' selected rule '%s' with match index %d\n", text,
-        selected->name, best);
-    return selected;
+    return choose_and_log(pager, message, nullptr);
+}
+
+bool choose_rule(const pager_t *pager, const char *message, rule_t *rule) noexcept {
+    return choose_and_log(pager, message, rule) != nullptr;
 }

@@ -14,3 +14,7 @@ rule_t *get_rule_by_name(const char *name) noexcept;
 // against the message. A null message counts as the empty one, which no listed rule matches.
 // Returns null when the default rule is not found either.
 rule_t *select_rule(const pager_t *pager, const char *message) noexcept;
+
+// Copies the rule that select_rule() chooses to `rule`, untorn by a reload. Returns whether there
+// is one.
+bool choose_rule(const pager_t *pager, const char *message, rule_t *rule) noexcept;

@@ -1,25 +1,33 @@
 #include "vesperd.h"
 
+#include <fcntl.h>
+#include <libgen.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <pwd.h>
+#include <signal.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "action.h"
 #include "clock.h"
 #include "cmdline.h"
 #include "conf.h"
+#include "daemon.h"
 #include "espa.h"
 #include "fd.h"
 #include "logger.h"
 #include "proto.h"
 #include "rule.h"
+#include "sig.h"
 
 std::atomic<int> doexit;
 
@@ -31,7 +39,8 @@ constexpr const char *ACCOUNT = "ovo";
 constexpr long CONNECT_PAUSE_US = 3'000'000;
 constexpr long SOCKET_FAILURE_PAUSE_US = 1'000'000;
 constexpr long ASCII_MESSAGE_PAUSE_US = 10'000;
-constexpr useconds_t MAIN_LOOP_PAUSE_US = 1'000'000;
+constexpr long SHUTDOWN_GRACE_US = 10'000'000;
+constexpr long MAIN_LOOP_PAUSE_US = 1'000'000;
 
 constexpr int SILENCE_LIMIT_SECONDS = 10;  // on an ESPA line; read_timeout is for ASCII lines
 constexpr size_t MIN_ASCII_LENGTH = 5;
@@ -95,10 +104,24 @@ unsigned shown_port(const pager_t *pager) {
     return static_cast<unsigned>(pager->port);
 }
 
+// A connect that a signal interrupted goes on by itself; returns whether it succeeded in the end.
+bool finish_connect(int sock) {
+    pollfd waiting{sock, POLLOUT, 0};
+    while (poll(&waiting, 1, -1) < 0 && errno == EINTR) {
+    }
+    int error = 0;
+    socklen_t size = sizeof error;
+    return getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
+}
+
 bool connect_socket(int sock, const pager_t *pager) {
-    sockaddr_in address = pager->sin;
+    sockaddr_in address{};
+    read_tables([&] { address = pager->sin; });
     address.sin_family = AF_INET;  // an emptied record has none, which would mean "disconnect"
-    return connect(sock, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    if (connect(sock, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
+        return true;
+    }
+    return errno == EINTR && finish_connect(sock);
 }
 
 // Returns whether the line is connected.
@@ -256,31 +279,86 @@ void start_service_threads() {
     }
 }
 
-[[noreturn]] void run_daemon(const passwd &account) {
+void start_logger() {
+    logger_init(logfile, loglevel, logtype == 1, 0);
+}
+
+// In this order. Registering SIGTERM twice does no harm, and the system refuses SIGKILL.
+void install_signal_handlers() {
+    struct {
+        int signo;
+        signal_handler_t handler;
+    } const handlers[] = {
+        {SIGHUP, sig_hup},   {SIGTERM, sig_term}, {SIGTERM, sig_term}, {SIGCHLD, SIG_IGN},
+        {SIGUSR1, SIG_IGN},  {SIGUSR2, SIG_IGN},  {SIGINT, sig_term},  {SIGABRT, sig_term},
+        {SIGQUIT, sig_term}, {SIGKILL, sig_term},
+    };
+    for (const auto &entry : handlers) {
+        signal_set_handler(entry.signo, 0, entry.handler);
+    }
+}
+
+// The daemon works in "/", from where a reload would not find a relative path.
+void make_config_path_absolute() {
+    char *directory = config_file[0] != '/' ? getcwd(nullptr, 0) : nullptr;
+    if (directory != nullptr) {
+        const std::string path = std::string(directory) + "/" + config_file;
+        free(directory);
+        free(config_file);
+        config_file = strdup(path.c_str());
+    }
+}
+
+// Only the child returns.
+void go_to_background(const char *program) {
+    if (fork() != 0) {
+        free_confvals();
+        exit(0);  // also when the fork failed
+    }
+    install_signal_handlers();
+    make_config_path_absolute();
+    std::string path(program);
+    daemon_init(basename(path.data()));  // without a pidfile when another instance holds it
+}
+
+[[noreturn]] void run_daemon(const char *program, uid_t uid, gid_t gid) {
     if (console_log != 0) {
         logfile[0] = '\0';  // an empty file name stands for standard error
     }
-    logger_init(logfile, loglevel, logtype == 1, 0);
-    // The account's group id takes the place of the effective user id: accounts have the two equal.
-    if (setreuid(account.pw_uid, account.pw_gid) != 0) {
+    if (foreground == 0) {
+        go_to_background(program);
+    }
+    start_logger();
+    // The group id in the place of the effective user id: the account has the two equal.
+    if (setreuid(uid, gid) != 0) {
         LOG_AS(LEVEL_ERROR, "main", "Unable to set uid to user ovo\n");
         exit(0);
     }
     start_service_threads();
     for (;;) {
-        usleep(MAIN_LOOP_PAUSE_US);
+        signal_handle_all();
+        pause_us(MAIN_LOOP_PAUSE_US);  // signals that come in the meantime are handled together
     }
+}
+
+// A line's socket must not come out as a descriptor that the log is written to.
+void occupy_standard_descriptors() {
+    int fd = 0;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    close(fd);
 }
 
 }  // namespace
 
 void process_message(pager_t *pager, int alrm, const char *number, const char *message) noexcept {
-    rule_t *rule = select_rule(pager, message);
-    if (rule == nullptr) {
+    rule_t rule;
+    if (!choose_rule(pager, message, &rule)) {
         LOG(LEVEL_ERROR, "empty rules for pager");
         return;
     }
-    call_action(pager, alrm, number != nullptr ? number : "", message, rule);
+    call_action(pager, alrm, number != nullptr ? number : "", message, &rule);
 }
 
 void *service_proc(void *argument) noexcept {
@@ -295,7 +373,31 @@ void *service_proc(void *argument) noexcept {
     return nullptr;
 }
 
+void sig_term(int signo) noexcept {
+    LOG(LEVEL_NOTICE, "Caught signal %d. Exiting.", signo);
+    doexit = 1;
+    pause_us(SHUTDOWN_GRACE_US);
+    free_confvals();
+    if (foreground == 0) {
+        daemon_close();
+    }
+    exit(0);
+}
+
+void sig_hup(int /*signo*/) noexcept {
+    const std::string path(config_file);
+    LOG(LEVEL_NOTICE, "Hangup. Reloading configuration.");
+    free_confvals();
+    if (load_conf(path.c_str()) < 0) {
+        LOG(LEVEL_ERROR, "Unable to open configuration file %s. Exiting...", path.c_str());
+        doexit = 1;
+        exit(0);
+    }
+    start_logger();
+}
+
 void vesperd_run(int argc, char **argv) noexcept {
+    occupy_standard_descriptors();
     if (argc > 1) {
         get_options(argc, argv);
     }
@@ -307,7 +409,8 @@ void vesperd_run(int argc, char **argv) noexcept {
         fprintf(stderr, "No user ovo\n");
         exit(0);
     }
-    const passwd identity = *account;  // the library's record does not outlive the next look-up
+    const uid_t uid = account->pw_uid;
+    const gid_t gid = account->pw_gid;
     if (load_conf(config_file) < 0) {
         fprintf(stderr, "\nUnable to open configuration file %s. Exiting...\n\n", config_file);
         exit(0);
@@ -317,5 +420,5 @@ void vesperd_run(int argc, char **argv) noexcept {
         free_confvals();
         exit(0);
     }
-    run_daemon(identity);
+    run_daemon(argv[0], uid, gid);
 }

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <thread>
 
 #include "re.h"
 
@@ -94,6 +95,26 @@ extern char *logfile;            // heap text
 extern uint8_t logtype;          // 1 = syslog
 extern uint16_t loglevel;
 
+// Counts the beginnings and ends of rewriting the tables: odd while one is under way (conf.cc).
+extern std::atomic<unsigned> table_generation;
+
+// Calls `read`, and again if the tables were rewritten meanwhile: what it copied last belongs
+// together.
+template <typename reader_t>
+void read_tables(reader_t read) noexcept {
+    for (;;) {
+        const unsigned before = table_generation.load(std::memory_order_acquire);
+        if (before % 2 == 0) {
+            read();
+            std::atomic_thread_fence(std::memory_order_acquire);
+            if (table_generation.load(std::memory_order_relaxed) == before) {
+                return;
+            }
+        }
+        std::this_thread::yield();
+    }
+}
+
 // Shutdown (vesperd.cc): set once, polled by every service thread.
 extern std::atomic<int> doexit;
 
@@ -102,6 +123,14 @@ extern std::atomic<int> doexit;
 //   number   call address, or null
 //   message  message text
 void process_message(pager_t *pager, int alrm, const char *number, const char *message) noexcept;
+
+// Handler of the terminating signals: lets the service threads finish for ten seconds, removes the
+// pidfile and exits with status 0.
+[[noreturn]] void sig_term(int signo) noexcept;
+
+// Handler of SIGHUP: loads the configuration file again and starts the logger anew. When the file
+// cannot be opened, exits with status 0 at once and leaves the pidfile behind.
+void sig_hup(int signo) noexcept;
 
 // Start routine of a service thread; `pager` is the thread's pager_t. Connects, reads, dispatches
 // and reconnects until `doexit` is set. Returns null.

@@ -20,8 +20,7 @@ class Action : public testing::Test {
         copy_text(pager.default_rule, "rule_a");
         set_rule(CALL, "2001", "default", "1234", "SIP/2001");
     }
-    void set_rule(int action, const char *extension, const char *context, const char *callerid,
-                  const char *channel) {
+    void set_rule(int action, const char *extension, const char *context, const char *callerid, const char *channel) {
         copy_text(rule.name, "rule_a");
         rule.action = action;
         copy_text(rule.extension, extension);
@@ -33,11 +32,10 @@ class Action : public testing::Test {
         copy_text(rule.values[slot].name, name);
         compile_regex(&rule.values[slot].pattern, pattern);
     }
-    std::string expand(const std::string &fmt, const char *message = "FIRE ZONE 3 ROOM 12",
-                       int size = 1024, int alrm = ALARM_MESSAGE, const char *number = "4711") {
+    std::string expand(const std::string &fmt, const char *message = "FIRE ZONE 3 ROOM 12", int size = 1024,
+                       int alrm = ALARM_MESSAGE, const char *number = "4711") {
         std::string line(static_cast<size_t>(size) + 1, '#');
-        const int length = format_string(line.data(), size, fmt.c_str(), alrm, number, message,
-                                         &pager, rule.values);
+        const int length = format_string(line.data(), size, fmt.c_str(), alrm, number, message, &pager, rule.values);
         EXPECT_EQ(line.back(), '#');
         EXPECT_EQ(line.substr(static_cast<size_t>(length), static_cast<size_t>(size - length)),
                   std::string(static_cast<size_t>(size - length), '\0'));
@@ -59,10 +57,9 @@ TEST_F(Action, Placeholders) {
     struct {
         int code;
         const char *name;
-    } const names[] = {
-        {1, "connection_lost"}, {2, "connected"},     {4, "message"},     {8, ""},
-        {16, "message"},        {32, "started"},      {64, "terminated"}, {128, "general_error"},
-        {999, "general_error"}, {-1, "general_error"}};
+    } const names[] = {{1, "connection_lost"}, {2, "connected"},     {4, "message"},     {8, ""},
+                       {16, "message"},        {32, "started"},      {64, "terminated"}, {128, "general_error"},
+                       {999, "general_error"}, {-1, "general_error"}};
     for (const auto &row : names) {
         EXPECT_EQ(expand("%alarm%", "", 64, row.code), row.name) << row.code;
     }
@@ -117,12 +114,10 @@ TEST_F(Action, CallFileThatCannotBeWritten) {
 TEST_F(Action, ScriptRunsThroughTheShell) {
     const captured_log_t log;
     rule.action = SCRIPT;
-    copy_text(rule.callscript,
-              "echo %number% %alarm% '%message%' > " + dir.path("out") + "; exit 3");
+    copy_text(rule.callscript, "echo %number% %alarm% '%message%' > " + dir.path("out") + "; exit 3");
     call_action(&pager, ALARM_MESSAGE, "4711", "FIRE", &rule);
     EXPECT_EQ(dir.read("out"), "4711 message FIRE\n");
-    EXPECT_THAT(log.messages(),
-                testing::StartsWith("Calling cmd line: echo 4711 message 'FIRE' > "));
+    EXPECT_THAT(log.messages(), testing::StartsWith("Calling cmd line: echo 4711 message 'FIRE' > "));
 }
 
 TEST_F(Action, AlarmIntervals) {
@@ -192,8 +187,7 @@ TEST_F(Action, ServiceAlarmsRunTheDefaultRule) {
     const captured_log_t log;
     set_rule(CALL, "x%alarm%", "[%number%%message%]", "", "");
     call_service_action(&pager, ALARM_NO_RESPONSE);
-    EXPECT_EQ(log.messages(),
-              "Call service action connection_lost\n\nService actions disabled\n\n");
+    EXPECT_EQ(log.messages(), "Call service action connection_lost\n\nService actions disabled\n\n");
     EXPECT_EQ(pager.alarms[1].index, 1);
     EXPECT_EQ(dir.list("call_").size(), 0u);
     pager.send_service_actions = 1;
@@ -210,8 +204,50 @@ TEST_F(Action, ServiceAlarmsRunTheDefaultRule) {
     copy_text(pager.rules, "rule_a");
     call_script(&pager, ALARM_GENERAL_ERROR, &packet);
     ASSERT_EQ(dir.list("call_").size(), 2u);
-    EXPECT_THAT(dir.read(dir.list("call_xgeneral").at(0)),
-                testing::HasSubstr("Context: [47FIRE]\r\n"));
+    EXPECT_THAT(dir.read(dir.list("call_xgeneral").at(0)), testing::HasSubstr("Context: [47FIRE]\r\n"));
+}
+
+TEST_F(Action, StatusFeedback) {
+    const captured_log_t log;
+    const pair_t line = make_socketpair();
+    pager.socket = line.near.get();
+    const auto feedback = [&](const std::string &status, const std::string &call) {
+        dir.write("status_42", status);
+        dir.write("call_42", call);
+        process_status_feedbacks(&pager);
+        EXPECT_EQ(dir.list(), std::vector({"call_42"s}));
+        return read_available(line.far);
+    };
+    const std::string opening =
+        "\x04"
+        "1\x05"
+        "2\x05\x01"
+        "2\x02"
+        "1\x1F";
+    EXPECT_EQ(feedback("3\nrest", "1234\r\nFIRE\nmore\n"), opening +
+                                                               "1234\x1E"
+                                                               "2\x1F"
+                                                               "FIRE\x1E"
+                                                               "7\x1F"
+                                                               "3\n\x03");
+    EXPECT_EQ(feedback("3", "\nFIRE"), opening +
+                                           "\x1E"
+                                           "2\x1F"
+                                           "FIRE\x1E"
+                                           "7\x1F"
+                                           "3\0\x03"s);
+    EXPECT_EQ(feedback("", ""), opening +
+                                    "\x1E"
+                                    "2\x1F\x1E"
+                                    "7\x1F\0\0\x03"s);
+    EXPECT_THAT(log.messages(), testing::StartsWith("send call status 3 to 1234\n"));
+    dir.write("status_x", "1\n");
+    process_status_feedbacks(&pager);
+    EXPECT_EQ(dir.list(), std::vector({"call_42"s}));
+    EXPECT_EQ(read_available(line.far), "");
+    copy_text(pager.spool_dir, "/missing");
+    process_status_feedbacks(&pager);
+    EXPECT_THAT(log.messages(), testing::HasSubstr("Unable to open directory\n\nCall service action general_error\n"));
 }
 
 }  // namespace

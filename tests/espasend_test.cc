@@ -18,8 +18,7 @@ std::string usage_error(std::vector<std::string> arguments) {
 TEST(Espasend, RefusesBadArguments) {
     EXPECT_THAT(usage_error({"--message", "x"}), testing::HasSubstr("either --listen or --device"));
     EXPECT_THAT(usage_error({"--listen", "1"}), testing::HasSubstr("at least one --message"));
-    EXPECT_THAT(usage_error({"--listen", "70000"}),
-                testing::HasSubstr("--listen takes a number from 0 to 65535"));
+    EXPECT_THAT(usage_error({"--listen", "70000"}), testing::HasSubstr("--listen takes a number from 0 to 65535"));
     EXPECT_THAT(usage_error({"--count", "3x"}), testing::HasSubstr("--count takes a number"));
     EXPECT_THAT(usage_error({"--message", "a\x03"}), testing::HasSubstr("control characters"));
     EXPECT_THAT(usage_error({"--unknown"}), testing::HasSubstr("unrecognized option"));
@@ -48,9 +47,8 @@ TEST(Espasend, DeliversOverASerialDevice) {
     ASSERT_EQ(grantpt(daemon.get()) | unlockpt(daemon.get()), 0);
     const std::string device = ptsname(daemon.get());
     const unique_fd_t keep(open(device.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
-    program_t tool({"espasend", "--device", device, "--wait", "5", "--address", "47", "--message",
-                    "FIRE", "--beep", "2", "--type", "3", "--transmissions", "4", "--priority",
-                    "1"});
+    program_t tool({"espasend", "--device", device, "--wait", "5", "--address", "47", "--message", "FIRE", "--beep",
+                    "2", "--type", "3", "--transmissions", "4", "--priority", "1"});
     control_station_t line(daemon.get(), 30, nullptr);
     const std::string packet =
         "\x01"
@@ -72,8 +70,7 @@ TEST(Espasend, DeliversOverASerialDevice) {
         line.send_bytes(sent == "\x04" ? "\x04" : sent == "1\x05" ? "\x06\x06" : "");
     }
     EXPECT_EQ(tool.wait(), 1);
-    EXPECT_THAT(tool.output(),
-                testing::HasSubstr("-> SOH '1' STX '1' US '47' RS '2' US 'FIRE' RS '3'"));
+    EXPECT_THAT(tool.output(), testing::HasSubstr("-> SOH '1' STX '1' US '47' RS '2' US 'FIRE' RS '3'"));
     EXPECT_THAT(tool.output(), testing::HasSubstr("<- ACK ACK\n"));
     EXPECT_THAT(tool.output(), testing::EndsWith("espasend: no ACK: no answer within 5 seconds\n"));
 }

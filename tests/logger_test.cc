@@ -33,10 +33,9 @@ TEST(Logger, Layout) {
     const captured_log_t log;
     LOG(LEVEL_ERROR, "text %d", 7);
     write_log(LEVEL_VERBOSE, "file", 185, "function", "ends in a newline\n");
-    EXPECT_THAT(log.text(), testing::MatchesRegex(
-                                "[0-9][0-9]/[0-9][0-9]/[0-9][0-9] [0-9:]+:  "
-                                "ERROR\\[[0-9]+\\]: logger_test:[0-9]+ in TestBody: text 7\n"
-                                "[0-9/]+ [0-9:]+:  VERBOSE\\[[0-9]+\\]: ends in a newline\n\n"));
+    EXPECT_THAT(log.text(), testing::MatchesRegex("[0-9][0-9]/[0-9][0-9]/[0-9][0-9] [0-9:]+:  "
+                                                  "ERROR\\[[0-9]+\\]: logger_test:[0-9]+ in TestBody: text 7\n"
+                                                  "[0-9/]+ [0-9:]+:  VERBOSE\\[[0-9]+\\]: ends in a newline\n\n"));
 }
 
 TEST(Logger, CutsAtTheMessageBuffer) {
@@ -57,9 +56,8 @@ TEST(Logger, StandardErrorWhereThereIsNoFile) {
         LOG(LEVEL_ERROR, "filtered");
         logger_init(file.c_str(), 5, 0, 1);
         LOG(LEVEL_ERROR, "disabled");
-        EXPECT_THAT(
-            testing::internal::GetCapturedStderr(),
-            testing::MatchesRegex("[0-9/]+ [0-9:]+:  ERROR\\[[0-9]+\\]: logger_test:.*: seen\n"));
+        EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                    testing::MatchesRegex("[0-9/]+ [0-9:]+:  ERROR\\[[0-9]+\\]: logger_test:.*: seen\n"));
     }
 }
 

@@ -56,8 +56,7 @@ const exchange_t exchanges[] = {
      2, "", 0, 3, 3,
      "\x01"
      "ab\x03"},
-    {"every byte is kept", "\x01\x01\x00\xFF\x1E\x05\x03q"s, 6, "\x06", 0, 0, 0,
-     "\x01\x01\x00\xFF\x1E\x05\x03q\0"s},
+    {"every byte is kept", "\x01\x01\x00\xFF\x1E\x05\x03q"s, 6, "\x06", 0, 0, 0, "\x01\x01\x00\xFF\x1E\x05\x03q\0"s},
     {"full buffer",
      "\x01"
      "abcdefghij",
@@ -86,9 +85,7 @@ TEST(EspaReader, AnswersAndResults) {
         send_all(line.far, row.sent);
         std::string buffer(static_cast<size_t>(row.maxlen) + 2, '?');
         int polls = row.polls_before;
-        EXPECT_EQ(
-            espa_read_packet(line.near.get(), buffer.data(), row.maxlen, &polls, row.espa_poll),
-            row.result);
+        EXPECT_EQ(espa_read_packet(line.near.get(), buffer.data(), row.maxlen, &polls, row.espa_poll), row.result);
         EXPECT_EQ(read_available(line.far), row.replies);
         EXPECT_EQ(polls, row.polls_after);
         EXPECT_EQ(buffer.substr(0, row.buffer.size()), row.buffer);
@@ -340,8 +337,7 @@ TEST(Espa, ParsesCallRecords) {
         EXPECT_EQ(parse_espa_packet(&p, buffer.data(), static_cast<int>(buffer.size())), 0);
         EXPECT_EQ(p.header_type, row.type);
         EXPECT_EQ(std::string(p.record.call_address, row.address.size() + 1), row.address + '\0');
-        EXPECT_EQ(std::string(p.record.display_message, row.message.size() + 1),
-                  row.message + '\0');
+        EXPECT_EQ(std::string(p.record.display_message, row.message.size() + 1), row.message + '\0');
         EXPECT_EQ(p.record.priority, 0);
     }
 }

@@ -63,8 +63,7 @@ captured_log_t::~captured_log_t() {
 }
 
 std::string captured_log_t::messages() const {
-    static const std::regex prefix(
-        "(^|\n)[0-9/]+ [0-9:]+:  [A-Z]+\\[[0-9]+\\]: (\\w+:[0-9]+ in \\w+: )?");
+    static const std::regex prefix("(^|\n)[0-9/]+ [0-9:]+:  [A-Z]+\\[[0-9]+\\]: (\\w+:[0-9]+ in \\w+: )?");
     return std::regex_replace(text(), prefix, "$1");
 }
 
@@ -148,10 +147,10 @@ converter_t::converter_t() {
     }
 }
 
-unique_fd_t converter_t::accept() const {
+unique_fd_t converter_t::accept(int wait_seconds) const {
     std::string error;
-    unique_fd_t line = accept_within(listener_.get(), 60, &error);
-    EXPECT_TRUE(line) << error;
+    unique_fd_t line = accept_within(listener_.get(), wait_seconds, &error);
+    EXPECT_TRUE(line || wait_seconds == 0) << error;
     return line;
 }
 
@@ -163,14 +162,12 @@ std::string daemon_obstacle() {
 }
 
 daemon_t::daemon_t(const std::string &pager, const std::string &sections) {
-    dir.write("quillet.conf",
-              "[line]\nhost = 127.0.0.1\nport = " + std::to_string(converter.port()) +
-                  "\nspool_dir = " + dir.path() + "\n" + pager + "\n" + sections);
+    dir.write("quillet.conf", "[line]\nhost = 127.0.0.1\nport = " + std::to_string(converter.port()) +
+                                  "\nspool_dir = " + dir.path() + "\n" + pager + "\n" + sections);
 }
 
 void daemon_t::start() {
-    program_ = std::make_unique<program_t>(
-        std::vector{"vesperd"s, "-f"s, "-d"s, "-c"s, dir.path("quillet.conf")});
+    program_ = std::make_unique<program_t>(std::vector{"vesperd"s, "-f"s, "-d"s, "-c"s, dir.path("quillet.conf")});
 }
 
 bool daemon_t::logs(const std::string &text, int times) const {
@@ -194,8 +191,8 @@ std::vector<std::string> daemon_t::calls(const std::string &extension) const {
     return contents;
 }
 
-std::string call_file(const std::string &channel, const std::string &context,
-                      const std::string &extension, const std::string &callerid) {
+std::string call_file(const std::string &channel, const std::string &context, const std::string &extension,
+                      const std::string &callerid) {
     return "Channel: " + channel + "\r\nContext: " + context + "\r\nExtension: " + extension +
            "\r\nCallerID: " + callerid + "\r\nPriority: 1\r\nMaxRetries: 0\r\n";
 }

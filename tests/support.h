@@ -81,7 +81,7 @@ class converter_t {
     converter_t();
     int port() const { return port_; }
     // Waits for the daemon's connection.
-    unique_fd_t accept() const;
+    unique_fd_t accept(int wait_seconds = 60) const;
     void close() { listener_.reset(); }
 
   private:
@@ -115,5 +115,5 @@ class daemon_t {
 };
 
 // What a call file holds.
-std::string call_file(const std::string &channel, const std::string &context,
-                      const std::string &extension, const std::string &callerid);
+std::string call_file(const std::string &channel, const std::string &context, const std::string &extension,
+                      const std::string &callerid);
