@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include <atomic>
 #include <cerrno>
 
 namespace {
@@ -14,7 +15,8 @@ struct real_signal_handler_t {
 };
 
 real_signal_handler_t g_handler[LAST_SIGNAL + 1];
-volatile sig_atomic_t g_received[LAST_SIGNAL + 1];
+std::atomic<int> g_received[LAST_SIGNAL + 1];  // any thread may take a signal
+static_assert(std::atomic<int>::is_always_lock_free, "counted in signal context");
 
 bool is_signal(int signo) {
     if (signo >= 0 && signo <= LAST_SIGNAL) {
@@ -66,15 +68,14 @@ int signal_addset(int signo_handled, int signo_blocked) noexcept {
 }
 
 int signal_received(int signo) noexcept {
-    return is_signal(signo) ? g_received[signo] : -1;
+    return is_signal(signo) ? g_received[signo].load() : -1;
 }
 
 int signal_raise(int signo) noexcept {
     if (!is_signal(signo)) {
         return -1;
     }
-    g_received[signo] = g_received[signo] + 1;
-    return g_received[signo];
+    return ++g_received[signo];
 }
 
 int signal_handle(int signo) noexcept {
@@ -102,5 +103,5 @@ void signal_handle_all() noexcept {
 }
 
 void signal_catcher(int signo) noexcept {
-    g_received[signo] = g_received[signo] + 1;
+    ++g_received[signo];
 }
