@@ -15,8 +15,9 @@ namespace {
 constexpr int MAX_POSITIONS = 10;  // the whole match and groups 1 to 9
 constexpr size_t ERROR_SIZE = 1024;
 
-// The C library writes intervals out, and optional pieces cost the square of their number: left
-// alone, "x{0,32767}" asks for more memory than the machine has. This much stays below 100 MB.
+// The C library writes repetitions out: "+" doubles its piece, an interval costs up to the square of
+// its bound. Left alone, "x{0,32767}" or thirty "+" in a row ask for more memory than the machine has.
+// This much stays below 100 MB.
 constexpr double MAX_WRITTEN_OUT = 1'000'000;
 
 using compilations_t = std::map<std::string, regex_t, std::less<>>;
@@ -67,6 +68,8 @@ double written_out(std::string_view text) {
         if (text[i] == '{') {
             group.last *= interval_bound(text, i) * interval_bound(text, i);
             i = std::min(text.find('}', i), text.size());
+        } else if (text[i] == '+') {
+            group.last *= 2;
         } else if (text[i] == '(') {
             groups.emplace_back();
         } else if (text[i] == ')' && groups.size() > 1) {
