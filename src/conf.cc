@@ -213,6 +213,8 @@ void stage_rule(const dictionary *dict, const char *name, staged_t *staged) {
 // Stages the sections in file order until one of the tables is full.
 staged_t stage_sections(const dictionary *dict) {
     staged_t staged;
+    staged.pagers.reserve(MAX_PAGERS);  // growing would hold the records twice
+    staged.rules.reserve(MAX_RULES);
     const int sections = iniparser_getnsec(dict);
     for (int i = 0; i < sections; i++) {
         const char *name = iniparser_getsecname(dict, i);

@@ -1,0 +1,149 @@
+#include "site.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "line.h"
+
+namespace {
+
+constexpr int FIRST_PORT = 21000;
+constexpr int LAST_PORT = 31000;
+
+double seconds(const timeval &time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+}
+
+// A tracer passes no signal on, so its child is the one to end.
+pid_t innermost_process(pid_t pid) {
+    const std::string number = std::to_string(pid);
+    std::ifstream children("/proc/" + number + "/task/" + number + "/children");
+    pid_t child = 0;
+    return children >> child ? child : pid;
+}
+
+}  // namespace
+
+[[noreturn]] void give_up(const std::string &why) {
+    fprintf(stderr, "bench: %s\n", why.c_str());
+    exit(EXIT_FAILURE);
+}
+
+site_t::site_t(int lines) {
+    char name[] = "/dev/shm/vesper-bench-XXXXXX";
+    const passwd *account = getpwnam("ovo");
+    if (geteuid() != 0 || account == nullptr) {
+        give_up("needs root and the account ovo");
+    }
+    if (mkdtemp(name) == nullptr || chown(name, account->pw_uid, account->pw_gid) != 0) {
+        give_up("cannot make a directory in /dev/shm");
+    }
+    chmod(name, 0777);
+    dir_ = name;
+    std::string error;
+    for (int port = FIRST_PORT; port < LAST_PORT && std::ssize(listeners_) < lines; port++) {
+        unique_fd_t listener = listen_on("127.0.0.1", port, &error);
+        if (listener) {
+            listeners_.push_back(std::move(listener));
+        }
+    }
+}
+
+site_t::~site_t() {
+    stop();
+    std::filesystem::remove_all(dir_);
+}
+
+std::vector<std::string> site_t::ports() const {
+    std::vector<std::string> ports;
+    for (const unique_fd_t &listener : listeners_) {
+        ports.push_back(std::to_string(bound_port(listener.get())));
+    }
+    return ports;
+}
+
+std::string site_t::write_conf(int log_level, const std::string &pager_keys,
+                               const std::string &sections) const {
+    const std::string path = dir_ + "/conf";
+    std::ofstream conf(path);
+    conf << "[logger]\nlog_level = " << log_level << "\nlog_file = " << log_file() << "\n"
+         << sections;
+    int number = 0;
+    for (const std::string &port : ports()) {
+        conf << "[line" << number++ << "]\nhost = 127.0.0.1\nport = " << port
+             << "\nspool_dir = " << dir_ << "\n"
+             << pager_keys;
+    }
+    return path;
+}
+
+void site_t::start(const std::vector<std::string> &arguments) {
+    const std::string path =
+        arguments[0].starts_with('/') ? arguments[0] : PROGRAM_DIR "/" + arguments[0];
+    std::vector<char *> argv;
+    for (const std::string &argument : arguments) {
+        argv.push_back(const_cast<char *>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+        execv(path.c_str(), argv.data());
+        _exit(127);
+    }
+}
+
+unique_fd_t site_t::accept(int line) const {
+    std::string error;
+    unique_fd_t sock = accept_within(listeners_[static_cast<size_t>(line)].get(), 60, &error);
+    if (!sock) {
+        give_up(error);
+    }
+    return sock;
+}
+
+long site_t::status_kilobytes(const std::string &field) const {
+    std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(field)) {
+            return atol(line.c_str() + field.size());
+        }
+    }
+    return 0;
+}
+
+usage_t site_t::usage() const {
+    std::ifstream stat("/proc/" + std::to_string(pid_) + "/stat");
+    std::string word;
+    double ticks = 0;
+    for (int field = 1; stat >> word && field <= 15; field++) {
+        ticks += field >= 14 ? atof(word.c_str()) : 0;  // user and system time
+    }
+    return {ticks / static_cast<double>(sysconf(_SC_CLK_TCK)), status_kilobytes("VmHWM:")};
+}
+
+long site_t::resident_kilobytes() const {
+    return status_kilobytes("VmRSS:");
+}
+
+usage_t site_t::stop() {
+    if (pid_ <= 0) {
+        return {};
+    }
+    usage_t used;
+    used.peak_kilobytes = usage().peak_kilobytes;
+    kill(innermost_process(pid_), SIGTERM);
+    rusage taken{};
+    int status = 0;
+    wait4(pid_, &status, 0, &taken);
+    pid_ = -1;
+    used.cpu_seconds = seconds(taken.ru_utime) + seconds(taken.ru_stime);
+    return used;
+}

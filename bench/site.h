@@ -1,0 +1,50 @@
+// A daemon, or another program in its place, at work on a number of lines.
+#pragma once
+
+#include <sys/resource.h>
+
+#include <string>
+#include <vector>
+
+#include "fd.h"
+
+// What a program took while it ran.
+struct usage_t {
+    double cpu_seconds = 0;
+    long peak_kilobytes = 0;
+};
+
+class site_t {
+  public:
+    // Makes a working directory in memory and `lines` listening sockets.
+    explicit site_t(int lines);
+    ~site_t();
+
+    const std::string &dir() const { return dir_; }
+    std::string log_file() const { return dir_ + "/log"; }
+    std::vector<std::string> ports() const;
+
+    // Writes a configuration with one pager per line, named line0, line1, ...; `sections` holds the
+    // rules, `pager_keys` what every pager has besides host, port and spool directory.
+    std::string write_conf(int log_level, const std::string &pager_keys,
+                           const std::string &sections) const;
+
+    // Starts a program of the build, or one given by its path.
+    void start(const std::vector<std::string> &arguments);
+    // Accepts the connection on a line.
+    unique_fd_t accept(int line) const;
+    // Peak and present resident memory of the running program, and the CPU seconds so far.
+    usage_t usage() const;
+    long resident_kilobytes() const;
+    // Ends the program and waits for it.
+    usage_t stop();
+
+  private:
+    long status_kilobytes(const std::string &field) const;
+
+    std::string dir_;
+    std::vector<unique_fd_t> listeners_;
+    pid_t pid_ = -1;
+};
+
+[[noreturn]] void give_up(const std::string &why);

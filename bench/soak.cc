@@ -1,0 +1,160 @@
+// Sixteen lines, random calls and random reconnects, and every message accounted for exactly once.
+//
+//   bench_soak MESSAGES
+//
+// A line starts as ESPA 4.4.4 and speaks ASCII from its first reconnect on, as the daemon does. Every
+// message carries a number of its own; the daemon's operational log, which tells each message once, is
+// the account. Exits with 1 when a message is lost or was handled twice.
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "control_station.h"
+#include "site.h"
+
+namespace {
+
+constexpr int LINES = 16;
+constexpr int WAIT_SECONDS = 60;
+constexpr int RECONNECTS_PER_LINE = 4;
+constexpr std::chrono::seconds QUIET(30);  // without progress for so long, the rest is lost
+constexpr const char *RULES = "[rule_all]\naction = skip\n";
+constexpr const char *PAGER_KEYS = "rules = rule_all\nread_timeout = no\n";
+constexpr const char *MARK = "soak#";
+
+// Text of random length, with bytes that templates and patterns know, behind the message's number.
+std::string random_message(int number, std::mt19937 *random) {
+    constexpr std::string_view LETTERS = "ABCDEFGHIJKLMNOPQRSTUVWXYZ abcdef 0123456789 %$[]()*.";
+    std::string message = MARK + std::to_string(number) + ".";
+    for (size_t left = (*random)() % 110; left > 0; left--) {
+        message += LETTERS[(*random)() % LETTERS.size()];
+    }
+    return message;
+}
+
+// Sends the numbers from `first` on over one line.
+void play_line(const site_t &site, int line, int first, int count) {
+    std::mt19937 random(static_cast<unsigned>(line));
+    const unsigned reconnect_every =
+        static_cast<unsigned>(std::max(1, count / RECONNECTS_PER_LINE));
+    unique_fd_t sock = site.accept(line);
+    control_station_t station(sock.get(), WAIT_SECONDS, nullptr);
+    bool ascii = false;
+    for (int number = first; number < first + count; number++) {
+        if (random() % reconnect_every == 0) {
+            sock.reset();
+            sock = site.accept(line);
+            station = control_station_t(sock.get(), WAIT_SECONDS, nullptr);
+            ascii = true;
+        }
+        const std::string message = random_message(number, &random);
+        const std::string address = std::to_string(random() % 100000);
+        if (!(ascii ? station.send_line(message)
+                    : station.send_call({address, message, "", "", "", ""}))) {
+            give_up("line " + std::to_string(line) + ": " + station.error());
+        }
+    }
+    shutdown(sock.get(), SHUT_WR);
+    char rest[256];
+    while (read(sock.get(), rest, sizeof rest) > 0) {  // until the daemon has read everything
+    }
+}
+
+// Reads the log in portions: what has been counted is moved away and the daemon makes the file anew.
+class account_t {
+  public:
+    account_t(const std::string &log, int messages)
+        : log_(log), seen_(static_cast<size_t>(messages)) {}
+
+    void count_portion() {
+        const std::string portion = log_ + ".counted";
+        std::error_code none;
+        std::filesystem::rename(log_, portion, none);
+        if (none) {
+            return;
+        }
+        // A line that was being written goes to the file moved away.
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::ifstream file(portion);
+        for (std::string line; std::getline(file, line);) {
+            count_line(line);
+        }
+    }
+    int missing() const { return static_cast<int>(std::count(seen_.begin(), seen_.end(), 0)); }
+    int repeated() const {
+        return static_cast<int>(
+            std::count_if(seen_.begin(), seen_.end(), [](int times) { return times > 1; }));
+    }
+
+  private:
+    // ESPA calls show as "Send message", ASCII lines as "message=".
+    void count_line(const std::string &line) {
+        const size_t at = line.find(MARK);
+        if (at == std::string::npos || (line.find("Send message '") == std::string::npos &&
+                                        line.find("message=") == std::string::npos)) {
+            return;
+        }
+        const size_t number = static_cast<size_t>(atoll(line.c_str() + at + strlen(MARK)));
+        if (number < seen_.size()) {
+            seen_[number]++;
+        }
+    }
+
+    std::string log_;
+    std::vector<uint8_t> seen_;
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    const int messages = argc > 1 ? atoi(argv[1]) : 20000;
+    site_t site(LINES);
+    site.start({"vesperd", "-f", "-c", site.write_conf(0, PAGER_KEYS, RULES)});
+    const auto begin = std::chrono::steady_clock::now();
+    std::atomic<int> playing = LINES;
+    std::vector<std::thread> lines;
+    for (int line = 0; line < LINES; line++) {
+        const int first = static_cast<int>(int64_t{messages} * line / LINES);
+        const int next = static_cast<int>(int64_t{messages} * (line + 1) / LINES);
+        lines.emplace_back([&site, &playing, line, first, next] {
+            play_line(site, line, first, next - first);
+            playing--;
+        });
+    }
+    account_t account(site.log_file(), messages);
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    const long resident_at_start = site.resident_kilobytes();
+    while (playing > 0) {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        account.count_portion();
+    }
+    for (std::thread &line : lines) {
+        line.join();
+    }
+    auto progress = std::chrono::steady_clock::now();
+    for (int missing = account.missing();
+         missing > 0 && std::chrono::steady_clock::now() - progress < QUIET;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        account.count_portion();
+        if (account.missing() < missing) {
+            missing = account.missing();
+            progress = std::chrono::steady_clock::now();
+        }
+    }
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+    const long resident_at_end = site.resident_kilobytes();
+    const usage_t used = site.stop();
+    printf("%d messages over %d lines in %.0f s: %d lost, %d duplicated\n", messages, LINES,
+           taken.count(), account.missing(), account.repeated());
+    printf("resident memory %ld kB after 5 s, %ld kB at the end, peak %ld kB; %.1f CPU seconds\n",
+           resident_at_start, resident_at_end, used.peak_kilobytes, used.cpu_seconds);
+    return account.missing() == 0 && account.repeated() == 0 ? 0 : 1;
+}
