@@ -1,344 +1,165 @@
 // The ESPA and ASCII readers on socket pairs, the block check and the parser.
 
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-
 #include <future>
-#include <thread>
 
 #include "proto.h"
 #include "support.h"
 
 namespace {
 
-struct exchange_t {
-    const char *name;
-    std::string sent;
-    int result;
-    std::string replies;
-    int espa_poll = 0;
-    int polls_before = 0;
-    int polls_after = 0;
-    std::string buffer = "";  // what the packet buffer must begin with
-    std::string unread = "";
-    int maxlen = 1024;
-};
-
-const exchange_t exchanges[] = {
-    {"select", "1\x05", 1, "\x06", 0, 0, 1},
-    {"select, extended", "1\x05", 1, "\x06\x06", 1, 0, 1},
-    {"poll", "2\x05", 1, "\x06", 0, 4, 5},
-    {"poll, extended", "2\x05", 1, "2\x05\x1F\x06", 1, 0, 1},
-    {"another address, extended", "7\x05", 1, "\x06", 1, 0, 1},
-    {"EOT with no request open", "\x04", 1, "\x04"},
-    {"EOT closes a request", "\x04", 1, "\x04", 0, 2, 1},
-    {"digit and EOT", "3\x04", 1, "\x04"},
-    {"digit and anything else", "3X", -2, ""},
-    {"lone ACK", "\x06", -2, ""},
-    {"lone NAK", "\x15", -2, ""},
-    {"lone ETX", "\x03", -2, ""},
-    {"packet",
-     "\x01"
-     "1\x02"
-     "1\x1F"
-     "123\x03qX",
-     8, "\x06", 0, 0, 0,
-     "\x01"
-     "1\x02"
-     "1\x1F"
-     "123\x03q\0"s,
-     "X"},
-    {"empty packet", "\x01\x03q", 1, "\x06", 0, 0, 0, "\x01\x03q\0"s},
-    {"packet ended by EOT",
-     "\x01"
-     "ab\x04",
-     2, "", 0, 3, 3,
-     "\x01"
-     "ab\x03"},
-    {"every byte is kept", "\x01\x01\x00\xFF\x1E\x05\x03q"s, 6, "\x06", 0, 0, 0, "\x01\x01\x00\xFF\x1E\x05\x03q\0"s},
-    {"full buffer",
-     "\x01"
-     "abcdefghij",
-     7, "", 0, 0, 0,
-     "\x01"
-     "abcdefg\0"s,
-     "hij", 8},
-    {"longest packet for the buffer",
-     "\x01"
-     "abcdef\x03q",
-     7, "\x06", 0, 0, 0,
-     "\x01"
-     "abcdef\x03q\0"s,
-     "", 8},
-    {"smallest buffer",
-     "\x01"
-     "ab",
-     0, "", 0, 0, 0, "\x01\0"s, "ab", 1},
-    {"no buffer", "\x01", 0, "", 0, 0, 0, "", "\x01", 0},
-};
+// Result, replies, polls and unread bytes go with what the reader is sent; the buffer must begin with `buffer`.
+const struct {
+    const char *sent, *outcome, *buffer = "";
+    int espa_poll = 0, polls = 0, maxlen = 1024;
+} exchanges[] = {{"1<ENQ>", "1|<ACK>|1||"}, {"1<ENQ>", "1|<ACK><ACK>|1||", "", 1},  // select, plain and extended
+    {"2<ENQ>", "1|<ACK>|5||", "", 0, 4}, {"2<ENQ>", "1|2<ENQ><US><ACK>|1||", "", 1}, {"7<ENQ>", "1|<ACK>|1||", "", 1},
+    {"<EOT>", "1|<EOT>|0||"}, {"<EOT>", "1|<EOT>|1||", "", 0, 2}, {"3<EOT>", "1|<EOT>|0||"}, {"3X", "-2||0||"},
+    {"<ACK>", "-2||0||"}, {"<NAK>", "-2||0||"}, {"<ETX>", "-2||0||"},  // not this protocol
+    {"<SOH>1<STX>1<US>123<ETX>qX", "8|<ACK>|0|X|", "<SOH>1<STX>1<US>123<ETX>q<NUL>"},
+    {"<SOH><ETX>q", "1|<ACK>|0||", "<SOH><ETX>q<NUL>"}, {"<SOH>ab<EOT>", "2||3||", "<SOH>ab<ETX>", 0, 3},
+    {"<SOH><SOH><NUL><FF><RS><ENQ><ETX>q", "6|<ACK>|0||", "<SOH><SOH><NUL><FF><RS><ENQ><ETX>q<NUL>"},
+    {"<SOH>abcdefghij", "7||0|hij|", "<SOH>abcdefg<NUL>", 0, 0, 8},
+    {"<SOH>abcdef<ETX>q", "7|<ACK>|0||", "<SOH>abcdef<ETX>q<NUL>", 0, 0, 8},
+    {"<SOH>ab", "0||0|ab|", "<SOH><NUL>", 0, 0, 1}, {"<SOH>", "0||0|<SOH>|", "", 0, 0, 0}};
 
 TEST(EspaReader, AnswersAndResults) {
-    for (const exchange_t &row : exchanges) {
-        SCOPED_TRACE(row.name);
-        const pair_t line = make_socketpair();
-        send_all(line.far, row.sent);
-        std::string buffer(static_cast<size_t>(row.maxlen) + 2, '?');
-        int polls = row.polls_before;
-        EXPECT_EQ(espa_read_packet(line.near.get(), buffer.data(), row.maxlen, &polls, row.espa_poll), row.result);
-        EXPECT_EQ(read_available(line.far), row.replies);
-        EXPECT_EQ(polls, row.polls_after);
-        EXPECT_EQ(buffer.substr(0, row.buffer.size()), row.buffer);
-        EXPECT_EQ(read_available(line.near), row.unread);
+    for (const auto &[sent, outcome, begins, espa_poll, polls_before, maxlen] : exchanges) {
+        const pair_t line;
+        send_wire(line.far, sent);
+        std::string buffer(static_cast<size_t>(maxlen) + 2, '?');
+        int polls = polls_before;
+        const int result = espa_read_packet(line.near.get(), buffer.data(), maxlen, &polls, espa_poll);
+        EXPECT_EQ(joined(result, read_available(line.far), polls, read_available(line.near)), wire(outcome)) << sent;
+        EXPECT_THAT(buffer, StartsWith(wire(begins))) << sent;
     }
 }
 
 TEST(EspaReader, SurvivesAPeerThatIsGone) {
-    pair_t line = make_socketpair();
-    send_all(line.far, "1\x05");
+    pair_t line;
+    send_wire(line.far, "1<ENQ>");
     line.far.reset();
     char buffer[16];
     int polls = 0;
     EXPECT_EQ(espa_read_packet(line.near.get(), buffer, 14, &polls, 1), 1);
-    EXPECT_EQ(espa_read_packet(line.near.get(), buffer, 14, &polls, 1), -1);
-    EXPECT_EQ(espa_read_packet(-1, buffer, 14, &polls, 1), -1);
-    EXPECT_EQ(espa_read_packet(FD_SETSIZE, buffer, 14, &polls, 1), -1);
+    for (const int sock : {line.near.get(), -1, FD_SETSIZE}) {
+        EXPECT_EQ(espa_read_packet(sock, buffer, 14, &polls, 1), -1) << sock;
+    }
 }
 
 // The reader never comes back from this, so it runs in a process of its own.
 TEST(EspaReader, GoesOnSlowlyAfterACloseInMidPacket) {
     const captured_log_t log;
-    pair_t line = make_socketpair();
-    send_all(line.far,
-             "\x01"
-             "1");
+    pair_t line;
+    send_wire(line.far, "<SOH>1");
     line.far.reset();
-    const pid_t reader = fork();
-    if (reader == 0) {
+    child_t reader(fork());
+    if (reader.pid() == 0) {
         char buffer[16];
         int polls = 0;
         _exit(espa_read_packet(line.near.get(), buffer, 14, &polls, 0));
     }
-    const auto lines = [&] {
-        const std::string text = log.messages();
-        return std::count(text.begin(), text.end(), '\n');
-    };
-    EXPECT_TRUE(eventually([&] { return lines() > 12; }));
-    EXPECT_LT(lines(), 100);
-    kill(reader, SIGKILL);
-    int status = 0;
-    waitpid(reader, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status));
+    std::string text;
+    EXPECT_TRUE(
+        eventually([&] { return std::count(text.begin(), text.end(), '\n') > 12 || (text = log.text(), false); }));
+    EXPECT_LT(std::count(text.begin(), text.end(), '\n'), 100);
+    EXPECT_EQ(reader.end(SIGKILL), 128 + SIGKILL);
 }
 
 // All silences at once: each takes the reader's fifteen seconds.
 TEST(Readers, GiveUpAfterSilence) {
-    const auto espa = [](const std::string &sent) {
-        const pair_t line = make_socketpair();
-        send_all(line.far, sent);
+    const auto read = [](bool ascii, const char *sent) {
+        const pair_t line;
+        send_wire(line.far, sent);
         char buffer[1026];
         int polls = 0;
-        const int result = espa_read_packet(line.near.get(), buffer, 1024, &polls, 0);
+        const int result = ascii ? ascii_read_packet(line.near.get(), buffer, 1024, nullptr)
+                                 : espa_read_packet(line.near.get(), buffer, 1024, &polls, 0);
         return std::to_string(result) + read_available(line.far);
     };
-    const auto ascii = [](const std::string &sent) {
-        const pair_t line = make_socketpair();
-        send_all(line.far, sent);
-        char buffer[1024];
-        return std::to_string(ascii_read_packet(line.near.get(), buffer, 1024, nullptr));
-    };
     std::vector<std::future<std::string>> results;
-    for (const char *sent : {"", "1",
-                             "\x01"
-                             "12",
-                             "\x01"
-                             "1\x03"}) {
-        results.push_back(std::async(std::launch::async, espa, sent));
+    for (const char *sent : {"", "1", "<SOH>12", "<SOH>1<ETX>"}) {
+        results.push_back(std::async(std::launch::async, read, false, sent));
     }
-    results.push_back(std::async(std::launch::async, ascii, ""));
-    results.push_back(std::async(std::launch::async, ascii, "ALARM"));
-    for (auto &result : results) {
-        EXPECT_EQ(result.get(), "0");
-    }
+    for (const char *sent : {"", "ALARM"}) { results.push_back(std::async(std::launch::async, read, true, sent)); }
+    for (auto &result : results) { EXPECT_EQ(result.get(), "0"); }
 }
 
 TEST(Readers, ASignalDoesNotEndTheWait) {
     signal(SIGUSR1, [](int) {});
-    const pair_t line = make_socketpair();
+    const pair_t line;
     int ready = -1;
     std::thread reader([&] { ready = wait_data(line.near.get()); });
     for (int i = 0; i < 5; i++) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         pthread_kill(reader.native_handle(), SIGUSR1);
     }
-    send_all(line.far, "x");
+    send_wire(line.far, "x");
     reader.join();
     EXPECT_EQ(ready, 1);
 }
 
 TEST(AsciiReader, Lines) {
-    const pair_t line = make_socketpair();
-    send_all(line.far, "ALARM 12\r\nA\n\0\x01\xE9\nABCDEFG\n"s);
-    char buffer[1024];
-    const auto read = [&](int maxlen) {
-        const int result = ascii_read_packet(line.near.get(), buffer, maxlen, nullptr);
-        return std::pair(result, std::string(buffer, static_cast<size_t>(std::max(result, 0))));
-    };
-    EXPECT_EQ(read(0), std::pair(0, ""s));
-    EXPECT_EQ(read(1024), std::pair(8, "ALARM 12"s));
-    EXPECT_STREQ(buffer, "ALARM 12");
-    EXPECT_EQ(read(1024), std::pair(0, ""s));
-    EXPECT_EQ(read(1024), std::pair(1, "A"s));
-    EXPECT_EQ(read(1024), std::pair(3, "\0\x01\xE9"s));
-    EXPECT_EQ(read(5), std::pair(4, "ABCD"s));
-    EXPECT_EQ(read(5), std::pair(3, "EFG"s));
+    const pair_t line;
+    send_wire(line.far, "ALARM 12\r\nA\n<NUL><SOH><E9>\nABCDEFG\n");
     shutdown(line.far.get(), SHUT_WR);
-    EXPECT_EQ(read(1024).first, -1);
+    const struct {
+        int maxlen, result;
+        const char *text = "<NUL>";
+    } rows[] = {{0, 0, ""}, {1024, 8, "ALARM 12<NUL>"}, {1024, 0}, {1024, 1, "A<NUL>"},
+        {1024, 3, "<NUL><SOH><E9><NUL>"}, {5, 4, "ABCD<NUL>"}, {5, 3, "EFG<NUL>"}, {1024, -1, ""}};
+    for (const auto &row : rows) {
+        std::string buffer(1024, '?');
+        EXPECT_EQ(ascii_read_packet(line.near.get(), buffer.data(), row.maxlen, nullptr), row.result) << row.text;
+        EXPECT_THAT(buffer, StartsWith(wire(row.text)));
+    }
 }
 
 TEST(Espa, BlockCheckCharacter) {
-    struct {
-        std::string packet;
-        int right;
-    } const rows[] = {
-        {"\x01\x31\x03\x32", 1},
-        {"\x01\x31\x03\xB2", 1},
-        {"\x01\xB1\x03\x32", 1},
-        {"\x01\x31\x03\x33", 0},
-        {"\x02\x31\x03\x32", 0},
-        {"\x01"
-         "123456\x03",
-         0},
-        {"\x01"
-         "12345678\x03",
-         0},
-    };
-    for (const auto &row : rows) {
-        std::string packet = row.packet + std::string(16, '\0');
-        EXPECT_EQ(checkBCC(packet.data(), 4), row.right) << describe_bytes(row.packet);
+    const std::pair<const char *, int> rows[] = {{"<SOH>1<ETX>2", 1}, {"<SOH>1<ETX><B2>", 1}, {"<SOH><B1><ETX>2", 1},
+        {"<SOH>1<ETX>3", 0}, {"<STX>1<ETX>2", 0}, {"<SOH>123456<ETX>", 0}, {"<SOH>12345678<ETX>", 0}};
+    for (const auto &[packet, right] : rows) {
+        EXPECT_EQ(checkBCC((wire(packet) + std::string(16, '\0')).data(), 4), right) << packet;
     }
-    std::string last =
-        "\x01"
-        "1234\x03?";  // ETX at index 5, the last that a size of 4 reaches
+    std::string last = wire("<SOH>1234<ETX>?");  // ETX at index 5, the last that a size of 4 reaches
     EXPECT_EQ(appendBCC(last.data(), 4), 1);
     EXPECT_EQ(checkBCC(last.data(), 4), 1);
     EXPECT_EQ(appendBCC(last.data(), 3), 0);
 }
 
 TEST(Espa, ParsesCallRecords) {
-    const std::string long_text(200, 'm');
-    struct {
-        const char *name;
-        std::string packet;
-        char type;
-        std::string address;
-        std::string message;
-    } const rows[] = {
-        {"call",
-         "\x01"
-         "1\x02"
-         "1\x1F"
-         "4711\x1E"
-         "2\x1F"
-         "Fire alarm\x03q",
-         '1', "4711", "Fire alarm"},
-        {"other order",
-         "\x01"
-         "1\x02"
-         "2\x1F"
-         "Fire\x1E"
-         "1\x1F"
-         "47\x03q",
-         '1', "47", "Fire"},
-        {"empty address",
-         "\x01"
-         "1\x02"
-         "1\x1F\x1E"
-         "2\x1FText\x03q",
-         '1', "", "Text"},
-        {"empty last value",
-         "\x01"
-         "1\x02"
-         "2\x1F\x03q",
-         '1', "", ""},
-        {"unused identifier",
-         "\x01"
-         "1\x02"
-         "6\x1F"
-         "3\x1E"
-         "2\x1FText\x03q",
-         '1', "", "Text"},
-        {"any separator",
-         "\x01"
-         "1\x02"
-         "1x55\x03q",
-         '1', "55", ""},
-        {"bytes between",
-         "\x01"
-         "1zz\x02"
-         "1\x1F"
-         "55\x03q",
-         '1', "55", ""},
-        {"overwriting",
-         "\x01"
-         "1\x02"
-         "1\x1F"
-         "ABCDE\x1E"
-         "1\x1FXY\x03q",
-         '1', "XYCDE", ""},
-        {"no header",
-         "\x01\0\x02"
-         "1\x1F"
-         "5\x03"s,
-         '\0', "", ""},
-        {"second SOH",
-         "\x01"
-         "1\x01"
-         "2\x02"
-         "1\x1F"
-         "5\x03q",
-         '2', "5", ""},
-        {"NUL in a value",
-         "\x01"
-         "1\x02"
-         "1\x1F"
-         "a\0b\x03q"s,
-         '1', "a\0b"s, ""},
-        {"too long",
-         "\x01"
-         "1\x02"
-         "1\x1F" +
-             long_text +
-             "\x1E"
-             "2\x1F" +
-             long_text + "\x03q",
-         '1', std::string(19, 'm'), std::string(128, 'm')},
-        {"no ETX",
-         "\x01"
-         "1\x02"
-         "2\x1F" +
-             long_text,
-         '1', "", std::string(128, 'm')},
-        {"check character STX",
-         "\x01"
-         "1\x02"
-         "1\x1F"
-         "5\x03\x02",
-         '1', "5", ""},
-        {"cut short",
-         "\x01"
-         "1\x02",
-         '1', "", ""},
+    const std::string m200(200, 'm'), m128(128, 'm'), m19(19, 'm');
+    const struct {
+        std::string packet, fields;  // header type, call address and display message
+    } rows[] = {
+        {"<SOH>1<STX>1<US>4711<RS>2<US>Fire alarm<ETX>q", "1|4711|Fire alarm|"},
+        {"<SOH>1<STX>2<US>Fire<RS>1<US>47<ETX>q", "1|47|Fire|"},  // any order
+        {"<SOH>1<STX>1<US><RS>2<US>Text<ETX>q", "1||Text|"},      // empty value
+        {"<SOH>1<STX>2<US><ETX>q", "1|||"},                       // empty last value
+        {"<SOH>1<STX>6<US>3<RS>2<US>Text<ETX>q", "1||Text|"},     // unused identifier
+        {"<SOH>1<STX>1x55<ETX>q", "1|55||"},                      // any separator
+        {"<SOH>1zz<STX>1<US>55<ETX>q", "1|55||"},                 // bytes between
+        {"<SOH>1<STX>1<US>ABCDE<RS>1<US>XY<ETX>q", "1|XYCDE||"},  // overwritten
+        {"<SOH><NUL><STX>1<US>5<ETX>", "<NUL>|||"},               // no header type
+        {"<SOH>1<SOH>2<STX>1<US>5<ETX>q", "2|5||"},               // second SOH
+        {"<SOH>1<STX>1<US>a<NUL>b<ETX>q", "1|a<NUL>b||"},         // zero in a value
+        {"<SOH>1<STX>1<US>" + m200 + "<RS>2<US>" + m200 + "<ETX>q", "1|" + m19 + "|" + m128 + "|"},
+        {"<SOH>1<STX>2<US>" + m200, "1||" + m128 + "|"},  // no ETX
+        {"<SOH>1<STX>1<US>5<ETX><STX>", "1|5||"},         // check character STX
+        {"<SOH>1<STX>", "1|||"},                          // cut short
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        std::string buffer = row.packet + '\0';  // exactly as large as stated, for the sanitizer
+    const auto field = []<size_t N>(const char(&bytes)[N]) {  // without the zeros that fill it
+        EXPECT_EQ(bytes[N - 1], '\0');
+        const std::string text(bytes, N);
+        return text.substr(0, text.find_last_not_of('\0') + 1);
+    };
+    for (const auto &[packet, fields] : rows) {
+        const std::string buffer = wire(packet + "<NUL>");  // exactly as large as stated, for the sanitizer
         espa_p p{};
         EXPECT_EQ(parse_espa_packet(&p, buffer.data(), static_cast<int>(buffer.size())), 0);
-        EXPECT_EQ(p.header_type, row.type);
-        EXPECT_EQ(std::string(p.record.call_address, row.address.size() + 1), row.address + '\0');
-        EXPECT_EQ(std::string(p.record.display_message, row.message.size() + 1), row.message + '\0');
-        EXPECT_EQ(p.record.priority, 0);
+        const espa_record_t &record = p.record;
+        EXPECT_EQ(joined(p.header_type, field(record.call_address), field(record.display_message)), wire(fields))
+            << packet;
+        EXPECT_EQ(record.priority, 0);
     }
 }
 

@@ -1,119 +1,170 @@
-// What the tests share: temporary directories, log capture, lines and running programs.
+// What the tests share: bytes in readable form, temporary directories, log capture, lines and processes.
 #pragma once
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 
-#include <functional>
-#include <memory>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <thread>
 
 #include "control_station.h"
+#include "espa.h"
 #include "fd.h"
-#include "line.h"
+#include "logger.h"
 
+namespace fs = std::filesystem;
 using namespace std::string_literals;
+using namespace testing;
+using ints_t = std::vector<int>;  // results in the order of the calls that stand in its braces
+
+// The bytes of a readable text: "<STX>" stands for a control character, "<E9>" for any other byte.
+inline std::string wire(const std::string &text) {
+    static const std::map<std::string, char> names = {{"<NUL>", '\0'}, {"<SOH>", SOH}, {"<STX>", STX}, {"<ETX>", ETX},
+        {"<EOT>", EOT}, {"<ENQ>", ENQ}, {"<ACK>", ACK}, {"<NAK>", NAK}, {"<RS>", RS}, {"<US>", US}};
+    std::string bytes;
+    for (size_t at = 0, size = 0; at < text.size(); at += size) {
+        size = text[at] == '<' ? text.find('>', at) - at + 1 : 1;
+        const std::string name = text.substr(at, size);
+        const auto number = [&] { return static_cast<char>(std::stoi(name.substr(1), nullptr, 16)); };
+        bytes += size == 1 ? name[0] : size == 4 && isxdigit(name[1]) ? number() : names.at(name);
+    }
+    return bytes;
+}
+
+// The parts as text, each followed by a bar.
+template <typename... parts_t>
+std::string joined(const parts_t &...parts) {
+    std::ostringstream text;
+    ((text << parts << '|'), ...);
+    return text.str();
+}
+
+inline std::string read_file(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
 // A directory that the daemon's account can write, removed with everything in it.
-class temp_dir_t {
-  public:
-    temp_dir_t();
-    ~temp_dir_t();
+struct temp_dir_t {
+    temp_dir_t() {
+        EXPECT_NE(mkdtemp(path_.data()), nullptr);
+        fs::permissions(path_, fs::perms(0755));
+        if (const passwd *account = getpwnam("ovo"); account != nullptr && geteuid() == 0) {
+            EXPECT_EQ(chown(path_.c_str(), account->pw_uid, account->pw_gid), 0);
+        }
+    }
+    ~temp_dir_t() { fs::remove_all(path_); }
     std::string path(const std::string &name = "") const { return path_ + "/" + name; }
-    std::string write(const std::string &name, std::string_view content) const;
-    std::string read(const std::string &name) const;
+    std::string read(const std::string &name) const { return read_file(path(name)); }
+    std::string write(const std::string &name, std::string_view content) const {
+        std::ofstream(path(name), std::ios::binary) << content;
+        return path(name);
+    }
     // The names that begin with `prefix`, in order.
-    std::vector<std::string> list(const std::string &prefix = "") const;
+    std::vector<std::string> list(const std::string &prefix = "") const {
+        std::set<std::string> names;
+        for (const auto &entry : fs::directory_iterator(path_)) { names.insert(entry.path().filename()); }
+        std::erase_if(names, [&](const std::string &name) { return !name.starts_with(prefix); });
+        return {names.begin(), names.end()};
+    }
 
-  private:
-    std::string path_;
+    std::string path_ = fs::temp_directory_path() / "vesper-test-XXXXXX";
 };
 
 // Sends the log of this process to a file of its own until it goes.
-class captured_log_t {
-  public:
-    explicit captured_log_t(int level = 5);
-    ~captured_log_t();
+struct captured_log_t {
+    explicit captured_log_t(int level = 5) { logger_init(dir_.path("log").c_str(), level, 0, 0); }
+    ~captured_log_t() { logger_init("", 0, 0, 1); }
     std::string text() const { return dir_.read("log"); }
     // The messages alone, one per line, without time, level and place.
-    std::string messages() const;
+    std::string messages() const {
+        static const std::regex prefix("(^|\n)[0-9/]+ [0-9:]+:  [A-Z]+\\[[0-9]+\\]: (\\w+:[0-9]+ in \\w+: )?");
+        return std::regex_replace(text(), prefix, "$1");
+    }
 
-  private:
     temp_dir_t dir_;
 };
 
 struct pair_t {
-    unique_fd_t near;
-    unique_fd_t far;
+    pair_t() {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        near.reset(ends[0]);
+        far.reset(ends[1]);
+    }
+    unique_fd_t near, far;
 };
-pair_t make_socketpair();
-void send_all(const unique_fd_t &fd, std::string_view bytes);
+
+// Sends what wire() makes of a text.
+inline void send_wire(const unique_fd_t &fd, const std::string &text) {
+    const std::string bytes = wire(text);
+    EXPECT_EQ(send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+}
+
 // Everything that can be read at this moment.
-std::string read_available(const unique_fd_t &fd);
+inline std::string read_available(const unique_fd_t &fd) {
+    std::string bytes(4096, '?');
+    bytes.resize(static_cast<size_t>(std::max<ssize_t>(recv(fd.get(), bytes.data(), bytes.size(), MSG_DONTWAIT), 0)));
+    return bytes;
+}
 
 // Waits until `condition` holds; false after far more time than it should take.
-bool eventually(const std::function<bool()> &condition);
+inline bool eventually(const std::function<bool()> &condition) {
+    int tries = 0;
+    while (!condition() && tries++ < 1800) { std::this_thread::sleep_for(std::chrono::milliseconds(50)); }
+    return tries <= 1800;
+}
 
-// A program of the build, started with its output in a file; ended with the object.
-class program_t {
-  public:
-    explicit program_t(const std::vector<std::string> &arguments);
-    ~program_t();
-    std::string output() const { return dir_.read("output"); }
+// A child process, killed with the object.
+struct child_t {
+    explicit child_t(pid_t pid) : pid_(pid) {}
+    child_t(child_t &&other) noexcept : pid_(std::exchange(other.pid_, 0)) {}
+    ~child_t() { pid_ > 0 ? end(SIGKILL) : 0; }
     pid_t pid() const { return pid_; }
     // Waits for the end; the exit status, or 128 and the signal.
-    int wait();
-    bool is_running();
-
-  private:
-    temp_dir_t dir_;
-    pid_t pid_;
-    bool ended_ = false;
-    int status_ = 0;
-};
-std::string program_path(const std::string &name);
-
-// A converter for the daemon to connect to: a listening socket on a free port below 32768.
-class converter_t {
-  public:
-    converter_t();
-    int port() const { return port_; }
-    // Waits for the daemon's connection.
-    unique_fd_t accept(int wait_seconds = 60) const;
-    void close() { listener_.reset(); }
-
-  private:
-    int port_ = 0;
-    unique_fd_t listener_;
-};
-
-// Why the built daemon cannot be run here, or empty.
-std::string daemon_obstacle();
-#define SKIP_UNLESS_DAEMON_RUNS()          \
-    if (!daemon_obstacle().empty()) {      \
-        GTEST_SKIP() << daemon_obstacle(); \
+    int wait() {
+        int status = 0;
+        const pid_t pid = std::exchange(pid_, 0);
+        EXPECT_EQ(waitpid(pid, &status, 0), pid);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    int end(int signo) {
+        kill(pid_, signo);
+        return wait();
     }
 
-// The daemon in the foreground with log level 5, on a spool directory and configuration of its own.
-class daemon_t {
-  public:
-    // `pager` holds further keys of the only pager, `sections` the rules.
-    daemon_t(const std::string &pager, const std::string &sections);
-    converter_t converter;
-    temp_dir_t dir;  // also the spool directory
-    void start();
-    std::string log() const { return program_->output(); }
-    bool logs(const std::string &text, int times = 1) const;
-    program_t &program() { return *program_; }
-    // The contents of the call files named call_`extension`_...
-    std::vector<std::string> calls(const std::string &extension) const;
-
-  private:
-    std::unique_ptr<program_t> program_;
+    pid_t pid_;
 };
 
-// What a call file holds.
-std::string call_file(const std::string &channel, const std::string &context, const std::string &extension,
-                      const std::string &callerid);
+// A program of the build, or of the system, started with its output in a file.
+struct program_t {
+    explicit program_t(std::vector<std::string> arguments) : child_(fork()) {
+        if (child_.pid() != 0) { return; }
+        std::vector<char *> argv;
+        for (std::string &argument : arguments) { argv.push_back(argument.data()); }
+        argv.push_back(nullptr);
+        const int file = open(dir_.path("output").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        dup2(file, STDOUT_FILENO);
+        dup2(file, STDERR_FILENO);
+        execv(((arguments[0][0] == '/' ? "" : PROGRAM_DIR "/") + arguments[0]).c_str(), argv.data());
+        _exit(127);
+    }
+    std::string output() const { return dir_.read("output"); }
+    int wait() { return child_.wait(); }
+
+    temp_dir_t dir_;
+    child_t child_;
+};
+
+// What a program prints that ends with `status`.
+inline std::string run(int status, const std::vector<std::string> &arguments) {
+    program_t program(arguments);
+    EXPECT_EQ(program.wait(), status) << program.output();
+    return program.output();
+}
