@@ -190,9 +190,9 @@ TEST_F(Faults, OnTheLine) {
                 const unique_fd_t sock = s.accept(line);
                 const int small = 1024;
                 setsockopt(sock.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-                for (int i = 0; i < 200; i++) {
-                    send_wire(sock, std::string(200, '<').replace(0, 200, "1<ENQ>1<ENQ>1<ENQ>1<ENQ>"));
-                }
+                std::string requests;
+                for (int i = 0; i < 50000; i++) { requests += "1\x05"; }
+                EXPECT_EQ(send(sock.get(), requests.data(), requests.size(), 0), std::ssize(requests));
                 send_wire(sock, compose_packet({"1", faults_t::good(line), "", "", "", ""}));
                 s.expect_call(line);
             },
