@@ -105,6 +105,7 @@ void remove_pidfile() {
 int write_process_id(int fd) {
     char text[PID_TEXT_SIZE];
     const int length = snprintf(text, sizeof text, "%d\n", getpid());
+    errno = ENOSPC;  // a short write sets no error code
     return write(fd, text, static_cast<size_t>(length)) == length ? 0 : -1;
 }
 

@@ -65,8 +65,8 @@ rule_t *choose_and_log(const pager_t *pager, const char *message, rule_t *copy) 
                pager->name);
     } else if (choice.best > 0) {
         LOG_AS(LEVEL_DEBUG, "select_rule",
-               "For message '%s' selected rule '%s' with match index %d\n", text, choice.rule->name,
-               choice.best);
+               "For message '%s' selected rule '%s' with match index %d\n", text,
+               copy != nullptr ? copy->name : choice.rule->name, choice.best);
     }
     return choice.rule;
 }

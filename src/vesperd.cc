@@ -309,16 +309,27 @@ void make_config_path_absolute() {
     }
 }
 
-// Only the child returns.
+// Only the child returns. The parent stays until the child has closed its descriptors: a child whose
+// parent is gone takes itself for started by init and would remain in the caller's session.
 void go_to_background(const char *program) {
+    int detached[2];
+    if (pipe2(detached, O_CLOEXEC) != 0) {
+        detached[0] = detached[1] = -1;
+    }
     if (fork() != 0) {
+        char none = 0;
+        close(detached[1]);
+        while (read(detached[0], &none, 1) > 0) {
+        }
         free_confvals();
         exit(0);  // also when the fork failed
     }
     install_signal_handlers();
     make_config_path_absolute();
     std::string path(program);
-    daemon_init(basename(path.data()));  // without a pidfile when another instance holds it
+    if (daemon_init(basename(path.data())) != 0) {
+        close(detached[1]);  // goes on, if need be without a pidfile: another instance may hold it
+    }
 }
 
 [[noreturn]] void run_daemon(const char *program, uid_t uid, gid_t gid) {
