@@ -17,6 +17,7 @@ namespace {
 
 constexpr int FIRST_PORT = 21000;
 constexpr int LAST_PORT = 31000;
+constexpr int ACCEPT_SECONDS = 1800;  // an ASCII line first works off what is in its buffers
 
 double seconds(const timeval &time) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
@@ -102,7 +103,8 @@ void site_t::start(const std::vector<std::string> &arguments) {
 
 unique_fd_t site_t::accept(int line) const {
     std::string error;
-    unique_fd_t sock = accept_within(listeners_[static_cast<size_t>(line)].get(), 60, &error);
+    unique_fd_t sock =
+        accept_within(listeners_[static_cast<size_t>(line)].get(), ACCEPT_SECONDS, &error);
     if (!sock) {
         give_up(error);
     }
