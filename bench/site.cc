@@ -15,6 +15,8 @@
 
 namespace {
 
+pid_t started = 0;  // the program that must not outlive this one
+
 constexpr int FIRST_PORT = 21000;
 constexpr int LAST_PORT = 31000;
 constexpr int ACCEPT_SECONDS = 1800;  // an ASCII line first works off what is in its buffers
@@ -35,6 +37,9 @@ pid_t innermost_process(pid_t pid) {
 
 [[noreturn]] void give_up(const std::string &why) {
     fprintf(stderr, "bench: %s\n", why.c_str());
+    if (started > 0) {
+        kill(innermost_process(started), SIGKILL);
+    }
     exit(EXIT_FAILURE);
 }
 
@@ -95,6 +100,7 @@ void site_t::start(const std::vector<std::string> &arguments) {
     }
     argv.push_back(nullptr);
     pid_ = fork();
+    started = pid_;
     if (pid_ == 0) {
         execv(path.c_str(), argv.data());
         _exit(127);
@@ -146,6 +152,7 @@ usage_t site_t::stop() {
     int status = 0;
     wait4(pid_, &status, 0, &taken);
     pid_ = -1;
+    started = 0;
     used.cpu_seconds = seconds(taken.ru_utime) + seconds(taken.ru_stime);
     return used;
 }
