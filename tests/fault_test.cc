@@ -3,9 +3,6 @@
 
 #include <sys/mount.h>
 
-#include <random>
-
-#include "line.h"
 #include "support.h"
 
 namespace {
@@ -16,7 +13,7 @@ struct fault_t {
     const char *name;
     std::string keys;                          // of its pager, besides host and port
     std::function<void(faults_t &, int)> act;  // plays the line of this number, the good message included
-    std::string logged;
+    std::string logged = "";
 };
 
 struct faults_t {
@@ -26,58 +23,41 @@ struct faults_t {
             "value[line] = GOOD ([0-9]+)\n[rule_endless]\naction = script\npattern = ENDLESS\n"
             "callscript = 'echo $$ > @pid; exec sleep 1000'\n";
         for (const fault_t &fault : faults) {
-            std::string error;
-            do {
-                ports.push_back(20000 + static_cast<int>(std::random_device()() % 12000));
-                listeners.push_back(listen_on("127.0.0.1", ports.back(), &error));
-            } while (!listeners.back() && (ports.pop_back(), listeners.pop_back(), true));
-            text += "[" + std::string(fault.name) + "]\nhost = 127.0.0.1\nport = " + std::to_string(ports.back()) +
+            listeners.push_back(listen_anywhere(&ports.emplace_back()));
+            text += "[" + std::string(fault.name) + "]\nhost = 127.0.0.1\nport = " + ports.back() +
                     "\nrules = rule_good,rule_endless\nspool_dir = @\n" + fault.keys + "\n";
         }
         const std::string conf = dir.write("conf", std::regex_replace(text, std::regex("@"), dir.path()));
         daemon = std::make_unique<program_t>(std::vector{"vesperd"s, "-f"s, "-c"s, conf});
     }
-    // Plays all lines side by side.
     void run() {
         std::vector<std::thread> lines;
-        for (size_t i = 0; i < faults.size(); i++) {
-            lines.emplace_back([this, i] { faults[i].act(*this, static_cast<int>(i)); });
-        }
+        for (size_t i = 0; i < faults.size(); i++) { lines.emplace_back(faults[i].act, std::ref(*this), int(i)); }
         for (std::thread &line : lines) { line.join(); }
-        for (const fault_t &fault : faults) {
-            EXPECT_TRUE(eventually([&] { return daemon->output().find(fault.logged) != std::string::npos; }))
-                << fault.name;
-        }
+        for (const fault_t &fault : faults) { expect_logged(fault.logged); }
+    }
+    void expect_logged(const std::string &text) const {
+        EXPECT_TRUE(eventually([&] { return daemon->output().find(text) != std::string::npos; })) << text;
     }
     unique_fd_t accept(int line) const {
         std::string error;
-        unique_fd_t sock = accept_within(listeners[static_cast<size_t>(line)].get(), 90, &error);
-        EXPECT_TRUE(sock) << faults[static_cast<size_t>(line)].name << ": " << error;
+        unique_fd_t sock = accept_within(listeners[size_t(line)].get(), 90, &error);
+        EXPECT_TRUE(sock) << faults[size_t(line)].name << ": " << error;
         return sock;
     }
     void expect_call(int line, const std::string &directory = "") const {
         const std::string prefix = "call_" + std::to_string(line) + "_";
-        EXPECT_TRUE(eventually([&] {
-            for (const auto &entry : fs::directory_iterator(dir.path(directory))) {
-                if (entry.path().filename().string().starts_with(prefix)) { return true; }
-            }
-            return false;
-        })) << faults[static_cast<size_t>(line)].name;
+        EXPECT_TRUE(eventually([&] { return !dir.list(prefix, directory).empty(); })) << faults[size_t(line)].name;
     }
-    static std::string good(int line) { return "GOOD " + std::to_string(line); }
-    void deliver_packet(const unique_fd_t &sock, int line) const {
-        EXPECT_TRUE(
-            control_station_t(sock.get(), 60, nullptr).send_packet(compose_packet({"1", good(line), "", "", "", ""})))
-            << faults[static_cast<size_t>(line)].name;
-        expect_call(line);
-    }
-    void deliver_line(const unique_fd_t &sock, int line) const {
-        send_wire(sock, good(line) + "\n");
+    static std::string packet(int n) { return compose_packet({"1", "GOOD " + std::to_string(n), "", "", "", ""}); }
+    void deliver(const unique_fd_t &sock, int line, bool ascii) const {
+        send_wire(sock, ascii ? "GOOD " + std::to_string(line) + "\n" : packet(line));
+        EXPECT_TRUE(ascii || control_station_t(sock.get(), 60, nullptr).expect(wire("<ACK>"))) << line;
         expect_call(line);
     }
 
     std::vector<fault_t> faults;
-    std::vector<int> ports;
+    std::vector<std::string> ports;
     std::vector<unique_fd_t> listeners;
     temp_dir_t dir;
     std::unique_ptr<program_t> daemon;
@@ -88,43 +68,39 @@ void reset_connection(unique_fd_t sock) {
     setsockopt(sock.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
 }
 
-// Sends text on a first connection and ends it with `end`; the line comes back as ASCII.
-auto fall_back(const std::string &text, void (*end)(unique_fd_t)) {
+void drain(unique_fd_t sock) {
+    for (char byte; recv(sock.get(), &byte, 1, 0) > 0;) {}
+}
+
+std::string random_bytes() {  // none of them begins a name for wire()
+    std::mt19937 random(1);
+    std::string bytes(65536, 0);
+    for (char &byte : bytes) { byte = static_cast<char>(random()); }
+    std::replace(bytes.begin(), bytes.end(), '<', '>');
+    return bytes;
+}
+
+// Sends text on a first connection and ends it with `end`; the line comes back, as ASCII unless silence was the reason.
+auto fall_back(const std::string &text, void (*end)(unique_fd_t), bool ascii = true) {
     return [=](faults_t &site, int line) {
         unique_fd_t sock = site.accept(line);
-        send_wire(sock, text);
+        const std::string bytes = wire(text);
+        send(sock.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);  // the daemon may give up before the last
         end(std::move(sock));
-        site.deliver_line(site.accept(line), line);
+        site.deliver(site.accept(line), line, ascii);
     };
 }
 
-// Sends text that is no reason to give the connection up.
+// Sends text that is no reason to give the connection up; the good message follows.
 auto carry_on(const std::string &text, bool ascii) {
     return [=](faults_t &site, int line) {
         const unique_fd_t sock = site.accept(line);
         send_wire(sock, text);
-        ascii ? site.deliver_line(sock, line) : site.deliver_packet(sock, line);
+        site.deliver(sock, line, ascii);
     };
 }
 
-// Waits for the daemon to give a connection up, and for the next one.
-unique_fd_t next_connection(faults_t &site, int line) {
-    const unique_fd_t silent = site.accept(line);
-    return site.accept(line);
-}
-
-std::string random_bytes() {
-    std::mt19937 random(1);
-    std::string bytes(65536, '\0');
-    for (char &byte : bytes) { byte = static_cast<char>(random()); }
-    return bytes;
-}
-
-struct Faults : Test {
-    void SetUp() override {
-        if (geteuid() != 0 || getpwnam("ovo") == nullptr) { GTEST_SKIP() << "needs root and the daemon's account"; }
-    }
-};
+struct Faults : Installed {};
 
 TEST_F(Faults, OnTheLine) {
     const auto do_nothing = [](unique_fd_t) {};
@@ -132,13 +108,11 @@ TEST_F(Faults, OnTheLine) {
     faults_t site({
         {"refused", "",
             [](faults_t &s, int line) {
-                const auto number = static_cast<size_t>(line);
-                s.listeners[number].reset();
-                EXPECT_TRUE(
-                    eventually([&] { return s.daemon->output().find("Error connecting to") != std::string::npos; }));
+                s.listeners[size_t(line)].reset();
+                s.expect_logged("Error connecting to");
                 std::string error;
-                s.listeners[number] = listen_on("127.0.0.1", s.ports[number], &error);
-                s.deliver_packet(s.accept(line), line);
+                s.listeners[size_t(line)] = listen_on("127.0.0.1", std::stoi(s.ports[size_t(line)]), &error);
+                s.deliver(s.accept(line), line, false);
             },
             "Error connecting to 127.0.0.1:"},
         {"closed", "", fall_back("", do_nothing), swapped},
@@ -146,43 +120,23 @@ TEST_F(Faults, OnTheLine) {
         {"reset_in_packet", "", fall_back("<SOH>1<STX>", reset_connection), swapped},
         // This one waits for ever; that the others deliver is what can be asked of it.
         {"closed_in_packet", "", [](faults_t &s, int line) { send_wire(s.accept(line), "<SOH>1"); }, "2 Read "},
-        {"silent", "", [](faults_t &s, int line) { s.deliver_packet(next_connection(s, line), line); },
-            "Call service action \n"},
-        {"silent_ascii", ascii, [](faults_t &s, int line) { s.deliver_line(next_connection(s, line), line); }, ""},
+        {"silent", "", fall_back("", drain, false), "Call service action \n"},
+        {"silent_ascii", ascii, fall_back("", drain)},
         {"slow", "",
             [](faults_t &s, int line) {
                 const unique_fd_t sock = s.accept(line);
-                const std::string packet = compose_packet({"1", faults_t::good(line), "", "", "", ""});
-                for (const size_t at : {0, 1, 2}) {
-                    EXPECT_EQ(send(sock.get(), &packet[at], at < 2 ? 1 : packet.size() - 2, MSG_NOSIGNAL) > 0, true);
-                    std::this_thread::sleep_for(std::chrono::seconds(at < 2 ? 14 : 0));
+                for (const std::string &text : {"<SOH>"s, "1"s, s.packet(line).substr(2)}) {
+                    send_wire(sock, text);
+                    std::this_thread::sleep_for(std::chrono::seconds(14));
                 }
                 s.expect_call(line);
-            },
-            ""},
+            }},
         {"wrong_check", "", carry_on("<SOH>1<STX>2<US>GOOD 99<ETX><00>", false),
             "ESPA packet BCC is WRONG. won't process"},
-        {"too_long", "",
-            fall_back("<SOH>" + std::string(1500, 'x'),
-                [](unique_fd_t sock) {
-                    char byte = 0;
-                    EXPECT_LE(recv(sock.get(), &byte, 1, 0), 0);  // the daemon gives it up
-                }),
-            swapped},
+        {"too_long", "", fall_back("<SOH>" + std::string(1500, 'x'), drain), swapped},
         {"without_etx", "no_check_bcc = yes", carry_on("<SOH>1<STX>2<US>" + std::string(1019, 'x'), false),
             "ESPA packet BCC check is OFF"},
-        {"random", "",
-            [](faults_t &s, int line) {
-                {
-                    const unique_fd_t sock = s.accept(line);
-                    const std::string bytes = random_bytes();
-                    send(sock.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-                    char byte = 0;
-                    while (recv(sock.get(), &byte, 1, 0) > 0) {}
-                }
-                s.deliver_line(s.accept(line), line);
-            },
-            swapped},
+        {"random", "", fall_back(random_bytes(), drain), swapped},
         {"nul_bytes", ascii, carry_on("GO<NUL>D<NUL><NUL> 98\n", true), "ASCII message is too small"},
         {"long_line", ascii, carry_on(std::string(5000, 'x') + "\n", true), "message=xxxxx"},
         {"deaf", "",
@@ -193,55 +147,51 @@ TEST_F(Faults, OnTheLine) {
                 std::string requests;
                 for (int i = 0; i < 50000; i++) { requests += "1\x05"; }
                 EXPECT_EQ(send(sock.get(), requests.data(), requests.size(), 0), std::ssize(requests));
-                send_wire(sock, compose_packet({"1", faults_t::good(line), "", "", "", ""}));
+                send_wire(sock, s.packet(line));
                 s.expect_call(line);
             },
             "Got ENQ request address 1"},
         {"endless_script", "",
             [](faults_t &s, int line) {
-                control_station_t(s.accept(line).get(), 60, nullptr)
-                    .send_packet(compose_packet({"1", "ENDLESS", "", "", "", ""}));
+                const unique_fd_t sock = s.accept(line);
+                send_wire(sock, compose_packet({"1", "ENDLESS", "", "", "", ""}));
                 EXPECT_TRUE(eventually([&] { return s.dir.read("pid").ends_with("\n"); }));
             },
             "Calling cmd line: echo $$"},
     });
     site.run();
     kill(std::stoi(site.dir.read("pid")), SIGKILL);
+    EXPECT_EQ(site.dir.list("call_99").size() + site.dir.list("call_98").size(), 0u);
 }
 
-// The log of these goes to standard error, because its file cannot be made.
 TEST_F(Faults, AroundTheDaemon) {
-    const auto mend = [](const std::function<void(faults_t &, int)> &act) {
+    const auto mend = [](void (*act)(const temp_dir_t &)) {
         return [=](faults_t &site, int line) {
             const unique_fd_t sock = site.accept(line);
             control_station_t station(sock.get(), 60, nullptr);
-            EXPECT_TRUE(station.send_call({"1", faults_t::good(line), "", "", "", ""}));
-            act(site, line);
-            EXPECT_TRUE(station.send_call({"1", faults_t::good(line), "", "", "", ""}));
-            site.expect_call(line, site.faults[static_cast<size_t>(line)].name);
+            EXPECT_TRUE(station.send_call({"1", "GOOD " + std::to_string(line), "", "", "", ""}));
+            act(site.dir);
+            EXPECT_TRUE(station.send_call({"1", "GOOD " + std::to_string(line), "", "", "", ""}));
+            site.expect_call(line, site.faults[size_t(line)].name);
         };
     };
     faults_t site({
-        {"missing_spool", "spool_dir = @missing_spool", mend([](faults_t &s, int) {
-             fs::create_directory(s.dir.path("missing_spool"));
-             fs::permissions(s.dir.path("missing_spool"), fs::perms(0777));
-         }),
-            "Unable to open file for writing\n"},
+        {"missing_spool", "spool_dir = @missing_spool",
+            mend([](const temp_dir_t &dir) { dir.make("missing_spool", 0777); }), "Unable to open file for writing\n"},
         {"locked_spool", "spool_dir = @locked_spool",
-            mend([](faults_t &s, int) { fs::permissions(s.dir.path("locked_spool"), fs::perms(0777)); }),
+            mend([](const temp_dir_t &dir) { fs::permissions(dir.path("locked_spool"), fs::perms(0777)); }),
             "Call service action general_error\n"},
-        {"full_spool", "spool_dir = @full_spool", mend([](faults_t &s, int line) {
-             EXPECT_EQ(s.dir.list("full_spool/call_").size(), 0u) << line;
-             fs::remove(s.dir.path("full_spool/filler"));
+        {"full_spool", "spool_dir = @full_spool", mend([](const temp_dir_t &dir) {
+             EXPECT_TRUE(dir.list("call_", "full_spool").empty());
+             fs::remove(dir.path("full_spool/filler"));
          }),
             "No space left on device"},
     });
-    fs::create_directory(site.dir.path("locked_spool"));
-    fs::permissions(site.dir.path("locked_spool"), fs::perms(0555));
+    site.dir.make("locked_spool", 0555);
+    site.dir.make("full_spool", 0777);
     const std::string full = site.dir.path("full_spool");
-    fs::create_directory(full);
     ASSERT_EQ(mount("tmpfs", full.c_str(), "tmpfs", 0, "size=16k,mode=777"), 0) << strerror(errno);
-    std::ofstream(full + "/filler") << std::string(16384, 'x');
+    site.dir.write("full_spool/filler", std::string(16384, 'x'));
     site.run();
     site.daemon.reset();
     umount(full.c_str());

@@ -1,7 +1,6 @@
 // The library: log lines, the INI dialect, detaching, pidfiles and deferred signals.
 
 #include <sched.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "daemon.h"
@@ -33,26 +32,13 @@ std::string detached() {
 
 TEST(DaemonInit, DetachesUnlessStartedByInitOrInetd) {
     const auto under_inetd = [] { return dup2(socket(AF_UNIX, SOCK_STREAM, 0), 0), close(2), detached(); };
-    const auto under_init = [] {  // the child of a new process id namespace's first process
-        return unshare(CLONE_NEWPID) != 0 ? "cannot" : in_child([] { return in_child(detached); });
+    const auto under_init = [] {
+        return unshare(CLONE_NEWPID) != 0 ? "" : in_child([] { return in_child(detached); });
     };
     EXPECT_EQ(in_child([] { return setsid(), detached(); }), "0 forked session / 0 0 1 2");
     EXPECT_EQ(in_child([] { return close_range(0, 2, 0), detached(); }), "0 forked session / 0 0 1 2");
     EXPECT_EQ(in_child(under_inetd), "0 same / 0 0 1");
     if (geteuid() == 0) { EXPECT_EQ(in_child(under_init), "0 same / 0 0 1 2"); }
-}
-
-TEST(Pidfile, Path) {
-    const std::string standard = getuid() == 0 ? "/var/run/" : "/tmp/", x4084(4084, 'x');
-    const std::pair<std::string, std::string> rows[] = {{"/run/x.pid", "/run/x.pid"},
-        {"vesperd", standard + "vesperd.pid"}, {x4084, standard + x4084 + ".pid"}, {x4084 + "x", "too long"},
-        {"/" + std::string(4097, 'x'), "too long"}};
-    for (const auto &[name, expected] : rows) {
-        char *path = nullptr;
-        const int result = daemon_construct_pidfile(name.c_str(), &path);
-        EXPECT_EQ(result == 0 ? path : errno == ENAMETOOLONG ? "too long" : "?", expected);
-        free(path);
-    }
 }
 
 TEST(Pidfile, WrittenOverAnOlderOneAndRemoved) {
@@ -65,22 +51,6 @@ TEST(Pidfile, WrittenOverAnOlderOneAndRemoved) {
     // The other instance has left the file alone. Reading it gives up this process's lock.
     EXPECT_EQ(dir.read("x.pid"), mine + old.substr(mine.size()));
     EXPECT_EQ((ints_t{daemon_close(), fs::exists(file), daemon_close()}), (ints_t{0, 0, 0}));
-    EXPECT_EQ((ints_t{daemon_pidfile(nullptr), errno}), (ints_t{-1, EINVAL}));
-    EXPECT_EQ((ints_t{daemon_pidfile(dir.path("missing/x.pid").c_str()), errno}), (ints_t{-1, ENOENT}));
-}
-
-TEST(Pidfile, RemovedWhenItCannotBeWritten) {
-    const temp_dir_t dir;
-    EXPECT_EQ(in_child([&] {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit before{RLIM_INFINITY, RLIM_INFINITY}, nothing{0, RLIM_INFINITY};
-        setrlimit(RLIMIT_FSIZE, &nothing);
-        const ints_t results{daemon_pidfile(dir.path("x.pid").c_str()), errno, daemon_close()};
-        setrlimit(RLIMIT_FSIZE, &before);
-        return PrintToString(results);
-    }),
-        PrintToString(ints_t{-1, EFBIG, 0}));
-    EXPECT_TRUE(dir.list("x.pid").empty());
 }
 
 std::string handled;
@@ -99,32 +69,23 @@ TEST(Signals, AreCountedAndHandledLater) {
     EXPECT_EQ(handled, "");
     EXPECT_EQ((ints_t{signal_received(SIGHUP), signal_raise(SIGHUP)}), (ints_t{3, 4}));
     signal_handle_all();
-    EXPECT_EQ(signal_received(SIGHUP), 0);
-    signal_handle_all();
+    signal_handle_all();  // has none left
     EXPECT_EQ(handled, "1b 15bw " + std::to_string(SIGRTMIN) + "b ");
 }
 
 TEST(Signals, DispositionsFaultsAndBadNumbers) {
     handled = "";
-    EXPECT_EQ(
-        (ints_t{signal_set_handler(SIGABRT, 0, note_signal), raise(SIGABRT), signal_received(SIGABRT)}), ints_t(3));
+    EXPECT_EQ((ints_t{signal_set_handler(SIGABRT, 0, note_signal), raise(SIGABRT)}), ints_t(2));
     EXPECT_EQ(handled, "6b ");  // at once
-    EXPECT_EQ(
-        (ints_t{signal_set_handler(SIGUSR1, 0, SIG_IGN), raise(SIGUSR1), signal_raise(SIGUSR1)}), (ints_t{0, 0, 1}));
+    EXPECT_EQ((ints_t{signal_set_handler(SIGUSR1, 0, SIG_IGN), signal_raise(SIGUSR1)}), (ints_t{0, 1}));
     signal_handle_all();  // an ignored signal has nothing to call
-    EXPECT_EQ(signal_received(SIGUSR1), 0);
-    const auto fails = [](int result) { return result == -1 && std::exchange(errno, 0) == EINVAL; };
-    EXPECT_TRUE(fails(signal_set_handler(SIGKILL, 0, note_signal)));
     for (const int no : {-1, 65}) {
-        EXPECT_TRUE(fails(signal_received(no)) && fails(signal_raise(no)) && fails(signal_handle(no))) << no;
-        EXPECT_TRUE(fails(signal_addset(no, SIGHUP)) && fails(signal_set_handler(no, 0, note_signal))) << no;
+        EXPECT_EQ((ints_t{signal_received(no), signal_raise(no), signal_handle(no)}), ints_t(3, -1)) << no;
     }
 }
 
 TEST(Logger, LevelsLetThrough) {
-    const std::map<int, std::string> rows = {
-        {-1, ""}, {0, "v"}, {1, "rv"}, {2, "wrv"}, {4, "enwrv"}, {5, "denwrv"}, {65535, "denwrv"}};
-    for (const auto &[log_level, letters] : rows) {
+    for (const auto &[log_level, letters] : std::map<int, std::string>{{0, "v"}, {2, "wrv"}, {5, "denwrv"}}) {
         const captured_log_t log(log_level);
         for (int level = LEVEL_DEBUG; level <= LEVEL_VERBOSE; level++) { LOG(level, "%c", "denwrv"[level]); }
         EXPECT_EQ(std::regex_replace(log.messages(), std::regex("\n"), ""), letters) << log_level;
@@ -133,42 +94,21 @@ TEST(Logger, LevelsLetThrough) {
 
 TEST(Logger, LayoutAndCut) {
     const captured_log_t log;
-    std::string id = in_child([] {
-        LOG(LEVEL_ERROR, "text %d", 7);
-        return std::to_string(getpid());
-    });
+    LOG(LEVEL_ERROR, "text %d", 7);
     write_log(LEVEL_VERBOSE, "file", 185, "function", "ends in a newline\n");
-    const std::string text = log.text();
-    EXPECT_THAT(text, MatchesRegex("[0-9][0-9]/[0-9][0-9]/[0-9][0-9] [0-9:]+:  "
-                                   "ERROR\\[" +
-                                   id +
-                                   "\\]: lib_test:[0-9]+ in operator\\(\\): text 7\n"
-                                   "[0-9/]+ [0-9:]+:  VERBOSE\\[[0-9]+\\]: ends in a newline\n\n"));
+    const std::string text = log.text(), id = std::to_string(getpid());
+    const std::string head = "[0-9/]{8} [0-9:]{8}:  ";
+    EXPECT_THAT(text, MatchesRegex(head + "ERROR\\[" + id + "\\]: lib_test:[0-9]+ in TestBody: text 7\n" + head +
+                                   "VERBOSE\\[" + id + "\\]: ends in a newline\n\n"));
     LOG(LEVEL_VERBOSE, "%s", std::string(2000, 'x').c_str());
-    const std::string line = log.text().substr(text.size());
-    EXPECT_EQ(line.size(), "11/15/26 12:14:45: "s.size() + 1023 + "\n"s.size());
-    EXPECT_EQ(line.find('\n'), line.size() - 1);
-}
-
-TEST(Logger, StandardErrorWhereThereIsNoFile) {
-    for (const char *file : {"", "/missing/log"}) {
-        testing::internal::CaptureStderr();
-        logger_init(file, 1, 0, 0);
-        LOG(LEVEL_ERROR, "seen");
-        set_log_level(0);
-        LOG(LEVEL_ERROR, "filtered");
-        logger_init(file, 5, 0, 1);
-        LOG(LEVEL_ERROR, "disabled");
-        EXPECT_THAT(testing::internal::GetCapturedStderr(), MatchesRegex(".*: lib_test:.* in TestBody: seen\n"));
-    }
+    EXPECT_EQ(log.text().size(), text.size() + "11/15/26 12:14:45: "s.size() + 1023 + "\n"s.size());
 }
 
 struct Ini : Test {
     ~Ini() override { iniparser_freedict(dict); }
     void load(const std::string &text) {
         iniparser_freedict(dict);
-        dict = ini_load(dir.write("ini", text).c_str());
-        ASSERT_NE(dict, nullptr);
+        ASSERT_NE(dict = ini_load(dir.write("ini", text).c_str()), nullptr);
     }
     std::string get(const char *key) {
         const char *found = iniparser_getstr(dict, key);
@@ -196,19 +136,17 @@ TEST_F(Ini, KeyLines) {
 TEST_F(Ini, SectionsAndNextKeyAndValue) {
     load("free = 1\n[ Two Words ] ; comment\nk=1\n[b]\nk=2\n[]\n[ two words ]\nl=3\n[x:y]\nk=4\nnonsense\n");
     EXPECT_EQ(get(":free") + get(" two words :k") + get(" two words :l"), "113");
-    ASSERT_EQ(iniparser_getnsec(dict), 2);
-    EXPECT_STREQ(iniparser_getsecname(dict, 0), " two words ");
-    EXPECT_STREQ(iniparser_getsecname(dict, 1), "b");
+    EXPECT_EQ(joined(iniparser_getnsec(dict), iniparser_getsecname(dict, 0), iniparser_getsecname(dict, 1)),
+        "2| two words |b|");
     EXPECT_EQ(ini_load(dir.path("missing").c_str()), nullptr);
 
     load("[s]\nvalue[b] = 1\nother = 2\nvalue[a] = 3\n");
     const char *key = nullptr, *value = nullptr;
-    EXPECT_EQ(iniparser_get_next_kv(dict, "s:value[", 0, &key, &value), 1);
-    EXPECT_EQ(key + "="s + value, "s:value[b]=1");
-    EXPECT_EQ(iniparser_get_next_kv(dict, "s:value[", 1, &key, &value), 3);
-    EXPECT_EQ(iniparser_get_next_kv(dict, "s:value[", 3, &key, &value), 0);
-    EXPECT_EQ(key + "="s + value, "s:value[a]=3");
-    EXPECT_EQ(iniparser_get_next_kv(nullptr, "s", 0, &key, &value), -1);
+    std::string found;
+    for (int at = 0; (at = iniparser_get_next_kv(dict, "s:value[", at, &key, &value)) > 0;) {
+        found += joined(at, key, value);
+    }
+    EXPECT_EQ(found, "1|s:value[b]|1|3|s:value[a]|3|");
 }
 
 }  // namespace

@@ -1,16 +1,15 @@
 // The serial path with parts that others wrote: line tool, pseudo-terminals, a real converter, daemon, call file.
 
-#include <random>
-
 #include "support.h"
 
 namespace {
 
-struct Serial : Test {
+struct Serial : Installed {
     void SetUp() override {
-        if (geteuid() != 0 || getpwnam("ovo") == nullptr) { GTEST_SKIP() << "needs root and the daemon's account"; }
-        if (!fs::exists("/usr/bin/socat") || !fs::exists("/usr/sbin/ser2net")) {
-            GTEST_SKIP() << "needs socat and ser2net";
+        Installed::SetUp();
+        listen_anywhere(&port);
+        if (IsSkipped() || !fs::exists("/usr/bin/socat") || !fs::exists("/usr/sbin/ser2net")) {
+            GTEST_SKIP() << "needs root, socat and ser2net";
         }
         dir.write("ser2net.yaml", "connection: &line\n  accepter: tcp,127.0.0.1," + port + "\n  connector: serialdev," +
                                       dir.path("converter") + ",9600n81,local\n  options:\n    kickolduser: true\n");
@@ -20,15 +19,16 @@ struct Serial : Test {
         start_converter();
     }
     void start_converter() {
-        converter = std::make_unique<program_t>(std::vector<std::string>{
-            "/usr/sbin/ser2net", "-n", "-d", "-c", dir.path("ser2net.yaml"), "-P", dir.path("ser2net.pid")});
+        converter.reset();
+        converter = std::make_unique<program_t>(
+            std::vector{"/usr/sbin/ser2net"s, "-n"s, "-d"s, "-c"s, dir.path("ser2net.yaml"), "-P"s, dir.path("pid")});
     }
     void start_daemon(const std::string &protocol) {
-        const std::string conf =
-            dir.write("conf", "[logger]\nlog_level = 0\n[line]\nhost = 127.0.0.1\nport = " + port +
-                                  "\nprotocol = " + protocol + "\nread_timeout = no\nspool_dir = " + dir.path() +
-                                  "\nrules = rule_x\n[rule_x]\npattern = ^CALL\naction = call\n"
-                                  "extension = $n\nvalue[n] = CALL ([0-9]+)\n");
+        const std::string text =
+            "[logger]\nlog_level = 0\n[line]\nhost = 127.0.0.1\nread_timeout = no\nrules = rule_x\nport = ";
+        const std::string conf = dir.write(
+            "conf", text + port + "\nprotocol = " + protocol + "\nspool_dir = " + dir.path() +
+                        "\n[rule_x]\npattern = ^CALL\naction = call\nextension = $n\nvalue[n] = CALL ([0-9]+)\n");
         daemon = std::make_unique<program_t>(std::vector{"vesperd"s, "-f"s, "-d"s, "-c"s, conf});
     }
     // Until the call arrives: nobody knows when the daemon has found a restarted converter again.
@@ -44,23 +44,20 @@ struct Serial : Test {
     }
 
     temp_dir_t dir;
-    const std::string port = std::to_string(20000 + std::random_device()() % 12000);
+    std::string port;
     std::unique_ptr<program_t> cable, converter, daemon;
 };
 
 TEST_F(Serial, FromDeviceToCallFileAndBackAfterARestartOfTheConverter) {
     start_daemon("espa");
-    send({}, "1");
-    send({"--address", "4711"}, "2");
-    converter.reset();
+    send({"--address", "4711"}, "1");
     start_converter();
-    send({"--ascii"}, "3");  // what an ESPA line speaks after its link was lost
+    send({"--ascii"}, "2");  // what an ESPA line speaks after its link was lost
 }
 
 TEST_F(Serial, AsciiLines) {
     start_daemon("ascii");
     send({"--ascii"}, "1");
-    converter.reset();
     start_converter();
     send({"--ascii"}, "2");
 }
