@@ -34,9 +34,10 @@ inline void require(bool holds) {
 // A directory of this process, made once.
 inline const std::string &scratch_dir() {
     static const std::string path = [] {
-        char name[] = "/tmp/vesper-fuzz-XXXXXX";
-        require(mkdtemp(name) != nullptr);
-        return std::string(name);
+        const char *parent = getenv("TMPDIR");
+        std::string name = std::string(parent != nullptr ? parent : "/tmp") + "/vesper-fuzz-XXXXXX";
+        require(mkdtemp(name.data()) != nullptr);
+        return name;
     }();
     return path;
 }
