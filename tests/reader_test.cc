@@ -52,6 +52,20 @@ TEST(Readers, GiveUpAfterSilence) {
     for (auto &result : results) { EXPECT_EQ(result.get(), "0"); }
 }
 
+TEST(Readers, ASignalDoesNotEndTheWait) {
+    signal(SIGUSR1, [](int) {});
+    const pair_t line;
+    auto ready = std::async(std::launch::async, [&] { return wait_data(line.near.get()); });
+    for (int i = 0; i < 20; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        for (const auto &task : fs::directory_iterator("/proc/self/task")) {  // one of them is the waiting thread
+            tgkill(getpid(), std::stoi(task.path().filename()), SIGUSR1);
+        }
+    }
+    send_wire(line.far, "x");
+    EXPECT_EQ(ready.get(), 1);
+}
+
 TEST(AsciiReader, Lines) {
     const pair_t line;
     send_wire(line.far, "ALARM 12\r\nA\n<NUL><SOH><E9>\nABCDEFG\n");
