@@ -5,26 +5,33 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <charconv>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <memory>
 #include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
 
 #include "fd.h"
-#include "text.h"
 
 namespace {
 
-constexpr int MESSAGE_SIZE = 1024;
-constexpr int TIME_SIZE = 32;
+constexpr size_t MESSAGE_SIZE = 1024;
+constexpr size_t TIME_SIZE = 32;
+constexpr size_t MAX_PATH_LENGTH = 1023;
 constexpr int THRESHOLD = 5;
 constexpr std::chrono::seconds SYSLOG_PATIENCE(1);
 
-constexpr std::array<const char *, 6> levels = {"DEBUG",   "EVENT", "NOTICE",
-                                                "WARNING", "ERROR", "VERBOSE"};
+constexpr std::array<std::string_view, 6> levels = {"DEBUG",   "EVENT", "NOTICE",
+                                                    "WARNING", "ERROR", "VERBOSE"};
 constexpr std::array<int, 7> syslog_level_map = {LOG_DEBUG, LOG_INFO,  LOG_NOTICE, LOG_WARNING,
                                                  LOG_ERR,   LOG_DEBUG, LOG_DEBUG};
 
@@ -32,7 +39,19 @@ constexpr std::array<int, 7> syslog_level_map = {LOG_DEBUG, LOG_INFO,  LOG_NOTIC
 std::atomic<int> log_level = 1;
 std::atomic<int> log_to_syslog = 0;
 std::atomic<int> dont_log = 0;
-char logfile[1024];
+std::atomic<const char *> logfile = "";
+
+struct owner_t {
+    uid_t uid = NOBODY;
+    gid_t gid = NOBODY;
+} owner;
+
+// A thread may be about to open the earlier file, so paths are kept; equal ones are one.
+const char *kept_path(std::string_view path) {
+    static std::set<std::string, std::less<>> &known =
+        *std::make_unique<std::set<std::string, std::less<>>>().release();
+    return known.emplace(path.substr(0, MAX_PATH_LENGTH)).first->c_str();
+}
 
 // Asking the kernel for it would make four system calls of the three that a line takes.
 std::atomic<long> process_id = 0;
@@ -52,28 +71,86 @@ long current_process_id() {
     return id;
 }
 
-// Month/day/year and time of day in local time, as strftime's "%D %T" gives them; strftime itself
-// would look for a changed time zone file with every line.
-void format_time(char (&text)[TIME_SIZE]) {
+// Month/day/year and time of day in local time, as strftime's "%D %T" gives them, a colon and a
+// blank. Most lines come in the same second as the one before; strftime itself would look for a
+// changed time zone file.
+std::string_view time_stamp() {
+    thread_local time_t second = -1;
+    thread_local char text[TIME_SIZE];
+    thread_local size_t length = 0;
     const time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    snprintf(text, sizeof text, "%02d/%02d/%02d %02d:%02d:%02d", local.tm_mon + 1, local.tm_mday,
-             local.tm_year % 100, local.tm_hour, local.tm_min, local.tm_sec);
+    if (now != second) {
+        tm local{};
+        localtime_r(&now, &local);
+        const int wanted =
+            snprintf(text, sizeof text, "%02d/%02d/%02d %02d:%02d:%02d: ", local.tm_mon + 1,
+                     local.tm_mday, local.tm_year % 100, local.tm_hour, local.tm_min, local.tm_sec);
+        length = std::min(static_cast<size_t>(std::max(wanted, 0)), sizeof text - 1);
+        second = now;
+    }
+    return {text, length};
+}
+
+// A line in the making: the time stamp, and the message of at most MESSAGE_SIZE - 1 characters,
+// which can be read on its own until the line is ended.
+class log_line_t {
+  public:
+    explicit log_line_t(std::string_view stamp) : length_(stamp.size()), message_(stamp.size()) {
+        memcpy(text_, stamp.data(), stamp.size());
+    }
+
+    log_line_t &operator<<(std::string_view text) {
+        const size_t count = std::min(text.size(), left());
+        memcpy(text_ + length_, text.data(), count);
+        length_ += count;
+        return *this;
+    }
+    log_line_t &operator<<(long number) {
+        char digits[24];
+        const auto [end, error] = std::to_chars(digits, digits + sizeof digits, number);
+        return *this << std::string_view(digits, static_cast<size_t>(end - digits));
+    }
+    __attribute__((format(printf, 2, 0))) void format(const char *fmt, va_list arguments) {
+        const int wanted = vsnprintf(text_ + length_, left() + 1, fmt, arguments);
+        length_ += std::min(static_cast<size_t>(std::max(wanted, 0)), left());
+    }
+
+    const char *message() {
+        text_[length_] = '\0';
+        return text_ + message_;
+    }
+    std::string_view ended() {
+        text_[length_] = '\n';
+        return {text_, length_ + 1};
+    }
+
+  private:
+    size_t left() const { return message_ + MESSAGE_SIZE - 1 - length_; }
+
+    size_t length_;
+    size_t message_;
+    char text_[TIME_SIZE + MESSAGE_SIZE + 1];
+};
+
+int open_log_file(const char *path) {
+    constexpr int FLAGS = O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC;
+    constexpr mode_t MODE = 0666;
+    if (owner.uid != NOBODY) {
+        const int made = open(path, FLAGS | O_EXCL, MODE);
+        if (made >= 0) {
+            const int given = fchown(made, owner.uid, owner.gid);
+            static_cast<void>(given);  // on a file system without owners it does not matter
+            return made;
+        }
+    }
+    return open(path, FLAGS, MODE);
 }
 
 // One write per line keeps the lines of different threads whole.
-void write_line(const char *message) {
-    char when[TIME_SIZE];
-    char line[TIME_SIZE + MESSAGE_SIZE + 4];
-    format_time(when);
-    const int length = snprintf(line, sizeof line, "%s: %s\n", when, message);
-    unique_fd_t file;
-    if (logfile[0] != '\0') {
-        file.reset(open(logfile, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
-    }
-    const int target = file ? file.get() : STDERR_FILENO;
-    if (write(target, line, static_cast<size_t>(length)) < 0) {
+void write_line(std::string_view line) {
+    const char *path = logfile;
+    unique_fd_t file(path[0] != '\0' ? open_log_file(path) : -1);
+    if (write(file ? file.get() : STDERR_FILENO, line.data(), line.size()) < 0) {
         return;  // nowhere left to report it
     }
 }
@@ -91,11 +168,15 @@ void write_syslog(int level, const char *message) {
 }  // namespace
 
 int logger_init(const char *file, int start_level, int do_syslog, int disable_log) noexcept {
-    copy_text(logfile, file != nullptr ? file : "");
+    logfile = kept_path(file != nullptr ? file : "");
     dont_log = disable_log;
     log_level = start_level;
     log_to_syslog = do_syslog;
     return 0;
+}
+
+void logger_own_files(unsigned uid, unsigned gid) noexcept {
+    owner = {uid, gid};
 }
 
 void set_log_level(int level) noexcept {
@@ -108,23 +189,19 @@ void write_log(int level, const char *file, int line, const char *function, cons
         dont_log == 1) {
         return;
     }
-    char message[MESSAGE_SIZE] = "";
-    const char *name = levels[static_cast<size_t>(level)];
-    const long pid = current_process_id();
-    int used = level == LEVEL_VERBOSE
-                   ? snprintf(message, sizeof message, " %s[%ld]: ", name, pid)
-                   : snprintf(message, sizeof message, " %s[%ld]: %s:%d in %s: ", name, pid, file,
-                              line, function);
-    used = std::min(used, MESSAGE_SIZE - 1);
-
+    log_line_t text(time_stamp());
+    text << " " << levels[static_cast<size_t>(level)] << "[" << current_process_id() << "]: ";
+    if (level != LEVEL_VERBOSE) {
+        text << file << ":" << line << " in " << function << ": ";
+    }
     va_list arguments;
     va_start(arguments, fmt);
-    vsnprintf(message + used, static_cast<size_t>(MESSAGE_SIZE - used), fmt, arguments);
+    text.format(fmt, arguments);
     va_end(arguments);
 
     if (log_to_syslog != 0) {
-        write_syslog(level, message);
+        write_syslog(level, text.message());
     } else {
-        write_line(message);
+        write_line(text.ended());
     }
 }

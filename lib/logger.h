@@ -2,6 +2,8 @@
 //
 // Every line opens, writes and closes the log file, so a file that was moved away or deleted is
 // made anew by the next line, and no descriptor is held between lines.
+//
+// The settings may be changed while other threads log.
 #pragma once
 
 #include <cstddef>
@@ -24,6 +26,11 @@ enum : int {
 //   disable_log  1: nothing is written at all
 // Returns 0.
 int logger_init(const char *file, int start_level, int do_syslog, int disable_log) noexcept;
+
+// While the process runs as root: gives every log file that the logger makes to an account from its
+// first line on. With NOBODY for both, the files belong to whom the process runs as again.
+constexpr unsigned NOBODY = static_cast<unsigned>(-1);
+void logger_own_files(unsigned uid, unsigned gid) noexcept;
 
 // Sets the log level alone.
 void set_log_level(int level) noexcept;
