@@ -133,7 +133,7 @@ void write_call_file(pager_t *pager, const rule_t *rule, const expansion_t &with
     char name[FIELD_SIZE + 32];
     char path[PATH_SIZE];
     snprintf(name, sizeof name, "call_%s_%d", extension.text, seconds_now());
-    read_tables([&] { join_path(path, pager->spool_dir, name); });
+    spool_path(path, pager, name);
 
     char content[4 * FIELD_SIZE + 128];
     const int length = snprintf(content, sizeof content,
@@ -158,7 +158,7 @@ void raise_alarm(pager_t *pager, int alrm, const espa_record_t *record, const ch
         return;
     }
     LOG_AS(LEVEL_VERBOSE, function, "Call service action %s\n", alarm_name(alrm));
-    if (pager->send_service_actions == 0) {
+    if (load_shared(pager->send_service_actions) == 0) {
         LOG_AS(LEVEL_VERBOSE, function, "Service actions disabled\n");
         return;
     }
@@ -174,7 +174,7 @@ void raise_alarm(pager_t *pager, int alrm, const espa_record_t *record, const ch
 class spool_file_t {
   public:
     spool_file_t(const pager_t *pager, std::string_view name) {
-        join_path(path_, pager->spool_dir, name);
+        spool_path(path_, pager, name);
         file_.reset(fopen(path_, "re"));
     }
     bool is_open() const { return file_ != nullptr; }
@@ -239,7 +239,8 @@ void process_status(const pager_t *pager, std::string_view name) {
     const std::string_view address = without_line_end(address_line);
     LOG_AS(LEVEL_DEBUG, "process_status_feedbacks", "send call status %c to %.*s", status_line[0],
            static_cast<int>(address.size()), address.data());
-    send_status(pager->socket, address, without_line_end(message_line), {status_line, 2});
+    send_status(load_shared(pager->socket), address, without_line_end(message_line),
+                {status_line, 2});
 }
 
 }  // namespace
@@ -272,7 +273,7 @@ void call_script(pager_t *pager, int alrm, const espa_p *p) noexcept {
 }
 
 void process_status_feedbacks(pager_t *pager) noexcept {
-    const unique_dir_t directory(opendir(pager->spool_dir));
+    const unique_dir_t directory(opendir(text_copy_t(pager->spool_dir).text));
     if (!directory) {
         LOG(LEVEL_ERROR, "Unable to open directory\n");
         call_script(pager, ALARM_GENERAL_ERROR, nullptr);

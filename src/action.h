@@ -2,7 +2,7 @@
 #pragma once
 
 #include "espa.h"
-#include "vesperd.h"
+#include "tables.h"
 
 // Expands a template into `line`.
 //   line, size  the caller's buffer and its size in bytes; filled with zeros first, and what does

@@ -1,7 +1,7 @@
 // The alarm table, and the way from an alarm code to a name and to a pager's slot.
 #pragma once
 
-#include "vesperd.h"
+#include "tables.h"
 
 struct alarm_types_t {
     int alarm;  // code, -1 ends the table

@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "action.h"
+#include "conf.h"
 #include "rule.h"
-#include "vesperd.h"
 
 char *config_file;
 int foreground;

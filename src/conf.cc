@@ -17,13 +17,9 @@
 #include "re.h"
 #include "text.h"
 
-pager_t pagers[MAX_PAGERS];
-int num_pagers;
-rule_t rules[MAX_RULES];
 char *logfile;
 uint8_t logtype;
 uint16_t loglevel;
-std::atomic<unsigned> table_generation;
 
 namespace {
 
@@ -122,20 +118,20 @@ bool resolve_host(pager_t *pager) {
 // Copies what loading sets and nothing of what the service thread keeps. The socket comes last: the
 // thread connects again once everything else is in place.
 void store_settings(pager_t *pager, const pager_t &fresh) {
-    memcpy(pager->name, fresh.name, sizeof pager->name);
-    memcpy(pager->host, fresh.host, sizeof pager->host);
-    pager->port = fresh.port;
-    memcpy(pager->callscript, fresh.callscript, sizeof pager->callscript);
-    memcpy(pager->spool_dir, fresh.spool_dir, sizeof pager->spool_dir);
-    memcpy(pager->default_rule, fresh.default_rule, sizeof pager->default_rule);
-    memcpy(pager->rules, fresh.rules, sizeof pager->rules);
-    pager->sin = fresh.sin;
-    pager->no_check_bcc = fresh.no_check_bcc;
-    pager->protocol = fresh.protocol;
-    pager->espa_poll = fresh.espa_poll;
-    pager->read_timeout = fresh.read_timeout;
-    pager->send_service_actions = fresh.send_service_actions;
-    pager->socket = -1;
+    copy_shared(&pager->name, fresh.name);
+    copy_shared(&pager->host, fresh.host);
+    copy_shared(&pager->port, fresh.port);
+    copy_shared(&pager->callscript, fresh.callscript);
+    copy_shared(&pager->spool_dir, fresh.spool_dir);
+    copy_shared(&pager->default_rule, fresh.default_rule);
+    copy_shared(&pager->rules, fresh.rules);
+    copy_shared(&pager->sin, fresh.sin);
+    copy_shared(&pager->no_check_bcc, fresh.no_check_bcc);
+    copy_shared(&pager->protocol, fresh.protocol);
+    copy_shared(&pager->espa_poll, fresh.espa_poll);
+    copy_shared(&pager->read_timeout, fresh.read_timeout);
+    copy_shared(&pager->send_service_actions, fresh.send_service_actions);
+    store_shared(&pager->socket, -1);
 }
 
 // The text between the last '[' and the next ']' in the first 255 characters of a value key.
@@ -194,7 +190,10 @@ struct staged_t {
 // Logs on behalf of load_conf().
 void stage_pager(const dictionary *dict, const char *name, staged_t *staged) {
     const bool merges = staged->pagers.empty() && !staged->slot_0_emptied;
-    pager_t &pager = staged->pagers.emplace_back(merges ? pagers[0] : pager_t{});
+    pager_t &pager = staged->pagers.emplace_back();
+    if (merges) {
+        copy_shared(&pager, pagers[0]);
+    }
     if (load_pager(dict, name, &pager) != 0) {
         LOG_AS(LEVEL_ERROR, "load_conf", "Error loading pager %s\n", name);
         staged->pagers.pop_back();
@@ -239,10 +238,10 @@ template <typename record_t, size_t SIZE>
 void store_records(record_t (&table)[SIZE], const std::vector<record_t> &staged, size_t first,
                    bool slot_0_emptied) {
     for (size_t i = first; i < staged.size(); i++) {
-        memcpy(&table[i], &staged[i], sizeof table[i]);
+        copy_shared(&table[i], staged[i]);
     }
     if (staged.size() < SIZE && (!staged.empty() || slot_0_emptied)) {
-        table[staged.size()] = record_t{};
+        copy_shared(&table[staged.size()], record_t{});
     }
 }
 
@@ -250,15 +249,14 @@ void store_records(record_t (&table)[SIZE], const std::vector<record_t> &staged,
 // slot stays there and is found by name.
 void publish(const staged_t &staged) {
     const bool merges = !staged.pagers.empty() && !staged.slot_0_emptied;
-    table_generation.fetch_add(1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
+    table_generation.begin_writing();
     store_records(rules, staged.rules, 0, false);
     if (merges) {
         store_settings(&pagers[0], staged.pagers[0]);
     }
     store_records(pagers, staged.pagers, merges ? 1 : 0, staged.slot_0_emptied);
     num_pagers = static_cast<int>(staged.pagers.size());
-    table_generation.fetch_add(1, std::memory_order_release);
+    table_generation.end_writing();
 }
 
 }  // namespace

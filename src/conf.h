@@ -6,7 +6,11 @@
 
 #include <iniparser.h>
 
-#include "vesperd.h"
+#include "tables.h"
+
+extern char *logfile;      // heap text
+extern uint8_t logtype;    // 1 = syslog
+extern uint16_t loglevel;  // what the logger lets through
 
 // Reads the file at `path` into `pagers`, `num_pagers`, `rules`, `logfile`, `logtype` and
 // `loglevel` and starts the logger with what it found. The earlier `logfile` is not released: call

@@ -26,10 +26,12 @@ constexpr char POLL_ADDRESS = '2';
 constexpr char SELECT_ADDRESS = '1';
 constexpr std::string_view POLL_REPLY = "2\x05\x1F";  // the address, ENQ and US
 
-void count_up(int *count) {
-    if (*count < INT_MAX) {
-        ++*count;
-    }
+// Returns the new count.
+int count_up(int *count) {
+    const int before = load_shared(*count);
+    const int after = before < INT_MAX ? before + 1 : before;
+    store_shared(count, after);
+    return after;
 }
 
 ssize_t read_byte(int sock, char *byte) {
@@ -62,7 +64,8 @@ void answer_request(int sock, char address, int *polls, int espa_poll) {
 }
 
 void echo_end_of_transmission(int sock, int *polls) {
-    *polls = *polls > 0 ? *polls - 1 : 0;
+    const int open_requests = load_shared(*polls);
+    store_shared(polls, open_requests > 0 ? open_requests - 1 : 0);
     LOG_AS(LEVEL_DEBUG, "espa_read_packet", "EOT received");
     reply(sock, EOT);
 }
@@ -119,7 +122,7 @@ int suppression_number(const char *path) {
 
 bool is_suppressed(const pager_t *pager, const char *name) {
     char path[PATH_SIZE];
-    read_tables([&] { join_path(path, pager->spool_dir, name); });
+    spool_path(path, pager, name);
     return suppression_number(path) < 0;
 }
 
@@ -232,7 +235,7 @@ int alarm_time(pager_t *pager, int alrm) noexcept {
     const alarm_slot_t slot = alarm_slot(pager, alrm);
     if (alrm == ALARM_MESSAGE) {
         count_up(slot.index);
-        *slot.last = now;
+        store_shared(slot.last, now);
         return 1;
     }
     const char *name = alarm_name(alrm);
@@ -240,10 +243,10 @@ int alarm_time(pager_t *pager, int alrm) noexcept {
         LOG(LEVEL_WARNING, "Alarm %s  supressed\n", name);
         return 0;
     }
-    if (!interval_is_over(*slot.index, seconds_between(*slot.last, now))) {
+    const int elapsed = seconds_between(load_shared(*slot.last), now);
+    if (!interval_is_over(load_shared(*slot.index), elapsed)) {
         return 0;
     }
-    *slot.last = now;
-    count_up(slot.index);
-    return *slot.index;
+    store_shared(slot.last, now);
+    return count_up(slot.index);
 }

@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "espa.h"
-#include "vesperd.h"
+#include "tables.h"
 
 // Waits up to 15 seconds until `sock` can be read. A signal does not shorten the wait.
 // Returns a positive number when it can, 0 when nothing arrived, negative on an error or an

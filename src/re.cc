@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "logger.h"
+#include "shared.h"
 #include "text.h"
 
 namespace {
@@ -126,8 +127,7 @@ int compile_regex(pattern_t *compiled, const char *text) noexcept {
 }
 
 int match_regex(const pattern_t *pattern, const char *text, char *out, int size) noexcept {
-    // Once only: a reload may be emptying the record that the pattern stands in.
-    const regex_t *compiled = __atomic_load_n(&pattern->compiled, __ATOMIC_RELAXED);
+    const regex_t *compiled = load_shared(pattern->compiled);
     if (compiled == nullptr) {
         return 0;
     }

@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "logger.h"
-#include "text.h"
 
 namespace {
 
@@ -14,9 +13,9 @@ char lower(char c) {
 }
 
 // Equal over the length of the shorter one. A list of 150 rules compares 11,000 names for a message.
-bool is_same_name(const char *one, const char *other) {
-    while (*one != '\0' && *other != '\0') {
-        if (lower(*one++) != lower(*other++)) {
+bool is_same_name(const char *shared, const char *name) {
+    for (char c = load_shared(*shared); c != '\0' && *name != '\0'; c = load_shared(*++shared)) {
+        if (lower(c) != lower(*name++)) {
             return false;
         }
     }
@@ -31,11 +30,10 @@ struct choice_t {
 };
 
 choice_t choose(const pager_t *pager, const char *message) {
-    char list[sizeof pager->rules];
-    copy_text(list, pager->rules);
-    choice_t choice{nullptr, 0, list[0] == '\0'};
+    text_copy_t list(pager->rules);
+    choice_t choice{nullptr, 0, list.text[0] == '\0'};
     char *rest = nullptr;
-    for (const char *name = strtok_r(list, NAME_SEPARATORS, &rest); name != nullptr;
+    for (const char *name = strtok_r(list.text, NAME_SEPARATORS, &rest); name != nullptr;
          name = strtok_r(nullptr, NAME_SEPARATORS, &rest)) {
         rule_t *rule = get_rule_by_name(name);
         const int index = rule != nullptr ? match_regex(&rule->pattern, message, nullptr, 0) : 0;
@@ -45,7 +43,7 @@ choice_t choose(const pager_t *pager, const char *message) {
         }
     }
     if (choice.rule == nullptr) {
-        choice.rule = get_rule_by_name(pager->default_rule);
+        choice.rule = get_rule_by_name(text_copy_t(pager->default_rule).text);
     }
     return choice;
 }
@@ -57,16 +55,16 @@ rule_t *choose_and_log(const pager_t *pager, const char *message, rule_t *copy) 
     read_tables([&] {
         choice = choose(pager, text);
         if (copy != nullptr && choice.rule != nullptr) {
-            *copy = *choice.rule;
+            copy_shared(copy, *choice.rule);
         }
     });
     if (choice.has_no_list) {
         LOG_AS(LEVEL_DEBUG, "select_rule", "No rules set up in pager '%s', using default rule\n",
-               pager->name);
+               text_copy_t(pager->name).text);
     } else if (choice.best > 0) {
         LOG_AS(LEVEL_DEBUG, "select_rule",
                "For message '%s' selected rule '%s' with match index %d\n", text,
-               copy != nullptr ? copy->name : choice.rule->name, choice.best);
+               text_copy_t(copy != nullptr ? copy->name : choice.rule->name).text, choice.best);
     }
     return choice.rule;
 }
@@ -78,7 +76,7 @@ rule_t *get_rule_by_name(const char *name) noexcept {
         return nullptr;
     }
     for (rule_t &rule : rules) {
-        if (rule.name[0] != '\0' && is_same_name(rule.name, name)) {
+        if (load_shared(rule.name[0]) != '\0' && is_same_name(rule.name, name)) {
             return &rule;
         }
     }

@@ -1,7 +1,7 @@
 // Selection of the rule for a message.
 #pragma once
 
-#include "vesperd.h"
+#include "tables.h"
 
 // Finds a rule by name, ignoring case. A rule is found when its name and `name` are equal over the
 // length of the shorter one, so "rule_f" finds rule_fire and "rule_fire2" finds rule_fire; of

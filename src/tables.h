@@ -1,19 +1,20 @@
-// The records, codes and global tables that the modules share, and the daemon core's own
-// operations.
+// The records, codes and global tables that the modules share.
 //
 // The tables are plain fixed-size records without a lock. A reload rewrites them while the service
-// threads read them; a thread sees a record's old or new contents, every text field ends in a zero
-// byte at all times, and a compiled pattern lives as long as the process.
+// threads read them, so a thread reads a field of a table through lib/shared.h, and fields that have
+// to belong together within read_tables(). Every text field ends in a zero byte at all times, and a
+// compiled pattern lives as long as the process.
 #pragma once
 
 #include <netinet/in.h>
 #include <pthread.h>
 
-#include <atomic>
 #include <cstdint>
-#include <thread>
+#include <string_view>
 
+#include "files.h"
 #include "re.h"
+#include "shared.h"
 
 constexpr int MAX_PAGERS = 16;
 constexpr int MAX_RULES = 256;
@@ -87,54 +88,19 @@ struct pager_t {
     alarm_times_t event_alarms[4];  // alarm codes 16, 32, 64 and 128, which lie beyond `alarms`
 };
 
-// Configuration (conf.cc).
 extern pager_t pagers[MAX_PAGERS];
 extern int num_pagers;
 extern rule_t rules[MAX_RULES];  // no count: a slot with an empty name is unused
-extern char *logfile;            // heap text
-extern uint8_t logtype;          // 1 = syslog
-extern uint16_t loglevel;
 
-// Counts the beginnings and ends of rewriting the tables: odd while one is under way (conf.cc).
-extern std::atomic<unsigned> table_generation;
+// The rewritings of the tables.
+extern generation_t table_generation;
 
 // Calls `read`, and again if the tables were rewritten meanwhile: what it copied last belongs
 // together.
 template <typename reader_t>
 void read_tables(reader_t read) noexcept {
-    for (;;) {
-        const unsigned before = table_generation.load(std::memory_order_acquire);
-        if (before % 2 == 0) {
-            read();
-            std::atomic_thread_fence(std::memory_order_acquire);
-            if (table_generation.load(std::memory_order_relaxed) == before) {
-                return;
-            }
-        }
-        std::this_thread::yield();
-    }
+    table_generation.read(read);
 }
 
-// Shutdown (vesperd.cc): set once, polled by every service thread.
-extern std::atomic<int> doexit;
-
-// Chooses the rule for a message of `pager` and runs its action.
-//   alrm     alarm code, ALARM_MESSAGE for messages
-//   number   call address, or null
-//   message  message text
-void process_message(pager_t *pager, int alrm, const char *number, const char *message) noexcept;
-
-// Handler of the terminating signals: lets the service threads finish for ten seconds, removes the
-// pidfile and exits with status 0.
-[[noreturn]] void sig_term(int signo) noexcept;
-
-// Handler of SIGHUP: loads the configuration file again and starts the logger anew. When the file
-// cannot be opened, exits with status 0 at once and leaves the pidfile behind.
-void sig_hup(int signo) noexcept;
-
-// Start routine of a service thread; `pager` is the thread's pager_t. Connects, reads, dispatches
-// and reconnects until `doexit` is set. Returns null.
-void *service_proc(void *pager) noexcept;
-
-// The program: options, account, configuration, test mode or service. Every way out is exit(0).
-[[noreturn]] void vesperd_run(int argc, char **argv) noexcept;
+// Forms the path of a file in a pager's spool directory.
+void spool_path(char (&path)[PATH_SIZE], const pager_t *pager, std::string_view name) noexcept;

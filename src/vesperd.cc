@@ -28,6 +28,7 @@
 #include "proto.h"
 #include "rule.h"
 #include "sig.h"
+#include "text.h"
 
 std::atomic<int> doexit;
 
@@ -55,7 +56,7 @@ constexpr int KEEPALIVE_PROBES = 4;
 #define LOG_SERVICE(level, ...) LOG_AS(level, "service_proc", __VA_ARGS__)
 
 // A service thread's side of its pager. The thread knows its connection by `sock`; a record whose
-// `socket` differs has been loaded again, and its connection, abandoned then, stays open unused.
+// `socket` differs has been loaded again, and its connection is abandoned: it stays open unused.
 struct line_t {
     pager_t *pager;
     int sock;
@@ -63,12 +64,12 @@ struct line_t {
 };
 
 bool is_reloaded(const line_t *line) {
-    return line->pager->socket != line->sock;
+    return load_shared(line->pager->socket) != line->sock;
 }
 
 void set_socket(line_t *line, int sock) {
     line->sock = sock;
-    line->pager->socket = sock;
+    store_shared(&line->pager->socket, sock);
 }
 
 void close_line(line_t *line) {
@@ -99,9 +100,22 @@ int create_socket() {
     return sock.release();
 }
 
-// The port as the log shows it: a signed 16-bit number printed as unsigned.
-unsigned shown_port(const pager_t *pager) {
-    return static_cast<unsigned>(pager->port);
+// Where a pager's converter is, read from its record.
+struct endpoint_t {
+    char host[sizeof pager_t::host];
+    unsigned shown_port;  // in the log: a signed 16-bit number printed as unsigned
+    sockaddr_in address;
+};
+
+endpoint_t endpoint_of(const pager_t *pager) {
+    endpoint_t endpoint{};
+    read_tables([&] {
+        copy_text(endpoint.host, text_copy_t(pager->host).text);
+        endpoint.shown_port = static_cast<unsigned>(load_shared(pager->port));
+        copy_shared(&endpoint.address, pager->sin);
+    });
+    endpoint.address.sin_family = AF_INET;  // an emptied record has none: it means "disconnect"
+    return endpoint;
 }
 
 // A connect that a signal interrupted goes on by itself; returns whether it succeeded in the end.
@@ -114,11 +128,8 @@ bool finish_connect(int sock) {
     return getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
 }
 
-bool connect_socket(int sock, const pager_t *pager) {
-    sockaddr_in address{};
-    read_tables([&] { address = pager->sin; });
-    address.sin_family = AF_INET;  // an emptied record has none, which would mean "disconnect"
-    if (connect(sock, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
+bool connect_socket(int sock, const sockaddr_in &address) {
+    if (connect(sock, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
         return true;
     }
     return errno == EINTR && finish_connect(sock);
@@ -129,15 +140,16 @@ bool connect_line(line_t *line) {
     pager_t *pager = line->pager;
     set_socket(line, create_socket());
     pause_us(CONNECT_PAUSE_US);
+    const endpoint_t to = endpoint_of(pager);
     if (line->sock < 0) {
         call_service_action(pager, ALARM_GENERAL_ERROR);
-        LOG_SERVICE(LEVEL_ERROR, "Error connecting to %s:%u\n", pager->host, shown_port(pager));
+        LOG_SERVICE(LEVEL_ERROR, "Error connecting to %s:%u\n", to.host, to.shown_port);
         pause_us(SOCKET_FAILURE_PAUSE_US);
         return false;
     }
-    LOG_SERVICE(LEVEL_VERBOSE, "Trying to connect %s:%u\n", pager->host, shown_port(pager));
-    if (!connect_socket(line->sock, pager)) {
-        LOG_SERVICE(LEVEL_ERROR, "Error connecting to %s:%u\n", pager->host, shown_port(pager));
+    LOG_SERVICE(LEVEL_VERBOSE, "Trying to connect %s:%u\n", to.host, to.shown_port);
+    if (!connect_socket(line->sock, to.address)) {
+        LOG_SERVICE(LEVEL_ERROR, "Error connecting to %s:%u\n", to.host, to.shown_port);
         call_service_action(pager, ALARM_NO_RESPONSE);
         close_line(line);
         pause_us(CONNECT_PAUSE_US);
@@ -147,13 +159,13 @@ bool connect_line(line_t *line) {
         close_line(line);  // perhaps connected to where the pager no longer is
         return false;
     }
-    pager->last_packet = seconds_now();
+    store_shared(&pager->last_packet, seconds_now());
     call_service_action(pager, ALARM_CONNECTED);
     return true;
 }
 
 bool is_silent_for_more_than(const pager_t *pager, int seconds) {
-    return seconds_between(pager->last_packet, seconds_now()) > seconds;
+    return seconds_between(load_shared(pager->last_packet), seconds_now()) > seconds;
 }
 
 // Every second byte of a packet, up to the first of them that is NUL or ETX.
@@ -170,8 +182,8 @@ void dump_packet(const line_t *line) {
 void handle_espa_packet(line_t *line) {
     pager_t *pager = line->pager;
     dump_packet(line);
-    pager->last_packet = seconds_now();
-    if (pager->no_check_bcc != 0) {
+    store_shared(&pager->last_packet, seconds_now());
+    if (load_shared(pager->no_check_bcc) != 0) {
         LOG_SERVICE(LEVEL_EVENT, "ESPA packet BCC check is OFF");
     } else if (checkBCC(line->buffer, PACKET_SIZE) == 0) {
         call_service_action(pager, ALARM_TRANSMISSION_ERROR);
@@ -193,8 +205,8 @@ void handle_espa_packet(line_t *line) {
 
 void serve_espa(line_t *line) {
     pager_t *pager = line->pager;
-    const int result =
-        espa_read_packet(line->sock, line->buffer, PACKET_SIZE, &pager->polls, pager->espa_poll);
+    const int result = espa_read_packet(line->sock, line->buffer, PACKET_SIZE, &pager->polls,
+                                        load_shared(pager->espa_poll));
     if (result > 1) {
         handle_espa_packet(line);
     } else if (is_reloaded(line)) {
@@ -203,7 +215,7 @@ void serve_espa(line_t *line) {
         LOG_SERVICE(LEVEL_ERROR, "Read started but not a SOH\n");
         LOG_SERVICE(LEVEL_ERROR, "Perhaps protocol selection is wrong\n");
         LOG_SERVICE(LEVEL_ERROR, "Trying to swap to ASCII. PLEASE check configuration\n");
-        pager->protocol = PROTOCOL_ASCII;
+        store_shared(&pager->protocol, PROTOCOL_ASCII);
         drop_line(line, ALARM_CONNECTION_LOST);
     } else if (result == 0 && is_silent_for_more_than(pager, SILENCE_LIMIT_SECONDS)) {
         drop_line(line, ALARM_TRANSMISSION_ERROR);
@@ -225,7 +237,7 @@ void handle_ascii_line(line_t *line) {
     pager_t *pager = line->pager;
     const char *text = line->buffer;
     LOG_SERVICE(LEVEL_DEBUG, "ASCII Read packet: %s", text);
-    pager->last_packet = seconds_now();
+    store_shared(&pager->last_packet, seconds_now());
     if (text[0] == SOH) {
         LOG_SERVICE(LEVEL_ERROR,
                     "Got ESPA SOH when ASCII protocol selected. trying to swap protocols.\n"
@@ -251,9 +263,11 @@ void serve_ascii(line_t *line) {
         return;
     } else if (result < 0) {
         drop_line(line, ALARM_CONNECTION_LOST);
-    } else if (result == 0 && pager->read_timeout > 0 &&
-               is_silent_for_more_than(pager, pager->read_timeout)) {
-        drop_line(line, ALARM_TRANSMISSION_ERROR);
+    } else if (result == 0) {
+        const int limit = load_shared(pager->read_timeout);
+        if (limit > 0 && is_silent_for_more_than(pager, limit)) {
+            drop_line(line, ALARM_TRANSMISSION_ERROR);
+        }
     }
 }
 
@@ -265,7 +279,7 @@ void serve_turn(line_t *line) {
     if (line->sock < 0 && !connect_line(line)) {
         return;
     }
-    if (line->pager->protocol == PROTOCOL_ESPA) {
+    if (load_shared(line->pager->protocol) == PROTOCOL_ESPA) {
         serve_espa(line);
     } else {
         serve_ascii(line);
@@ -345,6 +359,7 @@ void go_to_background(const char *program) {
         LOG_AS(LEVEL_ERROR, "main", "Unable to set uid to user ovo\n");
         exit(0);
     }
+    logger_own_files(NOBODY, NOBODY);
     start_service_threads();
     for (;;) {
         signal_handle_all();
@@ -374,8 +389,8 @@ void process_message(pager_t *pager, int alrm, const char *number, const char *m
 
 void *service_proc(void *argument) noexcept {
     pager_t *pager = static_cast<pager_t *>(argument);
-    line_t line{pager, pager->socket, {}};
-    LOG(LEVEL_VERBOSE, "Starting thread for pager %s\n", pager->name);
+    line_t line{pager, load_shared(pager->socket), {}};
+    LOG(LEVEL_VERBOSE, "Starting thread for pager %s\n", text_copy_t(pager->name).text);
     call_service_action(pager, ALARM_STARTED);
     while (doexit == 0) {
         serve_turn(&line);
@@ -422,6 +437,9 @@ void vesperd_run(int argc, char **argv) noexcept {
     }
     const uid_t uid = account->pw_uid;
     const gid_t gid = account->pw_gid;
+    if (geteuid() == 0) {
+        logger_own_files(uid, gid);
+    }
     if (load_conf(config_file) < 0) {
         fprintf(stderr, "\nUnable to open configuration file %s. Exiting...\n\n", config_file);
         exit(0);
