@@ -4,12 +4,15 @@
 #include <pwd.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "line.h"
 
@@ -105,6 +108,26 @@ void site_t::start(const std::vector<std::string> &arguments) {
         execv(path.c_str(), argv.data());
         _exit(127);
     }
+}
+
+// The pidfile, named after the program, tells the process, which becomes a child of this one when
+// those in between have ended.
+void site_t::start_in_background(const std::string &conf, int max_descriptors) {
+    const std::string name = "vesper-bench-" + std::to_string(getpid());
+    const std::string pidfile = "/var/run/" + name + ".pid";
+    std::error_code exists;
+    std::filesystem::create_symlink(PROGRAM_DIR "/vesperd", dir_ + "/" + name, exists);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    start({"/usr/bin/prlimit", "--nofile=" + std::to_string(max_descriptors), dir_ + "/" + name,
+           "-c", conf});
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+    while (pid_ < 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::ifstream(pidfile) >> pid_;
+    }
+    started = pid_;
+    std::filesystem::remove(pidfile);  // which the account cannot do
 }
 
 unique_fd_t site_t::accept(int line) const {

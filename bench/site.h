@@ -31,8 +31,14 @@ class site_t {
 
     // Starts a program of the build, or one given by its path.
     void start(const std::vector<std::string> &arguments);
+    // Starts the daemon in the background, with so many descriptors at its disposal.
+    void start_in_background(const std::string &conf, int max_descriptors);
     // Accepts the connection on a line.
     unique_fd_t accept(int line) const;
+    // The listening socket of a line.
+    int listener(int line) const { return listeners_[static_cast<size_t>(line)].get(); }
+    // The running program, -1 when it has ended.
+    pid_t pid() const { return pid_; }
     // Peak and present resident memory of the running program, and the CPU seconds so far.
     usage_t usage() const;
     long resident_kilobytes() const;

@@ -11,12 +11,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <thread>
 
+#include "account.h"
 #include "control_station.h"
 #include "site.h"
 
@@ -28,17 +26,6 @@ constexpr int RECONNECTS_PER_LINE = 4;
 constexpr std::chrono::seconds QUIET(30);  // without progress for so long, the rest is lost
 constexpr const char *RULES = "[rule_all]\naction = skip\n";
 constexpr const char *PAGER_KEYS = "rules = rule_all\nread_timeout = no\n";
-constexpr const char *MARK = "soak#";
-
-// Text of random length, with bytes that templates and patterns know, behind the message's number.
-std::string random_message(int number, std::mt19937 *random) {
-    constexpr std::string_view LETTERS = "ABCDEFGHIJKLMNOPQRSTUVWXYZ abcdef 0123456789 %$[]()*.";
-    std::string message = MARK + std::to_string(number) + ".";
-    for (size_t left = (*random)() % 110; left > 0; left--) {
-        message += LETTERS[(*random)() % LETTERS.size()];
-    }
-    return message;
-}
 
 // Sends the numbers from `first` on over one line.
 void play_line(const site_t &site, int line, int first, int count) {
@@ -55,7 +42,7 @@ void play_line(const site_t &site, int line, int first, int count) {
             station = control_station_t(sock.get(), WAIT_SECONDS, nullptr);
             ascii = true;
         }
-        const std::string message = random_message(number, &random);
+        const std::string message = numbered_message(number, &random);
         const std::string address = std::to_string(random() % 100000);
         if (!(ascii ? station.send_line(message)
                     : station.send_call({address, message, "", "", "", ""}))) {
@@ -67,50 +54,6 @@ void play_line(const site_t &site, int line, int first, int count) {
     while (read(sock.get(), rest, sizeof rest) > 0) {  // until the daemon has read everything
     }
 }
-
-// Reads the log in portions: what has been counted is moved away and the daemon makes the file anew.
-class account_t {
-  public:
-    account_t(const std::string &log, int messages)
-        : log_(log), seen_(static_cast<size_t>(messages)) {}
-
-    void count_portion() {
-        const std::string portion = log_ + ".counted";
-        std::error_code none;
-        std::filesystem::rename(log_, portion, none);
-        if (none) {
-            return;
-        }
-        // A line that was being written goes to the file moved away.
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        std::ifstream file(portion);
-        for (std::string line; std::getline(file, line);) {
-            count_line(line);
-        }
-    }
-    int missing() const { return static_cast<int>(std::count(seen_.begin(), seen_.end(), 0)); }
-    int repeated() const {
-        return static_cast<int>(
-            std::count_if(seen_.begin(), seen_.end(), [](int times) { return times > 1; }));
-    }
-
-  private:
-    // ESPA calls show as "Send message", ASCII lines as "message=".
-    void count_line(const std::string &line) {
-        const size_t at = line.find(MARK);
-        if (at == std::string::npos || (line.find("Send message '") == std::string::npos &&
-                                        line.find("message=") == std::string::npos)) {
-            return;
-        }
-        const size_t number = static_cast<size_t>(atoll(line.c_str() + at + strlen(MARK)));
-        if (number < seen_.size()) {
-            seen_[number]++;
-        }
-    }
-
-    std::string log_;
-    std::vector<uint8_t> seen_;
-};
 
 }  // namespace
 

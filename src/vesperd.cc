@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "action.h"
 #include "clock.h"
@@ -61,6 +62,7 @@ struct line_t {
     pager_t *pager;
     int sock;
     char buffer[PACKET_BUFFER_SIZE];
+    std::vector<int> abandoned;
 };
 
 bool is_reloaded(const line_t *line) {
@@ -75,6 +77,28 @@ void set_socket(line_t *line, int sock) {
 void close_line(line_t *line) {
     close(line->sock);
     set_socket(line, -1);
+}
+
+void abandon_line(line_t *line) {
+    if (line->sock >= 0) {
+        line->abandoned.push_back(line->sock);
+    }
+    line->sock = -1;
+}
+
+// Abandoned connections may take half of the descriptors that a line can use, so that there are
+// always enough for new ones.
+bool is_short_of_descriptors(int new_sock) {
+    const long limit = sysconf(_SC_OPEN_MAX);
+    return new_sock < 0 ||
+           new_sock >= (limit < 0 ? FD_SETSIZE : std::min<long>(limit, FD_SETSIZE)) / 2;
+}
+
+void close_abandoned(line_t *line) {
+    for (const int sock : line->abandoned) {
+        close(sock);
+    }
+    line->abandoned.clear();
 }
 
 void drop_line(line_t *line, int alrm) {
@@ -139,6 +163,9 @@ bool connect_socket(int sock, const sockaddr_in &address) {
 bool connect_line(line_t *line) {
     pager_t *pager = line->pager;
     set_socket(line, create_socket());
+    if (is_short_of_descriptors(line->sock)) {
+        close_abandoned(line);
+    }
     pause_us(CONNECT_PAUSE_US);
     const endpoint_t to = endpoint_of(pager);
     if (line->sock < 0) {
@@ -274,7 +301,7 @@ void serve_ascii(line_t *line) {
 void serve_turn(line_t *line) {
     memset(line->buffer, 0, sizeof line->buffer);
     if (is_reloaded(line)) {
-        line->sock = -1;
+        abandon_line(line);
     }
     if (line->sock < 0 && !connect_line(line)) {
         return;
@@ -389,7 +416,7 @@ void process_message(pager_t *pager, int alrm, const char *number, const char *m
 
 void *service_proc(void *argument) noexcept {
     pager_t *pager = static_cast<pager_t *>(argument);
-    line_t line{pager, load_shared(pager->socket), {}};
+    line_t line{pager, load_shared(pager->socket), {}, {}};
     LOG(LEVEL_VERBOSE, "Starting thread for pager %s\n", text_copy_t(pager->name).text);
     call_service_action(pager, ALARM_STARTED);
     while (doexit == 0) {
