@@ -12,7 +12,7 @@ struct pattern_t {
 
 // Compiles `text` (POSIX extended syntax, case-sensitive, newline-aware: REG_EXTENDED |
 // REG_NEWLINE). Returns 0, or 1 after logging an ERROR when the text does not compile; `compiled`
-// then matches nothing. A pattern whose repetitions would take too much memory is refused in the
+// then matches nothing. A pattern whose repetitions would take more than 256 MB is refused in the
 // same way, as "Memory exhausted". For the loading thread only.
 int compile_regex(pattern_t *compiled, const char *text) noexcept;
 

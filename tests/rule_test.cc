@@ -29,10 +29,22 @@ TEST(Pattern, LengthOfTheLastMatchAndTextsOfTheGroups) {
     }
 }
 
+TEST(Pattern, LongRepetitions) {
+    const std::pair<const char *, std::string> rows[] = {{"x{1000}", std::string(1000, 'x')},
+        {"([A-Za-z0-9 ]{1,40},){1,30}", "FIRE 3,ZONE 4,"}, {"([A-Z][a-z]{0,30} ?){1,100}", "Fire In Zone"},
+        {"x{32767}", std::string(32767, 'x')}, {"(x{1000}){100}|ZONE", "ZONE"}};
+    for (const auto &[text, match] : rows) {
+        pattern_t pattern{};
+        EXPECT_EQ(compile_regex(&pattern, text), 0) << text;
+        EXPECT_EQ(match_regex(&pattern, match.c_str(), nullptr, 0), std::ssize(match)) << text;
+    }
+}
+
 TEST(Pattern, FailedOnesMatchNothing) {
     const captured_log_t log;
     pattern_t pattern{};
-    for (const char *text : {"(", "a{2", "x{32767}{32767}", "((x{1000}y){1000}){1000}", "([[:alpha:])]x{900}){9}"}) {
+    const std::string pluses = "x" + std::string(30, '+');  // each doubles what stands before it
+    for (const char *text : {"(", "a{2", "x{0,10000}", "x{0,32767}", "((x{1000}y){1000}){1000}", pluses.c_str()}) {
         EXPECT_EQ(compile_regex(&pattern, text), 1) << text;
         EXPECT_EQ(match_regex(&pattern, "xxxx", nullptr, 0), 0) << text;
     }
