@@ -45,6 +45,7 @@ template <size_t N>
 struct text_copy_t {
     char text[N];
 
+    text_copy_t() noexcept { text[0] = '\0'; }
     explicit text_copy_t(const char (&field)[N]) noexcept {
         size_t length = 0;
         while (length < N - 1 && (text[length] = load_shared(field[length])) != '\0') {
@@ -76,6 +77,9 @@ class generation_t {
             std::this_thread::yield();
         }
     }
+
+    // Another number after every rewriting.
+    unsigned number() const noexcept { return count_.load(); }
 
   private:
     std::atomic<unsigned> count_ = 0;

@@ -25,17 +25,32 @@ class text_writer_t {
     text_writer_t(char *buffer, int size) noexcept : buffer_(buffer), size_(size) {}
 
     void append(std::string_view text) noexcept {
-        if (size_ - 1 <= length_ || text.empty()) {
+        const size_t count = std::min(text.size(), left());
+        is_cut_ = is_cut_ || count < text.size();
+        if (count == 0) {
             return;
         }
-        const size_t count = std::min(text.size(), static_cast<size_t>(size_ - 1 - length_));
         memcpy(buffer_ + length_, text.data(), count);
         length_ += static_cast<int>(count);
         buffer_[length_] = '\0';
     }
 
+    // All of it or nothing.
+    void append_whole(std::string_view text) noexcept {
+        is_cut_ = is_cut_ || left() < text.size();
+        append(is_cut_ ? std::string_view() : text);
+    }
+
+    // Whether something was dropped.
+    bool is_cut() const noexcept { return is_cut_; }
+
   private:
+    size_t left() const noexcept {
+        return length_ < size_ - 1 ? static_cast<size_t>(size_ - 1 - length_) : 0;
+    }
+
     char *buffer_;
     int size_;
     int length_ = 0;
+    bool is_cut_ = false;
 };

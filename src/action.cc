@@ -1,17 +1,16 @@
 #include "action.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
 
 #include "alarm.h"
+#include "callfile.h"
 #include "clock.h"
-#include "fd.h"
 #include "files.h"
 #include "logger.h"
 #include "proto.h"
@@ -22,134 +21,89 @@ namespace {
 
 constexpr int FIELD_SIZE = 256;     // an expanded field of a call file
 constexpr int COMMAND_SIZE = 1024;  // an expanded command line
-constexpr int SUBSTITUTION_SIZE = 256;
 constexpr std::string_view STATUS_PREFIX = "status_";
 constexpr int STATUS_LINE_SIZE = 256;
-
-int count_values(const value_t *values) {
-    int count = 0;
-    while (values != nullptr && count < MAX_VALUES && values[count].name[0] != '\0') {
-        count++;
-    }
-    return count;
-}
-
-// What the placeholders of an expansion stand for.
-struct expansion_t {
-    int alrm;
-    const char *number;
-    const char *message;
-    const value_t *values;
-    int num_values;
-
-    expansion_t(int alarm_code, const char *call_number, const char *text, const value_t *of_rule)
-        : alrm(alarm_code),
-          number(call_number != nullptr ? call_number : ""),
-          message(text != nullptr ? text : ""),
-          values(of_rule),
-          num_values(count_values(of_rule)) {}
-};
-
-// Replaces the values that `fmt`, which begins with "$", names one after the other in table order.
-// Returns the rest of the template.
-std::string_view expand_values(text_writer_t *line, std::string_view fmt, const expansion_t &with) {
-    for (int i = 0; i < with.num_values; i++) {
-        const value_t &value = with.values[i];
-        const std::string_view name(value.name);
-        if (fmt.starts_with('$') && fmt.substr(1).starts_with(name)) {
-            char text[SUBSTITUTION_SIZE] = "";
-            match_regex(&value.pattern, with.message, text, sizeof text);
-            line->append(text);
-            fmt.remove_prefix(1 + name.size());
-        }
-    }
-    return fmt;
-}
-
-// Expands what stands at the start of `fmt`, which is not empty. Returns the rest of the template.
-std::string_view expand_next(text_writer_t *line, std::string_view fmt, const expansion_t &with) {
-    constexpr std::string_view NUMBER = "%number%";
-    constexpr std::string_view ALARM = "%alarm%";
-    constexpr std::string_view MESSAGE = "%message%";
-    if (fmt.starts_with(NUMBER)) {
-        line->append(with.number);
-        return fmt.substr(NUMBER.size());
-    }
-    if (fmt.starts_with(ALARM)) {
-        line->append(alarm_name(with.alrm));
-        return fmt.substr(ALARM.size());
-    }
-    if (fmt.starts_with(MESSAGE)) {
-        line->append(with.message);
-        return fmt.substr(MESSAGE.size());
-    }
-    if (fmt.front() == '$') {
-        fmt = expand_values(line, fmt, with);
-    }
-    line->append(fmt.substr(0, 1));
-    return fmt.substr(fmt.empty() ? 0 : 1);
-}
-
-void expand(char *line, int size, std::string_view fmt, const expansion_t &with) {
-    memset(line, 0, static_cast<size_t>(size));
-    text_writer_t writer(line, size);
-    while (!fmt.empty()) {
-        fmt = expand_next(&writer, fmt, with);
-    }
-}
 
 // An expanded template in a buffer of its own.
 template <int SIZE>
 struct expanded_t {
     char text[SIZE];
+    bool fits;
 
-    expanded_t(const char *fmt, const expansion_t &with) { expand(text, SIZE, fmt, with); }
+    expanded_t(const char *fmt, const placeholders_t &with, quoting_t quoting)
+        : fits(expand_template(text, SIZE, fmt, with, quoting)) {}
 };
 
-// Logs on behalf of call_action(). Returns whether the whole file was written.
-bool write_file(const char *path, std::string_view content) {
-    unique_fd_t file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-    if (!file) {
-        LOG_AS(LEVEL_ERROR, "call_action", "Unable to open file for writing\n");
-        return false;
+// Once per load: the staging directory fails every call in the same way.
+void warn_of_direct_writing(const staged_call_t &call) {
+    static std::atomic<unsigned> warned_for = ~0U;
+    const unsigned load = table_generation.number();
+    if (warned_for.exchange(load) != load) {
+        LOG_AS(LEVEL_WARNING, "call_action",
+               "Unable to stage call files in %s: %s. Writing them directly\n", call.staging_dir,
+               strerror(call.staging_error));
     }
-    errno = 0;
-    const ssize_t written = write(file.get(), content.data(), content.size());
-    if (close(file.release()) == 0 && written == static_cast<ssize_t>(content.size())) {
-        return true;
-    }
-    LOG_AS(LEVEL_ERROR, "call_action", "Unable to write call file %s: %s\n", path,
-           errno != 0 ? strerror(errno) : "incomplete");
-    unlink(path);  // the PBX would take an incomplete file for a broken call
-    return false;
 }
 
-void write_call_file(pager_t *pager, const rule_t *rule, const expansion_t &with) {
-    const expanded_t<FIELD_SIZE> extension(rule->extension, with);
-    const expanded_t<FIELD_SIZE> context(rule->context, with);
-    const expanded_t<FIELD_SIZE> callerid(rule->callerid, with);
-    const expanded_t<FIELD_SIZE> channel(rule->channel, with);
+// Stores a call file under its name, directly or by way of the pager's staging directory. Logs on
+// behalf of call_action(). Returns whether the whole file is there.
+bool store_call_file(const pager_t *pager, const char *name, std::string_view content) {
+    char spool_dir[sizeof pager->spool_dir];
+    char staging_dir[sizeof pager->staging_dir];
+    read_tables([&] {
+        copy_text(spool_dir, text_copy_t(pager->spool_dir).text);
+        copy_text(staging_dir, text_copy_t(pager->staging_dir).text);
+    });
+    staged_call_t call{staging_dir, spool_dir, name, "", 0};
+    call_file_result_t result{};
+    if (staging_dir[0] == '\0') {
+        join_path(call.path, spool_dir, name);
+        result = call_file_write(call.path, content);
+    } else {
+        result = call_file_stage(&call, content);
+    }
+    if (result.outcome == call_file_t::NOT_OPENED) {
+        LOG_AS(LEVEL_ERROR, "call_action", "Unable to open file for writing\n");
+    } else if (result.outcome == call_file_t::NOT_WRITTEN) {
+        LOG_AS(LEVEL_ERROR, "call_action", "Unable to write call file %s: %s\n", call.path,
+               result.error != 0 ? strerror(result.error) : "incomplete");
+    } else if (call.staging_error != 0) {
+        warn_of_direct_writing(call);
+    }
+    return result.outcome == call_file_t::WRITTEN;
+}
+
+bool place_call(const pager_t *pager, const rule_t *rule, const placeholders_t &with) {
+    const quoting_t name_quoting = rule->quote != 0 ? quoting_t::NAME : quoting_t::NONE;
+    const expanded_t<FIELD_SIZE> extension(rule->extension, with, name_quoting);
+    const expanded_t<FIELD_SIZE> context(rule->context, with, name_quoting);
+    const expanded_t<FIELD_SIZE> callerid(
+        rule->callerid, with, rule->quote != 0 ? quoting_t::CALLER_ID : quoting_t::NONE);
+    const expanded_t<FIELD_SIZE> channel(rule->channel, with, name_quoting);
 
     char name[FIELD_SIZE + 32];
-    char path[PATH_SIZE];
     snprintf(name, sizeof name, "call_%s_%d", extension.text, seconds_now());
-    spool_path(path, pager, name);
-
     char content[4 * FIELD_SIZE + 128];
     const int length = snprintf(content, sizeof content,
                                 "Channel: %s\r\nContext: %s\r\nExtension: %s\r\nCallerID: %s\r\n"
                                 "Priority: 1\r\nMaxRetries: 0\r\n",
                                 channel.text, context.text, extension.text, callerid.text);
-    if (!write_file(path, {content, static_cast<size_t>(length)})) {
-        call_script(pager, ALARM_GENERAL_ERROR, nullptr);
-    }
+    return store_call_file(pager, name, {content, static_cast<size_t>(length)});
 }
 
-void run_command(const rule_t *rule, const expansion_t &with) {
-    const expanded_t<COMMAND_SIZE> command(rule->callscript, with);
+// Returns whether the command was run; a quoted one is not cut.
+bool run_command(const rule_t *rule, const placeholders_t &with) {
+    const expanded_t<COMMAND_SIZE> command(rule->callscript, with,
+                                           rule->quote != 0 ? quoting_t::COMMAND : quoting_t::NONE);
+    if (rule->quote != 0 && !command.fits) {
+        LOG_AS(LEVEL_ERROR, "call_action", "Command line of rule %s is too long, not run\n",
+               rule->name);
+        return false;
+    }
     LOG_AS(LEVEL_DEBUG, "call_action", "Calling cmd line: %s\n", command.text);
     const int status = system(command.text);
     static_cast<void>(status);  // whether a command succeeds is its own business
+    return true;
 }
 
 // Raises a service alarm for a call record, or for none; logs on behalf of `function`.
@@ -245,22 +199,19 @@ void process_status(const pager_t *pager, std::string_view name) {
 
 }  // namespace
 
-int format_string(char *line, int size, const char *fmt, int alrm, const char *number,
-                  const char *msg, pager_t * /*pager*/, value_t *values) noexcept {
-    if (size <= 0) {
-        return 0;
+bool perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
+                    const rule_t *rule) noexcept {
+    const placeholders_t with{alrm, number, message, rule->values};
+    if (rule->action == CALL) {
+        return place_call(pager, rule, with);
     }
-    expand(line, size, fmt, expansion_t(alrm, number, msg, values));
-    return static_cast<int>(strlen(line));
+    return rule->action != SCRIPT || run_command(rule, with);
 }
 
 void call_action(pager_t *pager, int alrm, const char *number, const char *message,
                  rule_t *rule) noexcept {
-    const expansion_t with(alrm, number, message, rule->values);
-    if (rule->action == CALL) {
-        write_call_file(pager, rule, with);
-    } else if (rule->action == SCRIPT) {
-        run_command(rule, with);
+    if (!perform_action(pager, alrm, number, message, rule)) {
+        call_script(pager, ALARM_GENERAL_ERROR, nullptr);
     }
 }
 
@@ -273,7 +224,7 @@ void call_script(pager_t *pager, int alrm, const espa_p *p) noexcept {
 }
 
 void process_status_feedbacks(pager_t *pager) noexcept {
-    const unique_dir_t directory(opendir(text_copy_t(pager->spool_dir).text));
+    const unique_dir_t directory(opendir(table_text(pager->spool_dir).text));
     if (!directory) {
         LOG(LEVEL_ERROR, "Unable to open directory\n");
         call_script(pager, ALARM_GENERAL_ERROR, nullptr);

@@ -3,23 +3,7 @@
 
 #include "espa.h"
 #include "tables.h"
-
-// Expands a template into `line`.
-//   line, size  the caller's buffer and its size in bytes; filled with zeros first, and what does
-//               not fit into size - 1 bytes is cut
-//   fmt         template: %number%, %alarm%, %message%, and "$" followed by the name of a value;
-//               everything else, "%espa_if%" included, is copied
-//   alrm        alarm code, named as alarm_name() does
-//   number, msg call address and message, each may be null
-//   pager       not consulted
-//   values      the rule's MAX_VALUES values, used up to the first one without a name
-// Returns the length of the text in `line`.
-//
-// At a "$" every value is tried once in table order, so values that stand next to each other in
-// that order are all replaced; the byte after the last one is copied as it is and starts no
-// placeholder.
-int format_string(char *line, int size, const char *fmt, int alrm, const char *number,
-                  const char *msg, pager_t *pager, value_t *values) noexcept;
+#include "template.h"
 
 // Runs a rule's action. CALL writes a call file (the Asterisk call-file format) named
 // call_EXTENSION_SECONDS into the pager's spool directory, directly under that name; a file that
@@ -28,6 +12,13 @@ int format_string(char *line, int size, const char *fmt, int alrm, const char *n
 //   alrm, number, message  for the templates; number and message may be null
 void call_action(pager_t *pager, int alrm, const char *number, const char *message,
                  rule_t *rule) noexcept;
+
+// call_action() without raising general_error. With the pager's staging directory a call file is
+// written there first and gets a name of its own, call_EXTENSION_SECONDS_N. With the rule's `quote` a
+// command line that does not fit is not run. Returns whether the call file is complete, or the
+// command was run, or there was nothing to do.
+bool perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
+                    const rule_t *rule) noexcept;
 
 // Raises a service alarm: unless alarm_time() keeps it quiet or the pager has service actions
 // switched off, runs the rule that is chosen for an empty message. Without such a rule nothing

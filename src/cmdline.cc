@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "action.h"
 #include "conf.h"
 #include "rule.h"
+#include "template.h"
 
 char *config_file;
 int foreground;
@@ -40,11 +40,15 @@ const char *action_name(int action) {
     return action == SCRIPT ? "SCRIPT" : "SKIP";
 }
 
-void print_expansion(const char *label, const char *fmt, rule_t *rule) {
+void print_expansion(const char *label, const char *fmt, const rule_t *rule, quoting_t quoting) {
     char text[EXPANSION_SIZE];
-    format_string(text, sizeof text, fmt, ALARM_MESSAGE, TEST_NUMBER, test_message, &pagers[0],
-                  rule->values);
+    const bool fits = expand_template(text, sizeof text, fmt,
+                                      {ALARM_MESSAGE, TEST_NUMBER, test_message, rule->values},
+                                      rule->quote != 0 ? quoting : quoting_t::NONE);
     fprintf(stderr, "%s%s\n", label, text);
+    if (rule->quote != 0 && quoting == quoting_t::COMMAND && !fits) {
+        fprintf(stderr, "\tToo long, it would not be run\n");
+    }
 }
 
 }  // namespace
@@ -107,11 +111,12 @@ void run_test_mode() noexcept {
     fprintf(stderr, "Selected rule %s\n", rule->name);
     fprintf(stderr, "\tAction:\t%s\n", action_name(rule->action));
     if (rule->action == CALL) {
-        print_expansion("\t\tCallerID: ", rule->callerid, rule);
-        print_expansion("\t\tChannel: ", rule->channel, rule);
-        print_expansion("\t\tContext: ", rule->context, rule);
-        print_expansion("\t\tExtension: ", rule->extension, rule);
+        print_expansion("\t\tCallerID: ", rule->callerid, rule, quoting_t::CALLER_ID);
+        print_expansion("\t\tChannel: ", rule->channel, rule, quoting_t::NAME);
+        print_expansion("\t\tContext: ", rule->context, rule, quoting_t::NAME);
+        print_expansion("\t\tExtension: ", rule->extension, rule, quoting_t::NAME);
     } else if (rule->action == SCRIPT) {
-        print_expansion("\tFollowing command to launch: \n\t\t", rule->callscript, rule);
+        print_expansion("\tFollowing command to launch: \n\t\t", rule->callscript, rule,
+                        quoting_t::COMMAND);
     }
 }

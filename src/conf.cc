@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "charset.h"
 #include "ini.h"
 #include "logger.h"
 #include "re.h"
@@ -101,6 +102,16 @@ int parse_action(std::string_view text) {
     return text.starts_with("script") ? SCRIPT : SKIP;
 }
 
+// Logs on behalf of load_pager(). Returns the name of a character set if it can be converted from,
+// else an empty one.
+const char *known_charset(const char *name) {
+    if (charset_t().open(name)) {
+        return name;
+    }
+    LOG_AS(LEVEL_ERROR, "load_pager", "Unknown charset %s, messages are not converted\n", name);
+    return "";
+}
+
 // Logs on behalf of load_pager(). Returns false when the host does not resolve.
 bool resolve_host(pager_t *pager) {
     const hostent *host = gethostbyname(pager->host);
@@ -131,6 +142,10 @@ void store_settings(pager_t *pager, const pager_t &fresh) {
     copy_shared(&pager->espa_poll, fresh.espa_poll);
     copy_shared(&pager->read_timeout, fresh.read_timeout);
     copy_shared(&pager->send_service_actions, fresh.send_service_actions);
+    copy_shared(&pager->recover_link, fresh.recover_link);
+    copy_shared(&pager->ack_when_done, fresh.ack_when_done);
+    copy_shared(&pager->staging_dir, fresh.staging_dir);
+    copy_shared(&pager->charset, fresh.charset);
     store_shared(&pager->socket, -1);
 }
 
@@ -288,6 +303,10 @@ int load_pager(const dictionary *dict, const char *section, pager_t *pager) noex
     fresh.send_service_actions = keys.boolean("send_service_actions", 0);
     // A yes/no key that sets seconds: yes gives 1, no gives 0, any other word or number gives 30.
     fresh.read_timeout = keys.boolean("read_timeout", DEFAULT_READ_TIMEOUT);
+    fresh.recover_link = keys.boolean("recover_link", 0);
+    fresh.ack_when_done = keys.boolean("ack_when_done", 0);
+    copy_text(fresh.staging_dir, keys.text("staging_dir", ""));
+    copy_text(fresh.charset, known_charset(keys.text("charset", "")));
     if (!resolve_host(&fresh)) {
         return -1;
     }
@@ -309,6 +328,7 @@ int load_rule(const dictionary *dict, const char *section, rule_t *rule) noexcep
         copy_text(fresh.callscript, keys.text("callscript", DEFAULT_CALLSCRIPT));
     }
     compile_regex(&fresh.pattern, keys.text("pattern", DEFAULT_PATTERN));
+    fresh.quote = keys.boolean("quote", 0);
     *rule = fresh;
     return 0;
 }

@@ -70,35 +70,47 @@ void echo_end_of_transmission(int sock, int *polls) {
     reply(sock, EOT);
 }
 
-// Everything from SOH on; results as espa_read_packet().
-int read_block(int sock, char *packet, int maxlen) {
+// From the block check character on, which follows the ETX at `packet[etx]`; results as
+// espa_read_packet().
+int finish_block(int sock, char *packet, int etx, const espa_options_t &options) {
     constexpr const char *function = "espa_read_packet";
+    char *check = packet + etx + 1;
+    const int ready = wait_data(sock);
+    if (ready <= 0) {
+        return ready;
+    }
+    const ssize_t got = read_byte(sock, check);
+    if (got <= 0 && options.fails_when_closed) {
+        return -1;
+    }
+    LOG_AS(LEVEL_DEBUG, function, "3 Read %.02x\n", shown_byte(*check));
+    check[1] = '\0';
+    if (!options.leaves_answer || etx == 1) {  // an empty packet goes no further
+        LOG_AS(LEVEL_DEBUG, function, "Got ETX. send ACK");
+        reply(sock, ACK);
+    }
+    return etx;
+}
+
+// Everything from SOH on; results as espa_read_packet().
+int read_block(int sock, char *packet, int maxlen, const espa_options_t &options) {
     packet[0] = SOH;
     int stored = 0;
     while (stored < maxlen - 1) {
         char *place = packet + stored + 1;
-        int ready = wait_data(sock);
+        const int ready = wait_data(sock);
         if (ready <= 0) {
             return ready;
         }
         const ssize_t got = read_byte(sock, place);
-        LOG_AS(LEVEL_DEBUG, function, "2 Read %.02x\n", shown_byte(*place));
-        if (got < 0) {
+        LOG_AS(LEVEL_DEBUG, "espa_read_packet", "2 Read %.02x\n", shown_byte(*place));
+        if (got < 0 || (got == 0 && options.fails_when_closed)) {
             return -1;
         }
         if (got == 0) {
             pause_us(CLOSED_PEER_PAUSE_US);  // a closed connection is always readable
         } else if (*place == ETX) {
-            ready = wait_data(sock);
-            if (ready <= 0) {
-                return ready;
-            }
-            read_byte(sock, place + 1);  // a failure leaves the check character as it is
-            LOG_AS(LEVEL_DEBUG, function, "3 Read %.02x\n", shown_byte(place[1]));
-            place[2] = '\0';
-            LOG_AS(LEVEL_DEBUG, function, "Got ETX. send ACK");
-            reply(sock, ACK);
-            return stored + 1;
+            return finish_block(sock, packet, stored + 1, options);
         } else if (*place == EOT) {
             *place = ETX;
             return stored;
@@ -172,7 +184,8 @@ void write_reply(int sock, std::string_view bytes) noexcept {
     }
 }
 
-int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_poll) noexcept {
+int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_poll,
+                     const espa_options_t &options) noexcept {
     if (maxlen <= 0) {
         return 0;
     }
@@ -186,7 +199,7 @@ int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_po
     }
     LOG(LEVEL_DEBUG, "Read %.02x\n", shown_byte(byte));
     if (byte == SOH) {
-        return read_block(sock, packet, maxlen);
+        return read_block(sock, packet, maxlen, options);
     }
     if (byte >= '0' && byte <= '9') {
         const char address = byte;
@@ -203,7 +216,7 @@ int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_po
         echo_end_of_transmission(sock, polls);
         return 1;
     }
-    return -2;
+    return ESPA_UNEXPECTED;
 }
 
 int ascii_read_packet(int sock, char *packet, int maxlen, int * /*polls*/) noexcept {

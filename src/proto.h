@@ -20,6 +20,14 @@ int wait_data(int sock) noexcept;
 // the daemon up.
 void write_reply(int sock, std::string_view bytes) noexcept;
 
+constexpr int ESPA_UNEXPECTED = -2;
+
+// What a line may have otherwise than the rest of espa_read_packet() says.
+struct espa_options_t {
+    bool fails_when_closed = false;  // a connection closed in mid-packet is a failure, -1
+    bool leaves_answer = false;      // the caller answers a packet that ended by ETX
+};
+
 // Reads one link exchange or one data packet and answers it.
 //   packet     the caller's buffer, at least maxlen + 2 bytes: a block check character and its
 //              terminating zero may lie past maxlen
@@ -29,7 +37,7 @@ void write_reply(int sock, std::string_view bytes) noexcept;
 //   espa_poll  non-zero: a select (address '1') is answered with two ACKs and a poll (address '2')
 //              with '2' ENQ US ACK, instead of one ACK each
 // Returns
-//   -2     the stream does not look like ESPA 4.4.4
+//   -2     the stream does not look like ESPA 4.4.4 (ESPA_UNEXPECTED)
 //   -1     the wait or a read failed, or the connection was closed between exchanges
 //    0     15 seconds of silence (a packet begun is dropped), or maxlen is not positive
 //    1     link traffic was answered; also an empty packet
@@ -38,7 +46,8 @@ void write_reply(int sock, std::string_view bytes) noexcept;
 //          bytes lie between SOH and the ETX stored in the EOT's place. Too long: n is maxlen - 1,
 //          and a zero stands at index maxlen
 // A connection closed in mid-packet is not noticed: the reader goes on reading, once a second.
-int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_poll) noexcept;
+int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_poll,
+                     const espa_options_t &options = {}) noexcept;
 
 // Reads one line, ended by CR or LF.
 //   packet  the caller's buffer of maxlen bytes; receives the line, with a zero in place of its end

@@ -62,6 +62,7 @@ struct rule_t {
     char context[256];
     char extension[256];
     char channel[256];
+    int quote;  // replacements cannot change the meaning of the text around them
 };
 
 // One pager interface.
@@ -86,6 +87,10 @@ struct pager_t {
     int read_timeout;  // seconds, ASCII lines only; 0 or less: none
     int send_service_actions;
     alarm_times_t event_alarms[4];  // alarm codes 16, 32, 64 and 128, which lie beyond `alarms`
+    int recover_link;               // an ESPA line that fails is connected again as ESPA
+    int ack_when_done;              // a call is acknowledged when its call file is complete
+    char staging_dir[1024];         // where call files are written; empty: in `spool_dir`
+    char charset[64];               // of messages and call addresses; empty: bytes as they are
 };
 
 extern pager_t pagers[MAX_PAGERS];
@@ -100,6 +105,14 @@ extern generation_t table_generation;
 template <typename reader_t>
 void read_tables(reader_t read) noexcept {
     table_generation.read(read);
+}
+
+// A copy of a text field of a table, untorn by a rewriting.
+template <size_t N>
+text_copy_t<N> table_text(const char (&field)[N]) noexcept {
+    text_copy_t<N> copy;
+    read_tables([&] { copy = text_copy_t<N>(field); });
+    return copy;
 }
 
 // Forms the path of a file in a pager's spool directory.

@@ -2,12 +2,8 @@
 
 #include <fcntl.h>
 #include <libgen.h>
-#include <netinet/tcp.h>
-#include <poll.h>
 #include <pwd.h>
 #include <signal.h>
-#include <sys/select.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,12 +15,14 @@
 #include <vector>
 
 #include "action.h"
+#include "callfile.h"
+#include "charset.h"
 #include "clock.h"
 #include "cmdline.h"
 #include "conf.h"
 #include "daemon.h"
 #include "espa.h"
-#include "fd.h"
+#include "link.h"
 #include "logger.h"
 #include "proto.h"
 #include "rule.h"
@@ -45,14 +43,10 @@ constexpr long SHUTDOWN_GRACE_US = 10'000'000;
 constexpr long MAIN_LOOP_PAUSE_US = 1'000'000;
 
 constexpr int SILENCE_LIMIT_SECONDS = 10;  // on an ESPA line; read_timeout is for ASCII lines
+constexpr int CONNECT_LIMIT_SECONDS = 10;  // with recover_link
 constexpr size_t MIN_ASCII_LENGTH = 5;
 constexpr char CALL_HEADER = '1';
 constexpr int HIGH_BIT = 0x80;
-
-// A converter that vanished without a word is noticed after two minutes.
-constexpr int KEEPALIVE_IDLE_SECONDS = 60;
-constexpr int KEEPALIVE_INTERVAL_SECONDS = 15;
-constexpr int KEEPALIVE_PROBES = 4;
 
 #define LOG_SERVICE(level, ...) LOG_AS(level, "service_proc", __VA_ARGS__)
 
@@ -63,7 +57,12 @@ struct line_t {
     int sock;
     char buffer[PACKET_BUFFER_SIZE];
     std::vector<int> abandoned;
+    charset_t charset;
 };
+
+bool recovers(const line_t *line) {
+    return load_shared(line->pager->recover_link) != 0;
+}
 
 bool is_reloaded(const line_t *line) {
     return load_shared(line->pager->socket) != line->sock;
@@ -79,21 +78,6 @@ void close_line(line_t *line) {
     set_socket(line, -1);
 }
 
-void abandon_line(line_t *line) {
-    if (line->sock >= 0) {
-        line->abandoned.push_back(line->sock);
-    }
-    line->sock = -1;
-}
-
-// Abandoned connections may take half of the descriptors that a line can use, so that there are
-// always enough for new ones.
-bool is_short_of_descriptors(int new_sock) {
-    const long limit = sysconf(_SC_OPEN_MAX);
-    return new_sock < 0 ||
-           new_sock >= (limit < 0 ? FD_SETSIZE : std::min<long>(limit, FD_SETSIZE)) / 2;
-}
-
 void close_abandoned(line_t *line) {
     for (const int sock : line->abandoned) {
         close(sock);
@@ -101,27 +85,19 @@ void close_abandoned(line_t *line) {
     line->abandoned.clear();
 }
 
+void abandon_line(line_t *line) {
+    if (line->sock >= 0) {
+        line->abandoned.push_back(line->sock);
+    }
+    line->sock = -1;
+    if (recovers(line)) {
+        close_abandoned(line);
+    }
+}
+
 void drop_line(line_t *line, int alrm) {
     call_service_action(line->pager, alrm);
     close_line(line);
-}
-
-// Returns the descriptor of a new socket, or -1. Scripts must not inherit it, and select() must be
-// able to hold it.
-int create_socket() {
-    unique_fd_t sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (sock.get() >= FD_SETSIZE) {
-        return -1;
-    }
-    const auto set = [&sock](int level, int name, int value) {
-        setsockopt(sock.get(), level, name, &value, sizeof value);
-    };
-    set(IPPROTO_TCP, TCP_NODELAY, 1);
-    set(SOL_SOCKET, SO_KEEPALIVE, 1);
-    set(IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_IDLE_SECONDS);
-    set(IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_SECONDS);
-    set(IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_PROBES);
-    return sock.release();
 }
 
 // Where a pager's converter is, read from its record.
@@ -142,28 +118,11 @@ endpoint_t endpoint_of(const pager_t *pager) {
     return endpoint;
 }
 
-// A connect that a signal interrupted goes on by itself; returns whether it succeeded in the end.
-bool finish_connect(int sock) {
-    pollfd waiting{sock, POLLOUT, 0};
-    while (poll(&waiting, 1, -1) < 0 && errno == EINTR) {
-    }
-    int error = 0;
-    socklen_t size = sizeof error;
-    return getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
-}
-
-bool connect_socket(int sock, const sockaddr_in &address) {
-    if (connect(sock, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
-        return true;
-    }
-    return errno == EINTR && finish_connect(sock);
-}
-
 // Returns whether the line is connected.
 bool connect_line(line_t *line) {
     pager_t *pager = line->pager;
-    set_socket(line, create_socket());
-    if (is_short_of_descriptors(line->sock)) {
+    set_socket(line, link_socket());
+    if (link_is_short_of_descriptors(line->sock)) {
         close_abandoned(line);
     }
     pause_us(CONNECT_PAUSE_US);
@@ -175,7 +134,8 @@ bool connect_line(line_t *line) {
         return false;
     }
     LOG_SERVICE(LEVEL_VERBOSE, "Trying to connect %s:%u\n", to.host, to.shown_port);
-    if (!connect_socket(line->sock, to.address)) {
+    if (!link_connect(line->sock, to.address,
+                      recovers(line) ? CONNECT_LIMIT_SECONDS : AS_LONG_AS_THE_SYSTEM_TRIES)) {
         LOG_SERVICE(LEVEL_ERROR, "Error connecting to %s:%u\n", to.host, to.shown_port);
         call_service_action(pager, ALARM_NO_RESPONSE);
         close_line(line);
@@ -206,13 +166,66 @@ void dump_packet(const line_t *line) {
     }
 }
 
-void handle_espa_packet(line_t *line) {
+// The answer that a packet is still waiting for, if any.
+class owed_answer_t {
+  public:
+    owed_answer_t(int sock, bool is_owed) : sock_(sock), is_owed_(is_owed) {}
+
+    void give(bool accepted) {
+        if (is_owed_) {
+            const char byte = accepted ? ACK : NAK;
+            LOG_SERVICE(LEVEL_DEBUG, "Packet is done. send %s", accepted ? "ACK" : "NAK");
+            write_reply(sock_, {&byte, 1});
+        }
+        is_owed_ = false;
+    }
+
+  private:
+    int sock_;
+    bool is_owed_;
+};
+
+// process_message(), on whose behalf it logs. A packet is answered when its call file is complete;
+// whatever else its message leads to may take long and comes after the answer.
+void dispatch_message(pager_t *pager, int alrm, const char *number, const char *message,
+                      owed_answer_t *answer) {
+    rule_t rule;
+    if (!choose_rule(pager, message, &rule)) {
+        answer->give(true);
+        LOG_AS(LEVEL_ERROR, "process_message", "empty rules for pager");
+        return;
+    }
+    if (rule.action != CALL) {
+        answer->give(true);
+    }
+    const bool done = perform_action(pager, alrm, number != nullptr ? number : "", message, &rule);
+    answer->give(done);
+    if (!done) {
+        call_script(pager, ALARM_GENERAL_ERROR, nullptr);
+    }
+}
+
+// What came from the line as rules, templates and log see it.
+std::string decoded(line_t *line, const char *bytes) {
+    line->charset.open(table_text(line->pager->charset).text);
+    return line->charset.to_utf8(bytes);
+}
+
+void handle_call_record(line_t *line, const espa_record_t &record, owed_answer_t *answer) {
+    const std::string message = decoded(line, record.display_message);
+    const std::string address = decoded(line, record.call_address);
+    LOG_SERVICE(LEVEL_VERBOSE, "\tSend message '%s' to '%s'\n", message.c_str(), address.c_str());
+    dispatch_message(line->pager, ALARM_MESSAGE, address.c_str(), message.c_str(), answer);
+}
+
+void handle_espa_packet(line_t *line, owed_answer_t *answer) {
     pager_t *pager = line->pager;
     dump_packet(line);
     store_shared(&pager->last_packet, seconds_now());
     if (load_shared(pager->no_check_bcc) != 0) {
         LOG_SERVICE(LEVEL_EVENT, "ESPA packet BCC check is OFF");
     } else if (checkBCC(line->buffer, PACKET_SIZE) == 0) {
+        answer->give(false);
         call_service_action(pager, ALARM_TRANSMISSION_ERROR);
         LOG_SERVICE(LEVEL_ERROR, "ESPA packet BCC is WRONG. won't process\n");
         return;
@@ -223,26 +236,42 @@ void handle_espa_packet(line_t *line) {
     parse_espa_packet(&packet, line->buffer);
     LOG_SERVICE(LEVEL_VERBOSE, "Got ESPA packet of type %x\n", shown_byte(packet.header_type));
     if (packet.header_type == CALL_HEADER) {
-        const espa_record_t &record = packet.record;
-        LOG_SERVICE(LEVEL_VERBOSE, "\tSend message '%s' to '%s'\n", record.display_message,
-                    record.call_address);
-        process_message(pager, ALARM_MESSAGE, record.call_address, record.display_message);
+        handle_call_record(line, packet.record, answer);
+    } else {
+        answer->give(true);
     }
+}
+
+void swap_to_ascii(line_t *line) {
+    LOG_SERVICE(LEVEL_ERROR, "Read started but not a SOH\n");
+    LOG_SERVICE(LEVEL_ERROR, "Perhaps protocol selection is wrong\n");
+    LOG_SERVICE(LEVEL_ERROR, "Trying to swap to ASCII. PLEASE check configuration\n");
+    store_shared(&line->pager->protocol, PROTOCOL_ASCII);
+}
+
+void report_failure(const line_t *line, int result) {
+    const endpoint_t to = endpoint_of(line->pager);
+    LOG_SERVICE(LEVEL_ERROR, "Line of pager %s to %s:%u %s. Connecting again\n",
+                table_text(line->pager->name).text, to.host, to.shown_port,
+                result == ESPA_UNEXPECTED ? "brought a byte out of place" : "was closed or failed");
 }
 
 void serve_espa(line_t *line) {
     pager_t *pager = line->pager;
+    const espa_options_t options{recovers(line), load_shared(pager->ack_when_done) != 0};
     const int result = espa_read_packet(line->sock, line->buffer, PACKET_SIZE, &pager->polls,
-                                        load_shared(pager->espa_poll));
+                                        load_shared(pager->espa_poll), options);
     if (result > 1) {
-        handle_espa_packet(line);
+        owed_answer_t answer(line->sock, options.leaves_answer && line->buffer[result] == ETX);
+        handle_espa_packet(line, &answer);
     } else if (is_reloaded(line)) {
         return;  // what became of the abandoned connection says nothing about the new one
     } else if (result < 0) {
-        LOG_SERVICE(LEVEL_ERROR, "Read started but not a SOH\n");
-        LOG_SERVICE(LEVEL_ERROR, "Perhaps protocol selection is wrong\n");
-        LOG_SERVICE(LEVEL_ERROR, "Trying to swap to ASCII. PLEASE check configuration\n");
-        store_shared(&pager->protocol, PROTOCOL_ASCII);
+        if (options.fails_when_closed) {
+            report_failure(line, result);
+        } else {
+            swap_to_ascii(line);
+        }
         drop_line(line, ALARM_CONNECTION_LOST);
     } else if (result == 0 && is_silent_for_more_than(pager, SILENCE_LIMIT_SECONDS)) {
         drop_line(line, ALARM_TRANSMISSION_ERROR);
@@ -271,13 +300,16 @@ void handle_ascii_line(line_t *line) {
                     "PLEASE double check configuration\n");
         return;  // the way back from ASCII is a reload
     }
-    report_non_ascii(text);
+    if (load_shared(pager->charset[0]) == '\0') {
+        report_non_ascii(text);
+    }
     if (strlen(text) < MIN_ASCII_LENGTH) {
         LOG_SERVICE(LEVEL_WARNING, "ASCII message is too small");
         return;
     }
-    process_message(pager, ALARM_MESSAGE, nullptr, text);
-    LOG_SERVICE(LEVEL_VERBOSE, "message=%s", text);
+    const std::string message = decoded(line, text);
+    process_message(pager, ALARM_MESSAGE, nullptr, message.c_str());
+    LOG_SERVICE(LEVEL_VERBOSE, "message=%s", message.c_str());
     pause_us(ASCII_MESSAGE_PAUSE_US);
 }
 
@@ -310,6 +342,14 @@ void serve_turn(line_t *line) {
         serve_espa(line);
     } else {
         serve_ascii(line);
+    }
+}
+
+void clean_staging_directories() {
+    for (int i = 0; i < num_pagers; i++) {
+        if (pagers[i].staging_dir[0] != '\0') {
+            call_file_clean(pagers[i].staging_dir);
+        }
     }
 }
 
@@ -387,6 +427,7 @@ void go_to_background(const char *program) {
         exit(0);
     }
     logger_own_files(NOBODY, NOBODY);
+    clean_staging_directories();
     start_service_threads();
     for (;;) {
         signal_handle_all();
@@ -406,18 +447,14 @@ void occupy_standard_descriptors() {
 }  // namespace
 
 void process_message(pager_t *pager, int alrm, const char *number, const char *message) noexcept {
-    rule_t rule;
-    if (!choose_rule(pager, message, &rule)) {
-        LOG(LEVEL_ERROR, "empty rules for pager");
-        return;
-    }
-    call_action(pager, alrm, number != nullptr ? number : "", message, &rule);
+    owed_answer_t none(-1, false);
+    dispatch_message(pager, alrm, number, message, &none);
 }
 
 void *service_proc(void *argument) noexcept {
     pager_t *pager = static_cast<pager_t *>(argument);
-    line_t line{pager, load_shared(pager->socket), {}, {}};
-    LOG(LEVEL_VERBOSE, "Starting thread for pager %s\n", text_copy_t(pager->name).text);
+    line_t line{pager, load_shared(pager->socket), {}, {}, {}};
+    LOG(LEVEL_VERBOSE, "Starting thread for pager %s\n", table_text(pager->name).text);
     call_service_action(pager, ALARM_STARTED);
     while (doexit == 0) {
         serve_turn(&line);

@@ -1,0 +1,54 @@
+#include "charset.h"
+
+#include <cerrno>
+
+namespace {
+
+const iconv_t NONE = reinterpret_cast<iconv_t>(-1);
+constexpr std::string_view REPLACEMENT = "\xEF\xBF\xBD";  // U+FFFD
+constexpr size_t PIECE_SIZE = 256;
+
+}  // namespace
+
+bool charset_t::open(const char *name) noexcept {
+    if (name_ == name) {
+        return name_.empty() || conversion_ != NONE;
+    }
+    close();
+    name_ = name;
+    if (!name_.empty()) {
+        conversion_ = iconv_open("UTF-8", name);
+    }
+    return name_.empty() || conversion_ != NONE;
+}
+
+std::string charset_t::to_utf8(std::string_view text) const noexcept {
+    if (conversion_ == NONE) {
+        return std::string(text);
+    }
+    std::string converted;
+    char *from = const_cast<char *>(text.data());
+    size_t left = text.size();
+    iconv(conversion_, nullptr, nullptr, nullptr, nullptr);
+    while (left > 0) {
+        char piece[PIECE_SIZE];
+        char *to = piece;
+        size_t room = sizeof piece;
+        const bool failed = iconv(conversion_, &from, &left, &to, &room) == static_cast<size_t>(-1);
+        const int error = errno;
+        converted.append(piece, sizeof piece - room);
+        if (failed && error != E2BIG) {
+            converted += REPLACEMENT;
+            from++;
+            left--;
+        }
+    }
+    return converted;
+}
+
+void charset_t::close() noexcept {
+    if (conversion_ != NONE) {
+        iconv_close(conversion_);
+    }
+    conversion_ = NONE;
+}

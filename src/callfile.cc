@@ -1,0 +1,203 @@
+#include "callfile.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "fd.h"
+
+namespace {
+
+constexpr mode_t CALL_FILE_MODE = 0666;
+constexpr std::string_view STAGED_PREFIX = "vesperd-call-";
+constexpr time_t NUMBERS_KEPT_SECONDS = 60;
+
+// Writes the whole content and removes the file if that fails; it stays open.
+call_file_result_t fill(const unique_fd_t &file, const char *path, std::string_view content) {
+    errno = 0;
+    if (write(file.get(), content.data(), content.size()) == static_cast<ssize_t>(content.size())) {
+        return {call_file_t::WRITTEN, 0};
+    }
+    const int error = errno;
+    unlink(path);
+    return {call_file_t::NOT_WRITTEN, error};
+}
+
+call_file_result_t write_with(int flags, const char *path, std::string_view content) {
+    unique_fd_t file(open(path, O_WRONLY | O_CREAT | O_CLOEXEC | flags, CALL_FILE_MODE));
+    if (!file) {
+        return {call_file_t::NOT_OPENED, errno};
+    }
+    const call_file_result_t result = fill(file, path, content);
+    if (result.outcome == call_file_t::WRITTEN && close(file.release()) != 0) {
+        const int error = errno;
+        unlink(path);
+        return {call_file_t::NOT_WRITTEN, error};
+    }
+    return result;
+}
+
+// The next number of a name. Counted rather than looked for: the PBX may have taken the files with
+// the earlier ones already.
+int next_number(const std::string &name) {
+    struct counter_t {
+        int next = 0;
+        time_t since = time(nullptr);
+    };
+    static std::mutex mutex;
+    static std::map<std::string, counter_t> &counters =
+        *std::make_unique<std::map<std::string, counter_t>>().release();
+    const std::lock_guard lock(mutex);
+    const time_t now = time(nullptr);
+    std::erase_if(counters, [now](const auto &counter) {
+        return now - counter.second.since > NUMBERS_KEPT_SECONDS;
+    });
+    return counters[name].next++;
+}
+
+// Forms the next path of a call. Returns whether it fits.
+bool next_path(staged_call_t *call) {
+    const std::string name = std::string(call->spool_dir) + "/" + call->name;
+    const int length =
+        snprintf(call->path, sizeof call->path, "%s_%d", name.c_str(), next_number(name));
+    return length < PATH_SIZE;
+}
+
+// Takes the lock that keeps call_file_clean() away. It may have come before.
+bool lock_against_cleaning(const unique_fd_t &file) {
+    if (flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        return false;
+    }
+    struct stat status {};
+    return fstat(file.get(), &status) != 0 || status.st_nlink > 0;
+}
+
+// A file in the staging directory, locked for as long as it is being written, and removed unless it
+// is renamed.
+class staged_file_t {
+  public:
+    staged_file_t(const char *staging_dir, std::string_view content) {
+        static std::atomic<unsigned> count;
+        do {
+            path_ = std::string(staging_dir) + "/" + std::string(STAGED_PREFIX) +
+                    std::to_string(getpid()) + "-" + std::to_string(count++);
+            file_.reset(
+                open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, CALL_FILE_MODE));
+        } while (file_ ? !lock_against_cleaning(file_) : errno == EEXIST);
+        was_opened_ = bool(file_);
+        if (!file_) {
+            error_ = errno;
+            return;
+        }
+        const call_file_result_t filled = fill(file_, path_.c_str(), content);
+        if (filled.outcome != call_file_t::WRITTEN) {
+            file_.reset();
+            error_ = filled.error != 0 ? filled.error : EIO;
+        }
+    }
+    staged_file_t(const staged_file_t &) = delete;
+    staged_file_t &operator=(const staged_file_t &) = delete;
+    ~staged_file_t() {
+        if (file_) {
+            unlink(path_.c_str());
+        }
+    }
+
+    const std::string &path() const { return path_; }
+    bool is_complete() const { return bool(file_); }
+    // Why the file could not be opened, written or, after rename_to(), renamed; errno.
+    int error() const { return error_; }
+    // Whether it was opened, which is not to be expected of other calls either when it was not.
+    bool was_opened() const { return was_opened_; }
+
+    // Returns whether it now has that path, which did not exist.
+    bool rename_to(const char *path) {
+        if (renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, path, RENAME_NOREPLACE) != 0) {
+            error_ = errno;
+            return false;
+        }
+        file_.reset();
+        return true;
+    }
+
+  private:
+    std::string path_;
+    unique_fd_t file_;
+    int error_ = 0;
+    bool was_opened_ = false;
+};
+
+// Whether the way over the staging directory is closed for good, rather than for want of space. Only
+// then is a call file written where the PBX may see a part of it.
+bool cannot_be_staged(const staged_file_t &staged) {
+    switch (staged.error()) {
+        case ENOSPC:
+        case EDQUOT:
+        case EIO:
+        case EMFILE:
+        case ENFILE:
+            return false;
+        case EXDEV:
+        case EINVAL:
+        case ENOSYS:
+        case EPERM:
+        case EOPNOTSUPP:
+            return true;
+        default:
+            return !staged.was_opened();
+    }
+}
+
+}  // namespace
+
+call_file_result_t call_file_write(const char *path, std::string_view content) noexcept {
+    return write_with(O_TRUNC, path, content);
+}
+
+call_file_result_t call_file_stage(staged_call_t *call, std::string_view content) noexcept {
+    staged_file_t staged(call->staging_dir, content);
+    if (!staged.is_complete() && !cannot_be_staged(staged)) {
+        copy_text(call->path, staged.path());
+        return {call_file_t::NOT_WRITTEN, staged.error()};
+    }
+    while (next_path(call)) {
+        if (staged.is_complete() && staged.rename_to(call->path)) {
+            return {call_file_t::WRITTEN, 0};
+        }
+        if (staged.is_complete() && staged.error() == EEXIST) {
+            continue;
+        }
+        if (!cannot_be_staged(staged)) {
+            return {call_file_t::NOT_WRITTEN, staged.error()};
+        }
+        const call_file_result_t direct = write_with(O_EXCL, call->path, content);
+        if (direct.outcome != call_file_t::NOT_OPENED || direct.error != EEXIST) {
+            call->staging_error = staged.error();
+            return direct;
+        }
+    }
+    return {call_file_t::NOT_OPENED, ENAMETOOLONG};
+}
+
+void call_file_clean(const char *staging_dir) noexcept {
+    const unique_dir_t directory(opendir(staging_dir));
+    while (const dirent *entry = directory ? readdir(directory.get()) : nullptr) {
+        if (!std::string_view(entry->d_name).starts_with(STAGED_PREFIX)) {
+            continue;
+        }
+        const std::string path = std::string(staging_dir) + "/" + entry->d_name;
+        const unique_fd_t file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (file && flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
+            unlink(path.c_str());
+        }
+    }
+}

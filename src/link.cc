@@ -1,0 +1,69 @@
+#include "link.h"
+
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "fd.h"
+
+namespace {
+
+// A converter that vanished without a word is noticed after two minutes.
+constexpr int KEEPALIVE_IDLE_SECONDS = 60;
+constexpr int KEEPALIVE_INTERVAL_SECONDS = 15;
+constexpr int KEEPALIVE_PROBES = 4;
+
+// An attempt that was begun goes on by itself; returns whether it succeeded in the end.
+bool finish_connect(int sock, int seconds) {
+    pollfd waiting{sock, POLLOUT, 0};
+    int ready = 0;
+    do {
+        ready = poll(&waiting, 1, seconds < 0 ? -1 : seconds * 1000);
+    } while (ready < 0 && errno == EINTR);
+    int error = 0;
+    socklen_t size = sizeof error;
+    return ready > 0 && getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
+}
+
+}  // namespace
+
+int link_socket() noexcept {
+    unique_fd_t sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (sock.get() >= FD_SETSIZE) {
+        return -1;
+    }
+    const auto set = [&sock](int level, int name, int value) {
+        setsockopt(sock.get(), level, name, &value, sizeof value);
+    };
+    set(IPPROTO_TCP, TCP_NODELAY, 1);
+    set(SOL_SOCKET, SO_KEEPALIVE, 1);
+    set(IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_IDLE_SECONDS);
+    set(IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_SECONDS);
+    set(IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_PROBES);
+    return sock.release();
+}
+
+bool link_connect(int sock, const sockaddr_in &address, int seconds) noexcept {
+    const int flags = fcntl(sock, F_GETFL);
+    if (seconds >= 0) {
+        fcntl(sock, F_SETFL, flags | O_NONBLOCK);
+    }
+    const bool connected =
+        connect(sock, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
+        ((errno == EINTR || errno == EINPROGRESS) && finish_connect(sock, seconds));
+    if (seconds >= 0) {
+        fcntl(sock, F_SETFL, flags);
+    }
+    return connected;
+}
+
+bool link_is_short_of_descriptors(int sock) noexcept {
+    const long limit = sysconf(_SC_OPEN_MAX);
+    return sock < 0 || sock >= (limit < 0 ? FD_SETSIZE : std::min<long>(limit, FD_SETSIZE)) / 2;
+}

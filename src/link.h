@@ -1,0 +1,20 @@
+// The TCP connection to a converter.
+#pragma once
+
+#include <netinet/in.h>
+
+// Waits as long as the system tries, about two minutes.
+constexpr int AS_LONG_AS_THE_SYSTEM_TRIES = -1;
+
+// Returns the descriptor of a new socket, or -1. Programs that the process runs do not inherit it,
+// select() can hold it, and a converter that vanishes without a word is noticed after two minutes.
+int link_socket() noexcept;
+
+// Connects a socket; a signal does not end the attempt.
+//   seconds  when an attempt that gets no answer is given up, or AS_LONG_AS_THE_SYSTEM_TRIES
+// Returns whether it is connected.
+bool link_connect(int sock, const sockaddr_in &address, int seconds) noexcept;
+
+// Whether a descriptor, or -1 for a socket that could not be made, shows that descriptors run short:
+// it lies in the upper half of what the process can use.
+bool link_is_short_of_descriptors(int sock) noexcept;
