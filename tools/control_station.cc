@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "clock.h"
 #include "espa.h"
 
 namespace {
@@ -15,6 +16,8 @@ namespace {
 constexpr std::string_view END_OF_TRANSMISSION("\x04", 1);
 constexpr std::string_view SELECT("1\x05", 2);
 constexpr std::string_view ACKNOWLEDGED("\x06", 1);
+
+constexpr long REPEAT_PAUSE_US = 500'000;
 
 struct control_name_t {
     char byte;
@@ -155,7 +158,27 @@ bool control_station_t::send_call(const call_t &call) {
 }
 
 bool control_station_t::send_packet(std::string_view packet) {
-    return send_bytes(packet) && expect(ACKNOWLEDGED);
+    for (int attempt = 0;; attempt++) {
+        std::string sent(packet);
+        sent.back() ^= static_cast<char>(attempt < garbled_);  // the block check character
+        char answer = 0;
+        if (!send_bytes(sent) || !expect_answer(&answer)) {
+            return false;
+        }
+        if (answer == ACK) {
+            return true;
+        }
+        if (answer != NAK) {
+            return fail("expected ACK, got " + describe_bytes({&answer, 1}));
+        }
+        if (attempt == repeats_) {
+            return fail("not acknowledged, after " + std::to_string(repeats_) + " repeats");
+        }
+        if (trace_ != nullptr) {
+            fprintf(trace_, "not acknowledged, repeating the call\n");
+        }
+        pause_us(REPEAT_PAUSE_US);
+    }
 }
 
 bool control_station_t::send_line(std::string_view text) {
@@ -190,6 +213,18 @@ bool control_station_t::expect(std::string_view bytes) {
     }
     return answer == bytes ||
            fail("expected " + describe_bytes(bytes) + ", got " + describe_bytes(answer));
+}
+
+bool control_station_t::expect_answer(char *answer) {
+    const int byte = read_byte();
+    if (byte < 0) {
+        return fail("no ACK: " + error_);
+    }
+    *answer = static_cast<char>(byte);
+    if (trace_ != nullptr) {
+        fprintf(trace_, "<- %s\n", describe_bytes({answer, 1}).c_str());
+    }
+    return true;
 }
 
 bool control_station_t::is_closed() const {

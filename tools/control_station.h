@@ -36,6 +36,13 @@ class control_station_t {
     control_station_t(int fd, int wait_seconds, FILE *trace) noexcept
         : fd_(fd), wait_seconds_(wait_seconds), trace_(trace) {}
 
+    // From now on sends a packet that was answered with NAK again, `repeats` times at most, and gives
+    // the first `garbled` packets of a call a wrong block check character.
+    void set_repeats(int repeats, int garbled) {
+        repeats_ = repeats;
+        garbled_ = garbled;
+    }
+
     // Sends EOT and waits for its echo, until which any other answer is dropped.
     bool end_transmission();
 
@@ -43,7 +50,7 @@ class control_station_t {
     // out whether a select is answered with one ACK or two (vesperd's espa_poll).
     bool send_call(const call_t &call);
 
-    // Sends a data packet as it stands and waits for its ACK.
+    // Sends a data packet and waits for its ACK.
     bool send_packet(std::string_view packet);
 
     // Sends a text and CR LF; ASCII lines have no answers.
@@ -62,12 +69,15 @@ class control_station_t {
 
   private:
     bool learn_select_answer();
+    bool expect_answer(char *answer);
     int read_byte();
     bool fail(const std::string &why);
 
     int fd_;
     int wait_seconds_;
     FILE *trace_;
+    int repeats_ = 0;
+    int garbled_ = 0;
     std::string select_answer_;
     std::string error_;
 };

@@ -36,11 +36,26 @@ struct options_t {
     int interval = 0;
     int wait = 30;
     int hold = 0;
+    int repeat = 3;
+    int garble = 0;
 };
 
-enum : int { BIND = 256, BAUD, BEEP, TYPE, TRANSMISSIONS, PRIORITY, COUNT, INTERVAL, WAIT, HOLD };
+enum : int {
+    BIND = 256,
+    BAUD,
+    BEEP,
+    TYPE,
+    TRANSMISSIONS,
+    PRIORITY,
+    COUNT,
+    INTERVAL,
+    WAIT,
+    HOLD,
+    REPEAT,
+    GARBLE
+};
 
-constexpr std::array<option, 17> longopts = {
+constexpr std::array<option, 19> longopts = {
     {{"listen", required_argument, nullptr, 'l'},
      {"bind", required_argument, nullptr, BIND},
      {"device", required_argument, nullptr, 'D'},
@@ -56,6 +71,8 @@ constexpr std::array<option, 17> longopts = {
      {"interval", required_argument, nullptr, INTERVAL},
      {"wait", required_argument, nullptr, WAIT},
      {"hold", required_argument, nullptr, HOLD},
+     {"repeat", required_argument, nullptr, REPEAT},
+     {"garble", required_argument, nullptr, GARBLE},
      {"help", no_argument, nullptr, 'h'},
      {nullptr, 0, nullptr, 0}}};
 
@@ -82,6 +99,9 @@ constexpr const char *HELP =
     "  -A, --ascii            send plain lines instead of ESPA 4.4.4\n"
     "      --count N          send everything N times (1)\n"
     "      --interval SECONDS pause between two calls (0)\n"
+    "      --repeat N         repeat a call that is answered with NAK N times (3)\n"
+    "      --garble N         give the first N packets of each call a wrong block\n"
+    "                         check character (0)\n"
     "\n"
     "      --wait SECONDS     longest wait for a connection and for each answer (30)\n"
     "      --hold SECONDS     keep the line up after the last call (0)\n"
@@ -165,6 +185,12 @@ void set_option(options_t *options, int letter) {
         case HOLD:
             options->hold = parse_number("hold", optarg, 0, MAX_SECONDS);
             break;
+        case REPEAT:
+            options->repeat = parse_number("repeat", optarg, 0, MAX_COUNT);
+            break;
+        case GARBLE:
+            options->garble = parse_number("garble", optarg, 0, MAX_COUNT);
+            break;
         case 'h':
             fputs(HELP, stdout);
             exit(EXIT_SUCCESS);
@@ -184,6 +210,9 @@ options_t parse_options(int argc, char **argv) {
     }
     if ((options.port >= 0) == !options.device.empty()) {
         refuse("give either --listen or --device");
+    }
+    if (options.ascii && options.garble > 0) {
+        refuse("--garble needs a block check character, which lines have not");
     }
     if (options.messages.empty()) {
         refuse("give at least one --message");
@@ -235,6 +264,7 @@ class delivery_t {
             fail(error);
         }
         station_ = control_station_t(line_.get(), options_.wait, stdout);
+        station_.set_repeats(options_.repeat, options_.garble);
     }
 
     unique_fd_t accept_connection(std::string *error) {
