@@ -165,12 +165,16 @@ long site_t::resident_kilobytes() const {
 }
 
 usage_t site_t::stop() {
+    return stop(SIGTERM);
+}
+
+usage_t site_t::stop(int signo) {
     if (pid_ <= 0) {
         return {};
     }
     usage_t used;
     used.peak_kilobytes = usage().peak_kilobytes;
-    kill(innermost_process(pid_), SIGTERM);
+    kill(innermost_process(pid_), signo);
     rusage taken{};
     int status = 0;
     wait4(pid_, &status, 0, &taken);

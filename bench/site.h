@@ -42,8 +42,9 @@ class site_t {
     // Peak and present resident memory of the running program, and the CPU seconds so far.
     usage_t usage() const;
     long resident_kilobytes() const;
-    // Ends the program and waits for it.
+    // Ends the program with a signal, SIGTERM when none is given, and waits for it.
     usage_t stop();
+    usage_t stop(int signo);
 
   private:
     long status_kilobytes(const std::string &field) const;
