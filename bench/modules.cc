@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include <string>
+#include <string_view>
 
 #include "action.h"
 #include "control_station.h"
@@ -28,7 +29,10 @@ pager_t pager_with_rules(int count) {
             &rules[i].pattern,
             is_last ? "ROOM [0-9]+"
                     : (std::string("^ALARM ").append(std::to_string(i)).append(" in")).c_str());
-        list += (i > 0 ? "," : "") + std::string(name).substr(5);
+        if (i > 0) {
+            list += ',';
+        }
+        list += std::string_view(name).substr(5);
     }
     copy_text(pager.rules, list);
     return pager;

@@ -95,7 +95,7 @@ int iniparser_get_next_kv(const dictionary *dict, const char *prefix, int cursor
         return -1;
     }
     const size_t length = strlen(prefix);
-    for (int slot = cursor + 1; slot < dict->size; slot++) {
+    for (int slot = cursor + 1; slot < static_cast<int>(dict->size); slot++) {
         if (dict->key[slot] != nullptr && strncmp(dict->key[slot], prefix, length) == 0) {
             *key = dict->key[slot];
             *value = dict->val[slot];

@@ -128,7 +128,7 @@ bool control_station_t::learn_select_answer() {
     if (!send_bytes(SELECT) || !expect(ACKNOWLEDGED) || !send_bytes(END_OF_TRANSMISSION)) {
         return false;
     }
-    select_answer_ = ACKNOWLEDGED;
+    select_answer_ = std::string(ACKNOWLEDGED);
     for (int byte = read_byte(); byte != EOT; byte = read_byte()) {
         if (byte < 0) {
             select_answer_.clear();
