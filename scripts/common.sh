@@ -1,6 +1,10 @@
 # Shared by the scripts: sourced with the repository's root as the working directory.
 # shellcheck shell=bash
 
+# Other accounts read and run what the scripts make. What they sort and look for is in one language.
+umask 022
+export LC_ALL=C.UTF-8
+
 as_root() {
     if [ "$(id -u)" -eq 0 ]; then
         "$@"
@@ -23,6 +27,13 @@ install_packages() {
         "${missing[@]}" >/dev/null
 }
 
+# Installs clang with what its sanitizers need. Their library carries the version of the release's
+# clang in its name; llvm has the program that puts names into reports.
+install_clang() {
+    install_packages clang llvm
+    install_packages "libclang-rt-$(/usr/bin/clang -dumpversion | cut -d . -f 1)-dev"
+}
+
 # Makes the account that the daemon runs as. Its user and group id are equal, because the daemon
 # takes the group id as its effective user id.
 make_account() {
@@ -43,4 +54,16 @@ build_into() {
     shift
     cmake -S . -B "$directory" "$@" >/dev/null
     cmake --build "$directory" -j "$(nproc)" -- --no-print-directory >/dev/null
+}
+
+# Copies the tree as it stands into a directory: new files too, ignored ones and the history not.
+copy_tree() {
+    local directory=$1
+    mkdir -p "$directory"
+    # git would refuse a clone that belongs to another account than the one that runs this.
+    git -c safe.directory="$PWD" ls-files -z --cached --others --exclude-standard | sort -zu |
+        while IFS= read -rd '' file; do
+            if [ -e "$file" ]; then printf '%s\0' "$file"; fi
+        done |
+        tar --null -T - -c | tar -x --no-same-owner -C "$directory"
 }
