@@ -30,8 +30,8 @@ struct expanded_t {
     char text[SIZE];
     bool fits;
 
-    expanded_t(const char *fmt, const placeholders_t &with, quoting_t quoting)
-        : fits(expand_template(text, SIZE, fmt, with, quoting)) {}
+    expanded_t(const char *fmt, const placeholders_t &with, quoting_t quoting, int size = SIZE)
+        : fits(expand_template(text, size, fmt, with, quoting)) {}
 };
 
 // Once per load: the staging directory fails every call in the same way.
@@ -74,12 +74,14 @@ bool store_call_file(const pager_t *pager, const char *name, std::string_view co
 }
 
 bool place_call(const pager_t *pager, const rule_t *rule, const placeholders_t &with) {
-    const quoting_t name_quoting = rule->quote != 0 ? quoting_t::NAME : quoting_t::NONE;
-    const expanded_t<FIELD_SIZE> extension(rule->extension, with, name_quoting);
-    const expanded_t<FIELD_SIZE> context(rule->context, with, name_quoting);
-    const expanded_t<FIELD_SIZE> callerid(
-        rule->callerid, with, rule->quote != 0 ? quoting_t::CALLER_ID : quoting_t::NONE);
-    const expanded_t<FIELD_SIZE> channel(rule->channel, with, name_quoting);
+    const bool quotes = rule->quote != 0;
+    const quoting_t of_names = quotes ? quoting_t::NAME : quoting_t::NONE;
+    const quoting_t of_caller = quotes ? quoting_t::CALLER_ID : quoting_t::NONE;
+    const int size = quotes ? QUOTED_FIELD_SIZE : FIELD_SIZE;
+    const expanded_t<FIELD_SIZE> extension(rule->extension, with, of_names, size);
+    const expanded_t<FIELD_SIZE> context(rule->context, with, of_names, size);
+    const expanded_t<FIELD_SIZE> callerid(rule->callerid, with, of_caller, size);
+    const expanded_t<FIELD_SIZE> channel(rule->channel, with, of_names, size);
 
     char name[FIELD_SIZE + 32];
     snprintf(name, sizeof name, "call_%s_%d", extension.text, seconds_now());

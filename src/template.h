@@ -23,6 +23,10 @@ enum class quoting_t {
                 // or belongs to its form, which are # " < > and an unescaped ;
 };
 
+// The size of a buffer for a call file's field with quoting. The PBX reads a line in pieces of 255
+// characters and would take the rest of a longer one for another setting.
+constexpr int QUOTED_FIELD_SIZE = 241;
+
 // Appends a replacement to a line.
 void append_quoted(text_writer_t *line, std::string_view text, quoting_t quoting) noexcept;
 
