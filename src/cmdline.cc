@@ -42,11 +42,12 @@ const char *action_name(int action) {
 
 void print_expansion(const char *label, const char *fmt, const rule_t *rule, quoting_t quoting) {
     char text[EXPANSION_SIZE];
-    const bool fits = expand_template(text, sizeof text, fmt,
-                                      {ALARM_MESSAGE, TEST_NUMBER, test_message, rule->values},
-                                      rule->quote != 0 ? quoting : quoting_t::NONE);
+    const bool quotes = rule->quote != 0;
+    const int size = quotes && quoting != quoting_t::COMMAND ? QUOTED_FIELD_SIZE : EXPANSION_SIZE;
+    const placeholders_t with{ALARM_MESSAGE, TEST_NUMBER, test_message, rule->values};
+    const bool fits = expand_template(text, size, fmt, with, quotes ? quoting : quoting_t::NONE);
     fprintf(stderr, "%s%s\n", label, text);
-    if (rule->quote != 0 && quoting == quoting_t::COMMAND && !fits) {
+    if (quotes && quoting == quoting_t::COMMAND && !fits) {
         fprintf(stderr, "\tToo long, it would not be run\n");
     }
 }
