@@ -14,13 +14,11 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <memory>
 #include <mutex>
-#include <set>
-#include <string>
 #include <string_view>
 
 #include "fd.h"
+#include "kept_text.h"
 
 namespace {
 
@@ -45,13 +43,6 @@ struct owner_t {
     uid_t uid = NOBODY;
     gid_t gid = NOBODY;
 } owner;
-
-// A thread may be about to open the earlier file, so paths are kept; equal ones are one.
-const char *kept_path(std::string_view path) {
-    static std::set<std::string, std::less<>> &known =
-        *std::make_unique<std::set<std::string, std::less<>>>().release();
-    return known.emplace(path.substr(0, MAX_PATH_LENGTH)).first->c_str();
-}
 
 // Asking the kernel for it would make four system calls of the three that a line takes.
 std::atomic<long> process_id = 0;
@@ -168,7 +159,7 @@ void write_syslog(int level, const char *message) {
 }  // namespace
 
 int logger_init(const char *file, int start_level, int do_syslog, int disable_log) noexcept {
-    logfile = kept_path(file != nullptr ? file : "");
+    logfile = kept_text(std::string_view(file != nullptr ? file : "").substr(0, MAX_PATH_LENGTH));
     dont_log = disable_log;
     log_level = start_level;
     log_to_syslog = do_syslog;

@@ -1,5 +1,6 @@
 #include "action.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,9 +13,11 @@
 #include "callfile.h"
 #include "clock.h"
 #include "files.h"
+#include "journal.h"
 #include "logger.h"
 #include "proto.h"
 #include "rule.h"
+#include "stats.h"
 #include "text.h"
 
 namespace {
@@ -46,8 +49,8 @@ void warn_of_direct_writing(const staged_call_t &call) {
 }
 
 // Stores a call file under its name, directly or by way of the pager's staging directory. Logs on
-// behalf of call_action(). Returns whether the whole file is there.
-bool store_call_file(const pager_t *pager, const char *name, std::string_view content) {
+// behalf of call_action().
+outcome_t store_call_file(const pager_t *pager, const char *name, std::string_view content) {
     char spool_dir[sizeof pager->spool_dir];
     char staging_dir[sizeof pager->staging_dir];
     read_tables([&] {
@@ -70,10 +73,15 @@ bool store_call_file(const pager_t *pager, const char *name, std::string_view co
     } else if (call.staging_error != 0) {
         warn_of_direct_writing(call);
     }
-    return result.outcome == call_file_t::WRITTEN;
+    outcome_t outcome;
+    outcome.succeeded = outcome.was_done = result.outcome == call_file_t::WRITTEN;
+    if (outcome.succeeded) {
+        copy_text(outcome.file, std::string_view(call.path).substr(strlen(spool_dir) + 1));
+    }
+    return outcome;
 }
 
-bool place_call(const pager_t *pager, const rule_t *rule, const placeholders_t &with) {
+outcome_t place_call(const pager_t *pager, const rule_t *rule, const placeholders_t &with) {
     const bool quotes = rule->quote != 0;
     const quoting_t of_names = quotes ? quoting_t::NAME : quoting_t::NONE;
     const quoting_t of_caller = quotes ? quoting_t::CALLER_ID : quoting_t::NONE;
@@ -93,19 +101,26 @@ bool place_call(const pager_t *pager, const rule_t *rule, const placeholders_t &
     return store_call_file(pager, name, {content, static_cast<size_t>(length)});
 }
 
-// Returns whether the command was run; a quoted one is not cut.
-bool run_command(const rule_t *rule, const placeholders_t &with) {
+// 128 and the signal for a shell that a signal ended, as the shell says it of its commands.
+int exit_status_of(int status) {
+    if (status == -1) {
+        return -1;
+    }
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+// A quoted command is not cut.
+outcome_t run_command(const rule_t *rule, const placeholders_t &with) {
     const expanded_t<COMMAND_SIZE> command(rule->callscript, with,
                                            rule->quote != 0 ? quoting_t::COMMAND : quoting_t::NONE);
     if (rule->quote != 0 && !command.fits) {
         LOG_AS(LEVEL_ERROR, "call_action", "Command line of rule %s is too long, not run\n",
                rule->name);
-        return false;
+        return {false, false, "", -1};
     }
     LOG_AS(LEVEL_DEBUG, "call_action", "Calling cmd line: %s\n", command.text);
-    const int status = system(command.text);
-    static_cast<void>(status);  // whether a command succeeds is its own business
-    return true;
+    const int status = exit_status_of(system(command.text));
+    return {status == 0, true, "", status};  // whether it succeeds is its own business
 }
 
 // Raises a service alarm for a call record, or for none; logs on behalf of `function`.
@@ -113,17 +128,24 @@ void raise_alarm(pager_t *pager, int alrm, const espa_record_t *record, const ch
     if (alarm_time(pager, alrm) == 0) {
         return;
     }
+    const int64_t began = microseconds_passed();
     LOG_AS(LEVEL_VERBOSE, function, "Call service action %s\n", alarm_name(alrm));
     if (load_shared(pager->send_service_actions) == 0) {
         LOG_AS(LEVEL_VERBOSE, function, "Service actions disabled\n");
+        count_alarm(alrm, alarm_result_t::DISABLED);
         return;
     }
     const char *number = record != nullptr ? record->call_address : nullptr;
     const char *message = record != nullptr ? record->display_message : nullptr;
+    count_alarm(alrm, alarm_result_t::RAISED);
     rule_t rule;
-    if (choose_rule(pager, message, &rule)) {
-        call_action(pager, alrm, number, message, &rule);
+    const bool found = choose_rule(pager, message, &rule);
+    outcome_t outcome;
+    if (found) {
+        outcome = perform_action(pager, alrm, number, message, &rule);
     }
+    journal_write({pager, alrm, "", "", found ? &rule : nullptr, outcome, began});
+    raise_if_not_done(pager, outcome);
 }
 
 // The first lines of a file in the spool directory.
@@ -201,20 +223,30 @@ void process_status(const pager_t *pager, std::string_view name) {
 
 }  // namespace
 
-bool perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
-                    const rule_t *rule) noexcept {
+outcome_t perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
+                         const rule_t *rule) noexcept {
     const placeholders_t with{alrm, number, message, rule->values};
+    const line_state_t before = enter_state(line_state_t::ACTING);
+    outcome_t outcome;
     if (rule->action == CALL) {
-        return place_call(pager, rule, with);
+        outcome = place_call(pager, rule, with);
+    } else if (rule->action == SCRIPT) {
+        outcome = run_command(rule, with);
     }
-    return rule->action != SCRIPT || run_command(rule, with);
+    enter_state(before);
+    my_stats().actions[static_cast<size_t>(rule->action)][outcome.succeeded ? 1 : 0].add();
+    return outcome;
+}
+
+void raise_if_not_done(pager_t *pager, const outcome_t &outcome) noexcept {
+    if (!outcome.was_done) {
+        call_script(pager, ALARM_GENERAL_ERROR, nullptr);
+    }
 }
 
 void call_action(pager_t *pager, int alrm, const char *number, const char *message,
                  rule_t *rule) noexcept {
-    if (!perform_action(pager, alrm, number, message, rule)) {
-        call_script(pager, ALARM_GENERAL_ERROR, nullptr);
-    }
+    raise_if_not_done(pager, perform_action(pager, alrm, number, message, rule));
 }
 
 void call_service_action(pager_t *pager, int alrm) noexcept {

@@ -13,12 +13,22 @@
 void call_action(pager_t *pager, int alrm, const char *number, const char *message,
                  rule_t *rule) noexcept;
 
+// What an action came to.
+struct outcome_t {
+    bool succeeded = true;  // the call file is complete, the command ended with 0, or SKIP
+    bool was_done = true;   // the call file is complete, the command was run, or SKIP
+    char file[320] = "";    // the name of the call file, if there is one
+    int exit_status = -1;   // of a command, or 128 and the signal that ended it; -1: not known
+};
+
 // call_action() without raising general_error. With the pager's staging directory a call file is
 // written there first and gets a name of its own, call_EXTENSION_SECONDS_N. With the rule's `quote` a
-// command line that does not fit is not run. Returns whether the call file is complete, or the
-// command was run, or there was nothing to do.
-bool perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
-                    const rule_t *rule) noexcept;
+// command line that does not fit is not run.
+outcome_t perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
+                         const rule_t *rule) noexcept;
+
+// Raises general_error for an action that could not be done.
+void raise_if_not_done(pager_t *pager, const outcome_t &outcome) noexcept;
 
 // Raises a service alarm: unless alarm_time() keeps it quiet or the pager has service actions
 // switched off, runs the rule that is chosen for an empty message. Without such a rule nothing

@@ -26,14 +26,18 @@ int alarm_position(int alrm) {
     if (alrm >= 0 && alrm <= SLOTS) {
         return alrm;
     }
-    int row = FIRST_EVENT_ROW;
+    return alarm_row(alrm);
+}
+
+}  // namespace
+
+int alarm_row(int alrm) noexcept {
+    int row = 0;
     while (row < LAST_ROW && alarms[row].alarm != alrm) {
         row++;
     }
     return row;
 }
-
-}  // namespace
 
 const char *alarm_name(int alrm) noexcept {
     return alarms[alarm_position(alrm)].name;

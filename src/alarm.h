@@ -22,6 +22,10 @@ struct alarm_slot_t {
 // ""; codes 16, 32, 64 and 128 lie beyond the table and carry the names of their own rows.
 const char *alarm_name(int alrm) noexcept;
 
+// The row of `alarms` that carries a code, and with it the alarm's own name, which no part of the
+// daemon's rules uses; the row of general_error for a code that none carries.
+int alarm_row(int alrm) noexcept;
+
 // The slot of an alarm. Codes 1, 2 and 4 are the position in the pager's `alarms`; code 8 is the
 // position just past it, the pair `polls` and `last_packet`; codes 16, 32, 64 and 128 have slots of
 // their own. Any other code shares the slot and the name of general_error.

@@ -14,8 +14,10 @@
 
 #include "charset.h"
 #include "ini.h"
+#include "journal.h"
 #include "logger.h"
 #include "re.h"
+#include "status.h"
 #include "text.h"
 
 char *logfile;
@@ -146,6 +148,7 @@ void store_settings(pager_t *pager, const pager_t &fresh) {
     copy_shared(&pager->ack_when_done, fresh.ack_when_done);
     copy_shared(&pager->staging_dir, fresh.staging_dir);
     copy_shared(&pager->charset, fresh.charset);
+    copy_shared(&pager->configured_protocol, fresh.protocol);
     store_shared(&pager->socket, -1);
 }
 
@@ -192,6 +195,8 @@ void load_logger_settings(const dictionary *dict) {
         logfile = strdup(file);
     }
     logger_init(logfile, loglevel, logtype == 1, 0);
+    status_init(logger.text("status_file", ""));
+    journal_init(logger.text("journal_file", ""));
 }
 
 // The records of a load, made aside: the tables stay in use until all of it is replaced.

@@ -13,6 +13,7 @@
 #include "clock.h"
 #include "files.h"
 #include "logger.h"
+#include "stats.h"
 
 namespace {
 
@@ -39,6 +40,7 @@ ssize_t read_byte(int sock, char *byte) {
     do {
         got = read(sock, byte, 1);
     } while (got < 0 && errno == EINTR);
+    my_stats().received_bytes.add(got > 0 ? 1 : 0);
     return got;
 }
 
@@ -50,6 +52,7 @@ void answer_request(int sock, char address, int *polls, int espa_poll) {
     constexpr const char *function = "espa_read_packet";
     LOG_AS(LEVEL_DEBUG, function, "Got ENQ request address %c", address);
     count_up(polls);
+    my_stats().polls.add();
     if (espa_poll != 0) {
         LOG_AS(LEVEL_DEBUG, function, "0 Read %x", shown_byte(ENQ));
         if (address == POLL_ADDRESS) {
@@ -95,6 +98,7 @@ int finish_block(int sock, char *packet, int etx, const espa_options_t &options)
 // Everything from SOH on; results as espa_read_packet().
 int read_block(int sock, char *packet, int maxlen, const espa_options_t &options) {
     packet[0] = SOH;
+    enter_state(line_state_t::RECEIVING);
     int stored = 0;
     while (stored < maxlen - 1) {
         char *place = packet + stored + 1;
@@ -235,6 +239,7 @@ int ascii_read_packet(int sock, char *packet, int maxlen, int * /*polls*/) noexc
             return length;
         }
         length++;
+        enter_state(line_state_t::RECEIVING);
         if (length == maxlen - 1) {
             packet[length] = '\0';
             return length;
@@ -254,10 +259,12 @@ int alarm_time(pager_t *pager, int alrm) noexcept {
     const char *name = alarm_name(alrm);
     if (is_suppressed(pager, name)) {
         LOG(LEVEL_WARNING, "Alarm %s  supressed\n", name);
+        count_alarm(alrm, alarm_result_t::SUPPRESSED);
         return 0;
     }
     const int elapsed = seconds_between(load_shared(*slot.last), now);
     if (!interval_is_over(load_shared(*slot.index), elapsed)) {
+        count_alarm(alrm, alarm_result_t::LIMITED);
         return 0;
     }
     store_shared(slot.last, now);

@@ -90,6 +90,7 @@ struct pager_t {
     int recover_link;               // an ESPA line that fails is connected again as ESPA
     int ack_when_done;              // a call is acknowledged when its call file is complete
     char staging_dir[1024];         // where call files are written; empty: in `spool_dir`
+    int configured_protocol;        // what `protocol` was loaded as
     char charset[64];               // of messages and call addresses; empty: bytes as they are
 };
 

@@ -22,11 +22,14 @@
 #include "conf.h"
 #include "daemon.h"
 #include "espa.h"
+#include "journal.h"
 #include "link.h"
 #include "logger.h"
 #include "proto.h"
 #include "rule.h"
 #include "sig.h"
+#include "stats.h"
+#include "status.h"
 #include "text.h"
 
 std::atomic<int> doexit;
@@ -121,6 +124,7 @@ endpoint_t endpoint_of(const pager_t *pager) {
 // Returns whether the line is connected.
 bool connect_line(line_t *line) {
     pager_t *pager = line->pager;
+    enter_state(line_state_t::CONNECTING);
     set_socket(line, link_socket());
     if (link_is_short_of_descriptors(line->sock)) {
         close_abandoned(line);
@@ -147,6 +151,8 @@ bool connect_line(line_t *line) {
         return false;
     }
     store_shared(&pager->last_packet, seconds_now());
+    my_stats().connects.add();
+    enter_state(line_state_t::IDLE);
     call_service_action(pager, ALARM_CONNECTED);
     return true;
 }
@@ -166,10 +172,13 @@ void dump_packet(const line_t *line) {
     }
 }
 
-// The answer that a packet is still waiting for, if any.
+// When a message was received, and the answer that its packet is still waiting for, if any.
 class owed_answer_t {
   public:
-    owed_answer_t(int sock, bool is_owed) : sock_(sock), is_owed_(is_owed) {}
+    owed_answer_t(int sock, bool is_owed, int64_t received_us)
+        : sock_(sock), is_owed_(is_owed), received_us_(received_us) {}
+
+    int64_t received_us() const { return received_us_; }
 
     void give(bool accepted) {
         if (is_owed_) {
@@ -183,26 +192,34 @@ class owed_answer_t {
   private:
     int sock_;
     bool is_owed_;
+    int64_t received_us_;  // by clock.h's monotonic clock
 };
+
+void count_message() {
+    my_stats().messages.add();
+    my_stats().last_message_ms.store(milliseconds_now(), std::memory_order_relaxed);
+}
 
 // process_message(), on whose behalf it logs. A packet is answered when its call file is complete;
 // whatever else its message leads to may take long and comes after the answer.
 void dispatch_message(pager_t *pager, int alrm, const char *number, const char *message,
                       owed_answer_t *answer) {
+    count_message();
     rule_t rule;
     if (!choose_rule(pager, message, &rule)) {
         answer->give(true);
         LOG_AS(LEVEL_ERROR, "process_message", "empty rules for pager");
+        my_stats().unmatched.add();
+        journal_write({pager, alrm, number, message, nullptr, {}, answer->received_us()});
         return;
     }
     if (rule.action != CALL) {
         answer->give(true);
     }
-    const bool done = perform_action(pager, alrm, number != nullptr ? number : "", message, &rule);
-    answer->give(done);
-    if (!done) {
-        call_script(pager, ALARM_GENERAL_ERROR, nullptr);
-    }
+    const outcome_t outcome = perform_action(pager, alrm, number, message, &rule);
+    answer->give(outcome.was_done);
+    journal_write({pager, alrm, number, message, &rule, outcome, answer->received_us()});
+    raise_if_not_done(pager, outcome);
 }
 
 // What came from the line as rules, templates and log see it.
@@ -220,12 +237,14 @@ void handle_call_record(line_t *line, const espa_record_t &record, owed_answer_t
 
 void handle_espa_packet(line_t *line, owed_answer_t *answer) {
     pager_t *pager = line->pager;
+    my_stats().packets.add();
     dump_packet(line);
     store_shared(&pager->last_packet, seconds_now());
     if (load_shared(pager->no_check_bcc) != 0) {
         LOG_SERVICE(LEVEL_EVENT, "ESPA packet BCC check is OFF");
     } else if (checkBCC(line->buffer, PACKET_SIZE) == 0) {
         answer->give(false);
+        my_stats().check_errors.add();
         call_service_action(pager, ALARM_TRANSMISSION_ERROR);
         LOG_SERVICE(LEVEL_ERROR, "ESPA packet BCC is WRONG. won't process\n");
         return;
@@ -262,7 +281,8 @@ void serve_espa(line_t *line) {
     const int result = espa_read_packet(line->sock, line->buffer, PACKET_SIZE, &pager->polls,
                                         load_shared(pager->espa_poll), options);
     if (result > 1) {
-        owed_answer_t answer(line->sock, options.leaves_answer && line->buffer[result] == ETX);
+        owed_answer_t answer(line->sock, options.leaves_answer && line->buffer[result] == ETX,
+                             microseconds_passed());
         handle_espa_packet(line, &answer);
     } else if (is_reloaded(line)) {
         return;  // what became of the abandoned connection says nothing about the new one
@@ -292,6 +312,8 @@ void report_non_ascii(const char *text) {
 void handle_ascii_line(line_t *line) {
     pager_t *pager = line->pager;
     const char *text = line->buffer;
+    const int64_t received_us = microseconds_passed();
+    my_stats().packets.add();
     LOG_SERVICE(LEVEL_DEBUG, "ASCII Read packet: %s", text);
     store_shared(&pager->last_packet, seconds_now());
     if (text[0] == SOH) {
@@ -308,7 +330,8 @@ void handle_ascii_line(line_t *line) {
         return;
     }
     const std::string message = decoded(line, text);
-    process_message(pager, ALARM_MESSAGE, nullptr, message.c_str());
+    owed_answer_t none(-1, false, received_us);
+    dispatch_message(pager, ALARM_MESSAGE, "", message.c_str(), &none);
     LOG_SERVICE(LEVEL_VERBOSE, "message=%s", message.c_str());
     pause_us(ASCII_MESSAGE_PAUSE_US);
 }
@@ -343,6 +366,7 @@ void serve_turn(line_t *line) {
     } else {
         serve_ascii(line);
     }
+    enter_state(line->sock < 0 ? line_state_t::CONNECTING : line_state_t::IDLE);
 }
 
 void clean_staging_directories() {
@@ -379,6 +403,12 @@ void install_signal_handlers() {
     }
 }
 
+// A process that ignores the signal never learns how its commands ended.
+void heed_children() {
+    const bool tells = status_is_kept() || journal_is_kept();
+    signal_set_handler(SIGCHLD, 0, tells ? SIG_DFL : SIG_IGN);
+}
+
 // The daemon works in "/", from where a reload would not find a relative path.
 void make_config_path_absolute() {
     char *directory = config_file[0] != '/' ? getcwd(nullptr, 0) : nullptr;
@@ -406,6 +436,7 @@ void go_to_background(const char *program) {
         exit(0);  // also when the fork failed
     }
     install_signal_handlers();
+    heed_children();
     make_config_path_absolute();
     std::string path(program);
     if (daemon_init(basename(path.data())) != 0) {
@@ -431,6 +462,7 @@ void go_to_background(const char *program) {
     start_service_threads();
     for (;;) {
         signal_handle_all();
+        status_update();
         pause_us(MAIN_LOOP_PAUSE_US);  // signals that come in the meantime are handled together
     }
 }
@@ -447,19 +479,21 @@ void occupy_standard_descriptors() {
 }  // namespace
 
 void process_message(pager_t *pager, int alrm, const char *number, const char *message) noexcept {
-    owed_answer_t none(-1, false);
-    dispatch_message(pager, alrm, number, message, &none);
+    owed_answer_t none(-1, false, microseconds_passed());
+    dispatch_message(pager, alrm, number != nullptr ? number : "", message, &none);
 }
 
 void *service_proc(void *argument) noexcept {
     pager_t *pager = static_cast<pager_t *>(argument);
     line_t line{pager, load_shared(pager->socket), {}, {}, {}};
+    stats_serve(pager);
     LOG(LEVEL_VERBOSE, "Starting thread for pager %s\n", table_text(pager->name).text);
     call_service_action(pager, ALARM_STARTED);
     while (doexit == 0) {
         serve_turn(&line);
     }
     call_service_action(pager, ALARM_TERMINATED);
+    enter_state(line_state_t::ENDED);
     return nullptr;
 }
 
@@ -467,6 +501,9 @@ void sig_term(int signo) noexcept {
     LOG(LEVEL_NOTICE, "Caught signal %d. Exiting.", signo);
     doexit = 1;
     pause_us(SHUTDOWN_GRACE_US);
+    if (signo != SIGABRT) {
+        status_end();  // takes memory, which a signal context must not
+    }
     free_confvals();
     if (foreground == 0) {
         daemon_close();
@@ -484,6 +521,7 @@ void sig_hup(int /*signo*/) noexcept {
         exit(0);
     }
     start_logger();
+    heed_children();
 }
 
 void vesperd_run(int argc, char **argv) noexcept {

@@ -1,0 +1,35 @@
+// The journal: one JSON object (RFC 8259, UTF-8) a line for every message and every raised alarm,
+// written after its action has ended.
+//
+//   {"time":"2026-11-21T15:04:05.123+01:00","line":"ward3","event":"message","protocol":"espa",
+//    "address":"4711","text":"FIRE ZONE 3","rule":"rule_fire","action":"call","result":"ok",
+//    "file":"call_8003_1795273340","ms":0.4}
+//
+// `event` is "message" or the alarm's own name, whatever its table position says; `address` and
+// `text` belong to messages; `rule` and `action` are null where there was none; `result` is "ok",
+// "failed", or "none" for skip and for no rule; `file` belongs to call files, `exit` to commands;
+// `ms` is the time from the last byte of the message to the end of the action.
+#pragma once
+
+#include "action.h"
+
+// Sets the file; empty: no journal. It is opened for every line, as the log is.
+void journal_init(const char *file) noexcept;
+
+// Whether there is a journal.
+bool journal_is_kept() noexcept;
+
+// One entry.
+struct journal_entry_t {
+    const pager_t *pager;
+    int alrm;             // ALARM_MESSAGE or the alarm's code
+    const char *address;  // messages only
+    const char *text;
+    const rule_t *rule;  // null: none
+    outcome_t outcome;
+    int64_t began_us;  // by clock.h's monotonic clock
+};
+
+// Appends an entry, in one write. Without a journal, or when the file cannot be opened, does
+// nothing.
+void journal_write(const journal_entry_t &entry) noexcept;

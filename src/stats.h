@@ -1,0 +1,70 @@
+// What the service threads count, and the state that each of them is in.
+//
+// A thread adds to counters of its own: no lock, no system call, no memory is taken. Whoever shows
+// them reads them meanwhile.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+#include "tables.h"
+
+// Counted by one thread, read by any.
+class counter_t {
+  public:
+    void add(uint64_t count = 1) noexcept {
+        value_.store(get() + count, std::memory_order_relaxed);
+    }
+    uint64_t get() const noexcept { return value_.load(std::memory_order_relaxed); }
+
+  private:
+    std::atomic<uint64_t> value_ = 0;
+};
+
+enum class line_state_t : int {
+    CONNECTING,
+    IDLE,       // connected, between packets
+    RECEIVING,  // in a packet or line
+    ACTING,     // a call file is written or a command runs
+    ENDED,
+};
+constexpr int LINE_STATES = 5;
+
+// What became of an alarm.
+enum class alarm_result_t : int { RAISED, LIMITED, SUPPRESSED, DISABLED };
+constexpr int ALARM_RESULTS = 4;
+
+constexpr int RULE_ACTIONS = 3;  // SKIP, CALL, SCRIPT
+constexpr int ALARM_EVENTS = 8;  // by the rows of `alarms`
+
+struct line_stats_t {
+    counter_t connects;
+    counter_t received_bytes;
+    counter_t polls;  // requests, that is an address and ENQ
+    counter_t packets;
+    counter_t check_errors;
+    counter_t messages;
+    counter_t unmatched;
+    std::array<std::array<counter_t, 2>, RULE_ACTIONS> actions;  // failed, ok
+    std::array<std::array<counter_t, ALARM_RESULTS>, ALARM_EVENTS> alarms;
+    std::atomic<int64_t> last_message_ms = 0;  // since the epoch, 0: none yet
+    std::atomic<line_state_t> state = line_state_t::CONNECTING;
+    std::atomic<int64_t> state_since_ms = 0;
+    std::atomic<bool> is_served = false;  // has a thread, or had one
+};
+
+// By the position of the pager in its table.
+extern std::array<line_stats_t, MAX_PAGERS> line_stats;
+
+// Makes the calling thread the one that counts for a pager of the table.
+void stats_serve(const pager_t *pager) noexcept;
+
+// The counters of the calling thread; of no line when it serves none.
+line_stats_t &my_stats() noexcept;
+
+// Puts the calling thread's line into a state. Returns the state before.
+line_state_t enter_state(line_state_t state) noexcept;
+
+// Counts what became of an alarm of the calling thread's line.
+void count_alarm(int alrm, alarm_result_t result) noexcept;

@@ -1,0 +1,288 @@
+#include "status.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "alarm.h"
+#include "clock.h"
+#include "fd.h"
+#include "logger.h"
+#include "stats.h"
+#include "utf8.h"
+
+namespace {
+
+constexpr int64_t REWRITE_MS = 15'000;
+constexpr std::array<const char *, LINE_STATES> state_names = {"connecting", "idle", "receiving",
+                                                               "acting", "ended"};
+constexpr std::array<const char *, RULE_ACTIONS> action_names = {"skip", "call", "script"};
+constexpr std::array<const char *, ALARM_RESULTS> result_names = {"raised", "limited", "suppressed",
+                                                                  "disabled"};
+
+// Known to the main thread alone.
+struct {
+    std::string file;
+    int64_t started_ms = milliseconds_now();
+    int64_t loaded_ms = 0;
+    int loads = 0;
+    bool failed = false;  // has been logged for this load
+    std::string content;  // of the file, without the time that it carries
+    int64_t written_ms = 0;
+} status;
+
+// A line as it is shown.
+struct shown_line_t {
+    const line_stats_t *stats;
+    std::string label;  // line="NAME"
+    std::string where;  // host="HOST",port="PORT"
+    bool is_ascii;
+    bool is_configured_ascii;
+};
+
+std::string escaped(const std::string &value) {
+    std::string text;
+    for (const char c : value) {
+        if (c == '\\' || c == '"') {
+            text += '\\';
+        }
+        text += c == '\n' ? "\\n" : std::string(1, c);
+    }
+    return text;
+}
+
+std::string label_value(const char *text) {
+    return escaped(as_utf8(text));
+}
+
+// A reload can leave two records of one name; samples must not come twice.
+std::string unique_label(const std::vector<shown_line_t> &lines, const char *name, size_t number) {
+    const auto label = [](const std::string &value) { return "line=\"" + value + "\""; };
+    const std::string value = label_value(name);
+    const bool is_taken = std::any_of(lines.begin(), lines.end(), [&](const shown_line_t &line) {
+        return line.label == label(value);
+    });
+    return label(is_taken ? value + "#" + std::to_string(number) : value);
+}
+
+std::vector<shown_line_t> shown_lines() {
+    std::vector<shown_line_t> lines;
+    for (size_t i = 0; i < line_stats.size(); i++) {
+        if (!line_stats[i].is_served) {
+            continue;
+        }
+        const pager_t &pager = pagers[i];
+        const auto port = static_cast<uint16_t>(pager.port);
+        lines.push_back(
+            {&line_stats[i], unique_label(lines, pager.name, i),
+             "host=\"" + label_value(pager.host) + "\",port=\"" + std::to_string(port) + "\"",
+             load_shared(pager.protocol) == PROTOCOL_ASCII,
+             pager.configured_protocol == PROTOCOL_ASCII});
+    }
+    return lines;
+}
+
+// The text in the making.
+class exposition_t {
+  public:
+    void begin(const char *name, const char *type, const char *help) {
+        name_ = std::string("vesperd_") + name;
+        text_ += "# HELP " + name_ + " " + help + "\n# TYPE " + name_ + " " + type + "\n";
+    }
+    void sample(const std::string &labels, uint64_t value) {
+        append(labels, std::to_string(value));
+    }
+    void sample_seconds(const std::string &labels, int64_t milliseconds) {
+        char value[32];
+        snprintf(value, sizeof value, "%" PRId64 ".%03d", milliseconds / 1000,
+                 static_cast<int>(milliseconds % 1000));
+        append(labels, milliseconds != 0 ? value : "0");
+    }
+    std::string &text() { return text_; }
+
+  private:
+    void append(const std::string &labels, const std::string &value) {
+        text_ += name_ + (labels.empty() ? "" : "{" + labels + "}") + " " + value + "\n";
+    }
+
+    std::string name_;
+    std::string text_;
+};
+
+using lines_t = std::vector<shown_line_t>;
+
+void expose_states(exposition_t *out, const lines_t &lines) {
+    out->begin("line_state", "gauge", "1 for the state that the line is in.");
+    for (const shown_line_t &line : lines) {
+        for (size_t state = 0; state < state_names.size(); state++) {
+            out->sample(line.label + "," + line.where + ",state=\"" + state_names[state] + "\"",
+                        static_cast<size_t>(line.stats->state.load()) == state);
+        }
+    }
+    out->begin("line_state_since_seconds", "gauge", "When the line entered its state.");
+    for (const shown_line_t &line : lines) {
+        out->sample_seconds(line.label, line.stats->state_since_ms);
+    }
+    out->begin(
+        "line_protocol", "gauge",
+        "The protocol that the line speaks; another than the configured one after a failure.");
+    for (const shown_line_t &line : lines) {
+        const auto name = [](bool is_ascii) { return is_ascii ? "ascii" : "espa"; };
+        out->sample(line.label + ",protocol=\"" + name(line.is_ascii) + "\",configured=\"" +
+                        name(line.is_configured_ascii) + "\"",
+                    1);
+    }
+}
+
+void expose_counters(exposition_t *out, const lines_t &lines) {
+    const struct {
+        const char *name;
+        const char *help;
+        counter_t line_stats_t::*counter;
+    } rows[] = {
+        {"line_connects_total", "Connections made.", &line_stats_t::connects},
+        {"line_received_bytes_total", "Bytes received.", &line_stats_t::received_bytes},
+        {"line_polls_total", "Requests answered, that is an address and ENQ.",
+         &line_stats_t::polls},
+        {"line_packets_total", "Packets or lines received.", &line_stats_t::packets},
+        {"line_check_errors_total", "Packets with a wrong block check character.",
+         &line_stats_t::check_errors},
+        {"line_messages_total", "Messages for which a rule was looked for.",
+         &line_stats_t::messages},
+        {"line_unmatched_total", "Messages without a rule.", &line_stats_t::unmatched},
+    };
+    for (const auto &row : rows) {
+        out->begin(row.name, "counter", row.help);
+        for (const shown_line_t &line : lines) {
+            out->sample(line.label, (line.stats->*row.counter).get());
+        }
+    }
+}
+
+void expose_actions(exposition_t *out, const lines_t &lines) {
+    out->begin("line_actions_total", "counter", "Actions of rules, for messages and alarms.");
+    for (const shown_line_t &line : lines) {
+        for (size_t action = 0; action < action_names.size(); action++) {
+            for (const size_t ok : {1, 0}) {
+                out->sample(line.label + ",action=\"" + action_names[action] + "\",result=\"" +
+                                (ok == 1 ? "ok" : "failed") + "\"",
+                            line.stats->actions[action][ok].get());
+            }
+        }
+    }
+}
+
+void expose_alarms(exposition_t *out, const lines_t &lines) {
+    out->begin("line_alarms_total", "counter",
+               "Alarms by the event itself, and what became of them.");
+    for (const shown_line_t &line : lines) {
+        for (size_t row = 0; row < ALARM_EVENTS; row++) {
+            if (alarms[row].alarm == ALARM_MESSAGE) {
+                continue;
+            }
+            for (size_t result = 0; result < result_names.size(); result++) {
+                out->sample(line.label + ",event=\"" + alarms[row].name + "\",result=\"" +
+                                result_names[result] + "\"",
+                            line.stats->alarms[row][result].get());
+            }
+        }
+    }
+}
+
+// Everything but the time at which it is written.
+std::string content_of(bool is_up) {
+    exposition_t out;
+    out.begin("up", "gauge", "1 while the daemon runs.");
+    out.sample("", is_up);
+    out.begin("build_info", "gauge", "The version.");
+    out.sample("version=\"" VESPER_VERSION "\"", 1);
+    out.begin("start_time_seconds", "gauge", "When the daemon started.");
+    out.sample_seconds("", status.started_ms);
+    out.begin("load_time_seconds", "gauge", "When the configuration was loaded.");
+    out.sample_seconds("", status.loaded_ms);
+    out.begin("reloads_total", "counter", "Loads of the configuration after the first.");
+    out.sample("", static_cast<uint64_t>(std::max(status.loads - 1, 0)));
+    const lines_t lines = shown_lines();
+    expose_states(&out, lines);
+    expose_counters(&out, lines);
+    expose_actions(&out, lines);
+    expose_alarms(&out, lines);
+    out.begin("line_last_message_time_seconds", "gauge",
+              "When the last message came, 0 before it.");
+    for (const shown_line_t &line : lines) {
+        out.sample_seconds(line.label, line.stats->last_message_ms);
+    }
+    return std::move(out.text());
+}
+
+// Returns 0 or errno.
+int write_file(const std::string &path, const std::string &content) {
+    const std::string temporary = path + ".new";
+    unique_fd_t file(open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!file) {
+        return errno;
+    }
+    errno = EIO;
+    if (write(file.get(), content.data(), content.size()) != std::ssize(content) ||
+        close(file.release()) != 0 || rename(temporary.c_str(), path.c_str()) != 0) {
+        const int error = errno;
+        unlink(temporary.c_str());
+        return error;
+    }
+    return 0;
+}
+
+void write_status(const std::string &content, int64_t now) {
+    exposition_t out;
+    out.begin("status_time_seconds", "gauge", "When this was written.");
+    out.sample_seconds("", now);
+    const int error = write_file(status.file, content + out.text());
+    if (error != 0 && !status.failed) {
+        LOG_AS(LEVEL_ERROR, "status_update", "Unable to write status file %s: %s\n",
+               status.file.c_str(), strerror(error));
+        status.failed = true;
+    }
+}
+
+}  // namespace
+
+void status_init(const char *file) noexcept {
+    status.file = file;
+    status.loaded_ms = milliseconds_now();
+    status.loads++;
+    status.failed = false;
+    status.content.clear();
+}
+
+bool status_is_kept() noexcept {
+    return !status.file.empty();
+}
+
+void status_update() noexcept {
+    if (!status_is_kept()) {
+        return;
+    }
+    const int64_t now = milliseconds_now();
+    std::string content = content_of(true);
+    if (content != status.content || now - status.written_ms >= REWRITE_MS ||
+        now < status.written_ms) {
+        write_status(content, now);
+        status.content = std::move(content);
+        status.written_ms = now;
+    }
+}
+
+void status_end() noexcept {
+    if (status_is_kept()) {
+        write_status(content_of(false), milliseconds_now());
+    }
+}
