@@ -13,29 +13,34 @@
 namespace {
 
 std::string describe(const pager_t &p) {
-    return joined(p.port, ntohs(p.sin.sin_port), p.protocol, p.no_check_bcc, p.espa_poll, p.send_service_actions,
-        p.read_timeout, p.socket, inet_ntoa(p.sin.sin_addr), p.name, p.host, p.spool_dir, p.callscript, p.rules,
-        p.default_rule);
+    return joined(p.port, ntohs(p.sin.sin_port), p.protocol, p.no_check_bcc, p.espa_poll,
+                  p.send_service_actions, p.read_timeout, p.socket, inet_ntoa(p.sin.sin_addr),
+                  p.name, p.host, p.spool_dir, p.callscript, p.rules, p.default_rule);
 }
 
 std::string describe(const rule_t &r) {
-    return joined(r.name, r.action, r.callscript, r.callerid, r.context, r.extension, r.channel, r.values[0].name,
-        r.values[1].name);
+    return joined(r.name, r.action, r.callscript, r.callerid, r.context, r.extension, r.channel,
+                  r.values[0].name, r.values[1].name);
 }
 
 struct Conf : Test {
     Conf() { memset(pagers, 0, sizeof pagers), memset(rules, 0, sizeof rules); }
     ~Conf() override { free_confvals(), logger_init("", 0, 0, 1); }
-    int load_file(const std::string &path) { return free_confvals(), logfile = nullptr, load_conf(path.c_str()); }
+    int load_file(const std::string &path) {
+        return free_confvals(), logfile = nullptr, load_conf(path.c_str());
+    }
     void load(const std::string &text) {
         dir.write("log", "");
-        EXPECT_EQ(load_file(dir.write("conf", "[logger]\nlog_file = " + dir.path("log") + "\n" + text)), 0);
+        EXPECT_EQ(
+            load_file(dir.write("conf", "[logger]\nlog_file = " + dir.path("log") + "\n" + text)),
+            0);
     }
     static std::string pager(const std::string &name, const std::string &keys = "") {
         return "[" + name + "]\nhost = 127.0.0.1\n" + keys + "\n";
     }
     static bool is_zero(const auto &record) {
-        return std::string(reinterpret_cast<const char *>(&record), sizeof record) == std::string(sizeof record, '\0');
+        return std::string(reinterpret_cast<const char *>(&record), sizeof record) ==
+               std::string(sizeof record, '\0');
     }
     temp_dir_t dir;
 };
@@ -43,21 +48,25 @@ struct Conf : Test {
 TEST_F(Conf, ReadsEveryKey) {
     load(
         "log_type = SysLog\nlog_level = 0x3\n"
-        "[Ward1]\nhost = 127.0.0.1\nport = 0x8ba\nprotocol = asc\nno_check_bcc = Yes\nespa_poll = true\n"
-        "send_service_actions = 1\nread_timeout = no\nspool_dir = ''\ncallscript = /bin/x\nrules = a,b\n"
+        "[Ward1]\nhost = 127.0.0.1\nport = 0x8ba\nprotocol = asc\nno_check_bcc = Yes\nespa_poll = "
+        "true\n"
+        "send_service_actions = 1\nread_timeout = no\nspool_dir = ''\ncallscript = /bin/x\nrules = "
+        "a,b\n"
         "default_rule = c\n"
-        "[Rule_Fire]\npattern = 'a;b'\naction = calling\nchannel = C\ncontext = X\nextension = E\ncallerid = I\n"
+        "[Rule_Fire]\npattern = 'a;b'\naction = calling\nchannel = C\ncontext = X\nextension = "
+        "E\ncallerid = I\n"
         "callscript = x\nvalue[Zone] = ([0-9])\nvalue[a[b]] = x\n"
         "[rule_script]\naction = scripts\nvalue[zone = x\nvalue[] = y\n"
         "[loggerx]\nhost = 127.0.0.1\n[rule_bad]\naction = Script\nextension = " +
         std::string(400, 'e') + "\n");
     EXPECT_EQ(joined(int{logtype}, loglevel, num_pagers), "1|3|1|");
-    EXPECT_EQ(describe(pagers[0]), "2234|2234|1|1|1|1|0|-1|127.0.0.1|ward1|127.0.0.1||/bin/x|a,b|c|");
+    EXPECT_EQ(describe(pagers[0]),
+              "2234|2234|1|1|1|1|0|-1|127.0.0.1|ward1|127.0.0.1||/bin/x|a,b|c|");
     EXPECT_EQ(describe(rules[0]), "rule_fire|1||I|X|E|C|zone|b|");
     EXPECT_EQ(match_regex(&rules[0].pattern, "a;b", nullptr, 0), 3);
     EXPECT_EQ(describe(rules[1]),
-        "rule_script|2|/usr/share/quillet/mkcall.sh %espa_if% %alarm% %number% %message%|"
-        "\"%number%\" <%number%>|alarm|s|Local/1234@users|zone||");
+              "rule_script|2|/usr/share/quillet/mkcall.sh %espa_if% %alarm% %number% %message%|"
+              "\"%number%\" <%number%>|alarm|s|Local/1234@users|zone||");
     EXPECT_EQ(match_regex(&rules[1].pattern, "any text", nullptr, 0), 8);
     EXPECT_TRUE(rules[2].action == SKIP && rules[2].extension == std::string(255, 'e'));
     EXPECT_TRUE(is_zero(rules[3]));
@@ -65,17 +74,23 @@ TEST_F(Conf, ReadsEveryKey) {
 
 TEST_F(Conf, DefaultsAndOddValues) {
     const std::pair<const char *, const char *> rows[] = {
-        {"", "2233|2233|0|0|0|0|30|-1|127.0.0.1|p|127.0.0.1|/tmp/||||"}, {"read_timeout = 10", "2233|2233|0|0|0|0|1|"},
-        {"port = 010", "8|8|"}, {"port = abc", "0|0|"}, {"port = 40000", "-25536|40000|"},
-        {"protocol = ASCII", "2233|2233|0|"}, {"protocol = ''", "2233|2233|1|"},
+        {"", "2233|2233|0|0|0|0|30|-1|127.0.0.1|p|127.0.0.1|/tmp/||||"},
+        {"read_timeout = 10", "2233|2233|0|0|0|0|1|"},
+        {"port = 010", "8|8|"},
+        {"port = abc", "0|0|"},
+        {"port = 40000", "-25536|40000|"},
+        {"protocol = ASCII", "2233|2233|0|"},
+        {"protocol = ''", "2233|2233|1|"},
         {"espa_poll = on", "2233|2233|0|0|0|"}};
     for (const auto &[keys, expected] : rows) {
         load(pager("p", keys));
         EXPECT_THAT(describe(pagers[0]), StartsWith(expected)) << keys;
     }
     load("[bad]\nhost = no such host\n" + pager(std::string(100, 'n')) + "[worse]\nport = 1\n");
-    EXPECT_EQ(joined(num_pagers, pagers[0].name, pagers[1].name), "1|" + std::string(63, 'n') + "||");
-    EXPECT_THAT(dir.read("log"), ContainsRegex("host no such host\n\n.*in load_conf: Error loading pager bad\n\n"));
+    EXPECT_EQ(joined(num_pagers, pagers[0].name, pagers[1].name),
+              "1|" + std::string(63, 'n') + "||");
+    EXPECT_THAT(dir.read("log"),
+                ContainsRegex("host no such host\n\n.*in load_conf: Error loading pager bad\n\n"));
     EXPECT_EQ(load_file(dir.path("missing")), -1);
     EXPECT_EQ(load_file(SOURCE_DIR "/conf/quillet.conf"), 0);  // as shipped: it serves nothing
     EXPECT_EQ(joined(num_pagers, logfile, rules[0].name), "0|/var/log/quillet.log||");
@@ -90,7 +105,8 @@ TEST_F(Conf, FullTablesEndTheLoading) {
         many_rules += rule;
     }
     load(many_pagers);
-    EXPECT_EQ(joined(num_pagers, pagers[15].name, rules[14].name, rules[15].name), "16|p15|rule_14||");
+    EXPECT_EQ(joined(num_pagers, pagers[15].name, rules[14].name, rules[15].name),
+              "16|p15|rule_14||");
     load(many_rules + pager("p"));
     EXPECT_EQ(joined(num_pagers, rules[255].name), "0|rule_255|");
     load(values);
@@ -103,10 +119,12 @@ TEST_F(Conf, WhatAReloadKeeps) {
     pagers[0].alarms[4] = pagers[1].alarms[4] = {2, 100};
     pagers[0].polls = pagers[1].polls = pagers[0].socket = pagers[1].socket = 3;
     load(pager("new_name") + pager("other") + "[rule_e]\n[rule_f]\n");
-    EXPECT_EQ(describe(pagers[0]), "2233|2233|0|0|0|0|30|-1|127.0.0.1|new_nameng_name|127.0.0.1|/tmp/||a||");
+    EXPECT_EQ(describe(pagers[0]),
+              "2233|2233|0|0|0|0|30|-1|127.0.0.1|new_nameng_name|127.0.0.1|/tmp/||a||");
     EXPECT_EQ(describe(pagers[1]), "2233|2233|0|0|0|0|30|-1|127.0.0.1|other|127.0.0.1|/tmp/||||");
-    EXPECT_EQ(
-        joined(pagers[0].alarms[4].index, pagers[0].polls, pagers[1].alarms[4].index, pagers[1].polls), "2|3|0|0|");
+    EXPECT_EQ(joined(pagers[0].alarms[4].index, pagers[0].polls, pagers[1].alarms[4].index,
+                     pagers[1].polls),
+              "2|3|0|0|");
     EXPECT_EQ(joined(rules[0].name, rules[1].name, rules[3].name), "rule_e|rule_f|rule_d|");
     EXPECT_TRUE(is_zero(rules[2]));
 }
@@ -115,19 +133,24 @@ TEST_F(Conf, WhatAReloadKeeps) {
 std::string configuration(char mark, int num_rules) {
     std::string text = "[logger]\nlog_level = 0\nlog_file = /dev/null\n", list;
     for (int i = 0; i < num_rules; i++) {
-        const std::string name = "rule_"s + mark + std::to_string(i), some(size_t(i % 3 + 1), mark), many(40, mark);
+        const std::string name = "rule_"s + mark + std::to_string(i), some(size_t(i % 3 + 1), mark),
+                          many(40, mark);
         list += name + ",";
         text += "[" + name + "]\naction = call\nextension = " + many + "$v\n";
         text += "pattern = " + some + "|M\nvalue[v] = (" + mark + "*)M\n";
     }
-    const std::string keys = "]\nhost = 127.0.0.1\nrules = " + list + "\ndefault_rule = rule_" + mark + "0\n";
-    for (const char *n : {"0", "1", "2"}) { text += "[pager_"s + mark + n + keys; }
+    const std::string keys =
+        "]\nhost = 127.0.0.1\nrules = " + list + "\ndefault_rule = rule_" + mark + "0\n";
+    for (const char *n : {"0", "1", "2"}) {
+        text += "[pager_"s + mark + n + keys;
+    }
     return text;
 }
 
 TEST(Reload, EveryMessageFindsARuleOfTheOldOrTheNewFile) {
     const temp_dir_t dir;
-    const std::string files[] = {dir.write("a", configuration('a', 40)), dir.write("b", configuration('b', 12))};
+    const std::string files[] = {dir.write("a", configuration('a', 40)),
+                                 dir.write("b", configuration('b', 12))};
     ASSERT_EQ(load_conf(files[0].c_str()), 0);
     std::atomic<bool> done = false;
     std::atomic<long> handled = 0, lost = 0;
@@ -137,13 +160,16 @@ TEST(Reload, EveryMessageFindsARuleOfTheOldOrTheNewFile) {
         while (!done) {
             const bool found = choose_rule(pager, "bbM", &rule);
             format_string(text, sizeof text, rule.extension, 16, "", "bbM", pager, rule.values);
-            lost += !found || text != (rule.name[5] == 'a' ? std::string(40, 'a') : std::string(42, 'b'));
+            lost += !found ||
+                    text != (rule.name[5] == 'a' ? std::string(40, 'a') : std::string(42, 'b'));
             handled++;
             select_rule(pager, "M");
         }
     };
     std::vector<std::thread> threads;
-    for (int i = 0; i < 3; i++) { threads.emplace_back(dispatch, &pagers[i]); }
+    for (int i = 0; i < 3; i++) {
+        threads.emplace_back(dispatch, &pagers[i]);
+    }
     long early = 0;
     rusage usage{};
     for (int i = 0; i < 1000; i++) {
@@ -157,7 +183,9 @@ TEST(Reload, EveryMessageFindsARuleOfTheOldOrTheNewFile) {
 #endif
     EXPECT_TRUE(eventually([&] { return handled > 1000; }));
     done = true;
-    for (std::thread &thread : threads) { thread.join(); }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
     EXPECT_EQ(lost, 0) << "of " << handled;
     free_confvals();
 }

@@ -26,14 +26,17 @@ using ints_t = std::vector<int>;  // results in the order of the calls that stan
 
 // The bytes of a readable text: "<STX>" stands for a control character, "<E9>" for any other byte.
 inline std::string wire(const std::string &text) {
-    static const std::map<std::string, char> names = {{"<NUL>", '\0'}, {"<SOH>", SOH}, {"<STX>", STX}, {"<ETX>", ETX},
-        {"<EOT>", EOT}, {"<ENQ>", ENQ}, {"<ACK>", ACK}, {"<NAK>", NAK}, {"<RS>", RS}, {"<US>", US}};
+    static const std::map<std::string, char> names = {
+        {"<NUL>", '\0'}, {"<SOH>", SOH}, {"<STX>", STX}, {"<ETX>", ETX}, {"<EOT>", EOT},
+        {"<ENQ>", ENQ},  {"<ACK>", ACK}, {"<NAK>", NAK}, {"<RS>", RS},   {"<US>", US}};
     std::string bytes;
     for (size_t at = 0, size = 0; at < text.size(); at += size) {
         size = text[at] == '<' ? text.find('>', at) - at + 1 : 1;
         const std::string name = text.substr(at, size);
         const bool hex = size == 4 && isxdigit(name[1]);
-        bytes += size == 1 ? name[0] : hex ? char(std::stoi(name.substr(1), nullptr, 16)) : names.at(name);
+        bytes += size == 1 ? name[0]
+                 : hex     ? char(std::stoi(name.substr(1), nullptr, 16))
+                           : names.at(name);
     }
     return bytes;
 }
@@ -56,11 +59,14 @@ struct temp_dir_t {
         EXPECT_NE(mkdtemp(path_.data()), nullptr);
         fs::permissions(path_, fs::perms(0755));
         const passwd *account = geteuid() == 0 ? getpwnam("ovo") : nullptr;
-        EXPECT_TRUE(account == nullptr || chown(path_.c_str(), account->pw_uid, account->pw_gid) == 0);
+        EXPECT_TRUE(account == nullptr ||
+                    chown(path_.c_str(), account->pw_uid, account->pw_gid) == 0);
     }
     ~temp_dir_t() {  // again while a script of a daemon that has ended still writes
         std::error_code error;
-        do { fs::remove_all(path_, error); } while (error);
+        do {
+            fs::remove_all(path_, error);
+        } while (error);
     }
     std::string path(const std::string &name = "") const { return path_ + "/" + name; }
     std::string read(const std::string &name) const { return read_file(path(name)); }
@@ -71,9 +77,12 @@ struct temp_dir_t {
     void make(const std::string &name, unsigned mode) const {
         fs::create_directory(path(name)), fs::permissions(path(name), fs::perms(mode));
     }
-    std::vector<std::string> list(const std::string &prefix = "", const std::string &directory = "") const {
+    std::vector<std::string> list(const std::string &prefix = "",
+                                  const std::string &directory = "") const {
         std::set<std::string> names;
-        for (const auto &entry : fs::directory_iterator(path(directory))) { names.insert(entry.path().filename()); }
+        for (const auto &entry : fs::directory_iterator(path(directory))) {
+            names.insert(entry.path().filename());
+        }
         std::erase_if(names, [&](const std::string &name) { return !name.starts_with(prefix); });
         return {names.begin(), names.end()};
     }
@@ -87,7 +96,8 @@ struct captured_log_t {
     std::string text() const { return dir_.read("log"); }
     // The messages alone, one per line, without time, level and place.
     std::string messages() const {
-        static const std::regex prefix("(^|\n)[0-9/]+ [0-9:]+:  [A-Z]+\\[[0-9]+\\]: (\\w+:[0-9]+ in \\w+: )?");
+        static const std::regex prefix(
+            "(^|\n)[0-9/]+ [0-9:]+:  [A-Z]+\\[[0-9]+\\]: (\\w+:[0-9]+ in \\w+: )?");
         return std::regex_replace(text(), prefix, "$1");
     }
 
@@ -105,19 +115,23 @@ struct pair_t {
 
 inline void send_wire(const unique_fd_t &fd, const std::string &text) {
     const std::string bytes = wire(text);
-    EXPECT_EQ(send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    EXPECT_EQ(send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
 }
 
 inline std::string read_available(const unique_fd_t &fd) {
     std::string bytes(4096, '?');
-    bytes.resize(size_t(std::max<ssize_t>(recv(fd.get(), bytes.data(), bytes.size(), MSG_DONTWAIT), 0)));
+    bytes.resize(
+        size_t(std::max<ssize_t>(recv(fd.get(), bytes.data(), bytes.size(), MSG_DONTWAIT), 0)));
     return bytes;
 }
 
 // Waits until `condition` holds; false after far more time than it should take.
 inline bool eventually(const std::function<bool()> &condition) {
     int tries = 0;
-    while (!condition() && tries++ < 1800) { std::this_thread::sleep_for(std::chrono::milliseconds(50)); }
+    while (!condition() && tries++ < 1800) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
     return tries <= 1800;
 }
 
@@ -140,13 +154,18 @@ struct child_t {
 // A program of the build, or of the system, started with its output in a file.
 struct program_t {
     explicit program_t(std::vector<std::string> arguments) : child_(fork()) {
-        if (child_.pid() != 0) { return; }
+        if (child_.pid() != 0) {
+            return;
+        }
         std::vector<char *> argv;
-        for (std::string &argument : arguments) { argv.push_back(argument.data()); }
+        for (std::string &argument : arguments) {
+            argv.push_back(argument.data());
+        }
         argv.push_back(nullptr);
         const int file = open(dir_.path("output").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         dup2(file, STDOUT_FILENO), dup2(file, STDERR_FILENO);
-        execv(((arguments[0][0] == '/' ? "" : PROGRAM_DIR "/") + arguments[0]).c_str(), argv.data());
+        execv(((arguments[0][0] == '/' ? "" : PROGRAM_DIR "/") + arguments[0]).c_str(),
+              argv.data());
         _exit(127);
     }
     std::string output() const { return dir_.read("output"); }
@@ -172,6 +191,8 @@ inline unique_fd_t listen_anywhere(std::string *port) {
 
 struct Installed : Test {
     void SetUp() override {
-        if (geteuid() != 0 || getpwnam("ovo") == nullptr) { GTEST_SKIP() << "needs root and the daemon's account"; }
+        if (geteuid() != 0 || getpwnam("ovo") == nullptr) {
+            GTEST_SKIP() << "needs root and the daemon's account";
+        }
     }
 };
