@@ -1,121 +1,44 @@
-// The built programs: the daemon against a line, in the foreground and in the background, and the line tool.
+// The built programs: the daemon against a line, in the foreground and in the background, and the
+// line tool.
+
+#include "running_daemon.h"
 
 #include <stdlib.h>
-#include <sys/prctl.h>
-
-#include "support.h"
 
 namespace {
 
-// The daemon with a converter to connect to and with a spool directory, a configuration and a name of its own.
-struct daemon_t {
-    // keys: further keys of the only pager and what follows them; "@" stands for the spool directory and "/".
-    explicit daemon_t(const std::string &keys) {
-        listener = listen_anywhere(&port);
-        configure(keys);
-        fs::create_symlink(PROGRAM_DIR "/vesperd", dir.path("vesper-" + port));
-    }
-    ~daemon_t() {
-        while (has_pidfile()) {
-            fs::remove(pidfile());
-        }
-    }
-    void configure(const std::string &keys) const {
-        const std::string text =
-            "[logger]\nlog_file = @log\n[line]\nhost = 127.0.0.1\nspool_dir = @\nport = " + port +
-            "\n";
-        dir.write("conf", std::regex_replace(text + keys, std::regex("@"), dir.path()));
-    }
-    void run_in_foreground() {
-        foreground_ = std::make_unique<program_t>(
-            std::vector{"vesperd"s, "-f"s, "-d"s, "-c"s, dir.path("conf")});
-    }
-    // Starts an instance, `command` in front; the log tells its process, which becomes a child of this one.
-    child_t start(std::vector<std::string> command = {}) const {
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
-        const size_t seen = log().size();
-        command.insert(command.end(), {dir.path("vesper-" + port), "-c", dir.path("conf")});
-        run(0, command);
-        size_t at = 0;
-        EXPECT_TRUE(eventually(
-            [&] { return (at = log().find("Starting thread", seen)) != std::string::npos; }));
-        const pid_t pid = std::stoi(log().substr(log().rfind('[', at) + 1));
-        siginfo_t unused;  // it is a child from the moment when the processes in between have ended
-        const auto is_child = [&] {
-            return waitid(P_PID, id_t(pid), &unused, WEXITED | WNOHANG | WNOWAIT) == 0;
-        };
-        EXPECT_TRUE(eventually(is_child));
-        EXPECT_EQ(getsid(pid), pid);
-        return child_t(pid);
-    }
-    unique_fd_t accept(int wait_seconds = 60) const {
-        std::string error;
-        unique_fd_t line = accept_within(listener.get(), wait_seconds, &error);
-        EXPECT_TRUE(line || wait_seconds == 0) << error;
-        return line;
-    }
-    std::string log() const { return foreground_ ? foreground_->output() : dir.read("log"); }
-    int count(const std::string &text) const {
-        int found = 0;
-        for (std::string seen = log(); seen.find(text) != std::string::npos; found++) {
-            seen.erase(0, seen.find(text) + 1);
-        }
-        return found;
-    }
-    bool logs(const std::string &text) const {
-        return eventually([&] { return count(text) > 0; });
-    }
-    // The values of the call files named call_`extension`_..., from the moment when there is one and it is complete.
-    std::string call(const std::string &extension) const {
-        std::string content;
-        EXPECT_TRUE(eventually([&] {
-            content = "";
-            for (const std::string &name : dir.list("call_" + extension + "_")) {
-                content += dir.read(name);
-            }
-            return content.ends_with("MaxRetries: 0\r\n");
-        })) << extension;
-        return std::regex_replace(content, std::regex("[A-Za-z]+: ([^\r]*)\r\n"), "$1|");
-    }
-    std::string pidfile() const {
-        return (fs::exists("/var/run/vesper-" + port + ".pid") ? "/var/run/vesper-"
-                                                               : "/tmp/vesper-") +
-               port + ".pid";
-    }
-    bool has_pidfile() const { return fs::exists(pidfile()); }
-
-    temp_dir_t dir;
-    std::string port;
-    unique_fd_t listener;
-
-    std::unique_ptr<program_t> foreground_;
-};
-
-call_t to(const std::string &address, const std::string &message) {
-    return {address, message, "", "", "", ""};
-}
-
 // What happens on the line is noted in the file "alarms"; rule_x is up to the test.
-const std::string NOTING_ALARMS =
-    "send_service_actions = yes\nrules = rule_x\ndefault_rule = rule_default\n"
-    "[rule_default]\naction = script\ncallscript = 'echo alarm %alarm% >> @alarms'\n";
+const std::string KEYS = "send_service_actions = yes\nrules = rule_x\ndefault_rule = rule_alarm\n";
+const std::string ALARM_RULE =
+    "[rule_alarm]\naction = script\ncallscript = 'echo %alarm% >> @alarms'\n";
+const texts_t AS_ACCOUNT = {"/usr/bin/setpriv", "--reuid=ovo", "--regid=ovo", "--clear-groups"};
 
-const std::vector<std::string> AS_ACCOUNT = {"/usr/bin/setpriv", "--reuid=ovo", "--regid=ovo",
-                                             "--clear-groups"};
+// The system ignores SIGINT while a script runs. The echo comes after those of the first alarms.
+void wait_for_scripts(const unique_fd_t &line) {
+    EXPECT_TRUE(control_station_t(line.get(), 30, nullptr).end_transmission());
+}
 
 struct Daemon : Installed {};
 
 TEST_F(Daemon, CommandLinesOfBothPrograms) {
     const unique_fd_t deaf(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     ASSERT_EQ(grantpt(deaf.get()) | unlockpt(deaf.get()), 0);
+    const temp_dir_t dir;
+    const std::string conf =
+        dir.write("conf",
+                  "[logger]\nlog_level = 1\n[p]\nhost = 127.0.0.1\n"
+                  "rules = rule_script,rule_skip\n[rule_skip]\npattern = SKIP\n"
+                  "[rule_script]\npattern = SCRIPT\naction = script\n"
+                  "callscript = %number% %alarm% %message%\n");
+    const std::string tested = "' at pager 'p'\nRules: rule_script,rule_skip\ndefault rule: \n";
+    const std::string without_account = "mount --bind /dev/null /etc/passwd; exec \"$0\" -m x";
     const struct {
         int status;
-        std::vector<std::string> arguments;
-        const char *output;
+        texts_t arguments;
+        std::string output;  // ends in this
     } rows[] = {
-        {0,
-         {"vesperd", "-d"},
-         "\nvesperd: ESPA 4.4.4 to PBX application daemon.\n\nUsage:\nvesperd [options]\n\n"},
+        {0, {"vesperd", "-d"}, "\t-h, --help\t\t\tshow this text\n\n\n"},
+        {0, {"vesperd", "-c"}, "\t-h, --help\t\t\tshow this text\n\n\n"},
         {0,
          {"vesperd", "-f", "-c", "/missing"},
          "\nUnable to open configuration file /missing. Exiting...\n\n"},
@@ -126,8 +49,26 @@ TEST_F(Daemon, CommandLinesOfBothPrograms) {
          "rule_fire\n"
          "\tAction:\tCALL\n\t\tCallerID: \"Fire zone 3\" <8003>\n"
          "\t\tChannel: Local/fire@pagers\n\t\tContext: fire-team\n\t\tExtension: 8003\n"},
-        {2, {"espasend", "--message", "x"}, "either --listen or --device"},
-        {2, {"espasend", "--listen", "70000"}, "--listen takes a number from 0 to 65535"},
+        {0,
+         {"vesperd", "--test-message=SCRIPT", "--config", conf},
+         "SCRIPT" + tested +
+             "Selected rule rule_script\n\tAction:\tSCRIPT\n"
+             "\tFollowing command to launch: \n\t\t1000 message SCRIPT\n"},
+        {0,
+         {"vesperd", "-m", "SKIP", "-c", conf},
+         tested + "Selected rule rule_skip\n\tAction:\tSKIP\n"},
+        {0, {"vesperd", "-m", "x", "-c", conf}, tested + "No matching rules found. Just skip\n"},
+        {0,
+         {"/usr/bin/unshare", "-m", "sh", "-c", without_account, PROGRAM_DIR "/vesperd"},
+         "No user ovo\n"},
+        {0,
+         {"/usr/bin/setpriv", "--reuid=nobody", "--clear-groups", PROGRAM_DIR "/vesperd", "-fdc",
+          conf},
+         "Unable to set uid to user ovo\n\n"},
+        {2,
+         {"espasend", "--message", "x"},
+         "espasend: give either --listen or --device (try --help)\n"},
+        {2, {"espasend", "--listen", "70000"}, "not '70000' (try --help)\n"},
         {1,
          {"espasend", "--listen", "0", "--wait", "1", "--message", "x"},
          "nobody connected within 1 seconds\n"},
@@ -136,120 +77,171 @@ TEST_F(Daemon, CommandLinesOfBothPrograms) {
          "no answer within 1 seconds\n"},
     };
     for (const auto &row : rows) {
-        EXPECT_THAT(run(row.status, row.arguments), HasSubstr(row.output));
+        EXPECT_THAT(run(row.status, row.arguments), EndsWith(row.output));
     }
 }
 
-TEST_F(Daemon, FromRequestToAction) {
+TEST_F(Daemon, FromRequestToActionAndEveryLineOfItsLog) {
     daemon_t daemon(
-        "rules = rule_fire,rule_script\ndefault_rule = rule_rest\n"
+        "espa_poll = yes\nsend_service_actions = 1\nrules = rule_fire,rule_script\n"
+        "default_rule = rule_rest\n",
         "[rule_fire]\npattern = ^FIRE\naction = call\nextension = 1$zone\nchannel = C/%number%\n"
         "context = x\ncallerid = '%message%'\nvalue[zone] = ZONE ([0-9]+)\n"
-        "[rule_script]\npattern = SCRIPT.*\naction = script\n"
-        "callscript = \"ls -l /proc/self/fd > @fds; echo %number% > @number\"\n"
-        "[rule_rest]\naction = call\nextension = rest\nchannel = R\ncontext = %alarm%\ncallerid = "
-        "%message%\n");
-    daemon.run_in_foreground();
-    const unique_fd_t line = daemon.accept();
+        "[rule_script]\npattern = SCRIPT\naction = script\n"
+        "callscript = 'ls -l /proc/self/fd > @fds; exit 3'\n"
+        "[rule_rest]\naction = script\ncallscript = 'echo %alarm% %message% >> @rest'\n");
+    const std::string before = std::to_string(time(nullptr));
+    daemon.run_in_foreground({"-d"});
+    unique_fd_t line = daemon.accept();
     control_station_t station(line.get(), 30, nullptr);
     ASSERT_TRUE(station.send_call({"4711", "FIRE ZONE 3", "1", "3", "1", "2"})) << station.error();
-    EXPECT_EQ(daemon.call("13"), "C/4711|x|13|FIRE ZONE 3|1|0|");
-    ASSERT_TRUE(station.send_call(to("4712", "other"))) << station.error();
-    EXPECT_EQ(daemon.call("rest"), "R|message|rest|other|1|0|");
-    ASSERT_TRUE(station.send_call(to("99", "SCRIPT please"))) << station.error();
-    EXPECT_TRUE(eventually([&] { return daemon.dir.read("number") == "99\n"; }));
+    EXPECT_EQ(daemon.call("13"),
+              "Channel: C/4711\r\nContext: x\r\nExtension: 13\r\nCallerID: FIRE ZONE 3\r\n"
+              "Priority: 1\r\nMaxRetries: 0\r\n");
+    EXPECT_GE(daemon.dir.list("call_")[0], "call_13_" + before);
+    EXPECT_TRUE(station.send_packet(wire("<SOH>2<STX>2<US>FIRE<ETX><06>")));  // no call
+    EXPECT_TRUE(station.send_packet(wire("<SOH>1<STX>2<US>FIRE<ETX><07>")));  // wrong check
+    send_bytes(line, "X");                                                    // not ESPA
+    line = daemon.accept();
+    send_bytes(line, wire("SCRIPT<E9>\r\nfour\n<SOH>1234\n12345\n"));
+    daemon.expect_logged("message=12345");
     EXPECT_THAT(daemon.dir.read("fds"), Not(HasSubstr("socket:")));  // scripts do not hold the line
-}
-
-TEST_F(Daemon, OrderlyShutdown) {
-    daemon_t daemon(NOTING_ALARMS);
-    child_t process = daemon.start(AS_ACCOUNT);
-    const unique_fd_t line = daemon.accept();
-    EXPECT_EQ(read_file(daemon.pidfile()), std::to_string(process.pid()) + "\n");
-    const time_t before = time(nullptr);
-    // The system ignores SIGINT while a script runs; the echo comes after the connected alarm's.
-    EXPECT_TRUE(control_station_t(line.get(), 30, nullptr).end_transmission());
-    kill(process.pid(), SIGINT);
-    EXPECT_TRUE(daemon.logs("in sig_term: Caught signal 2. Exiting."));
-    send_wire(line, "<EOT>");            // ends the turn
-    EXPECT_EQ(process.end(SIGTERM), 0);  // changes nothing any more
-    EXPECT_GE(time(nullptr) - before, 10);
-    EXPECT_THAT(daemon.dir.read("alarms"), EndsWith("alarm terminated\n"));
-    EXPECT_TRUE(daemon.count("Exiting.") == 1 && !daemon.has_pidfile());
+    EXPECT_EQ(daemon.dir.read("rest"), "started\nmessage\n\nconnected\nmessage 12345\n");
+    std::string log = messages(daemon.log());
+    const std::pair<std::string, std::string> edits[] = {
+        {daemon.dir.path(), "@"},
+        {daemon.ports[0], "PORT"},
+        {"DEBUG: (has_data|[0-9 ]*Read).*\n", ""},
+        {"\\s*\n", "\n"},
+        {"DEBUG: 0x(..)\n", "$1 "},
+    };
+    for (const auto &[pattern, text] : edits) {
+        log = std::regex_replace(log, std::regex(pattern), text);
+    }
+    EXPECT_EQ(log, wire(R"(VERBOSE: Starting thread for pager line
+VERBOSE: Call service action started
+DEBUG: Calling cmd line: echo started  >> @rest
+VERBOSE: Trying to connect 127.0.0.1:PORT
+VERBOSE: Call service action message
+DEBUG: Calling cmd line: echo message  >> @rest
+DEBUG: EOT received
+DEBUG: Got ENQ request address 1
+DEBUG: Got Select ENQ. write ACK
+DEBUG: EOT received
+DEBUG: Got ENQ request address 1
+DEBUG: Got Select ENQ. write ACK
+DEBUG: Got ETX. send ACK
+01 02 1f 37 31 32 46 52 20 4f 45 33 33 31 34 33 35 31 36 32 1e EVENT: ESPA packet BCC is OK
+VERBOSE: Got ESPA packet of type 31
+VERBOSE: <09>Send message 'FIRE ZONE 3' to '4711'
+DEBUG: For message 'FIRE ZONE 3' selected rule 'rule_fire' with match index 4
+DEBUG: EOT received
+DEBUG: Got ETX. send ACK
+01 02 1f 49 45 06 EVENT: ESPA packet BCC is OK
+VERBOSE: Got ESPA packet of type 32
+DEBUG: Got ETX. send ACK
+01 02 1f 49 45 07 VERBOSE: Call service action
+DEBUG: Calling cmd line: echo   >> @rest
+ERROR: ESPA packet BCC is WRONG. won't process
+ERROR: Read started but not a SOH
+ERROR: Perhaps protocol selection is wrong
+ERROR: Trying to swap to ASCII. PLEASE check configuration
+VERBOSE: Call service action connected
+DEBUG: Calling cmd line: echo connected  >> @rest
+VERBOSE: Trying to connect 127.0.0.1:PORT
+DEBUG: ASCII Read packet: SCRIPT<E9>
+ERROR: Read non-ASCII character 0xffffffe9 in ASCII packet. Possible wrong serial settings
+DEBUG: For message 'SCRIPT<E9>' selected rule 'rule_script' with match index 6
+DEBUG: Calling cmd line: ls -l /proc/self/fd > @fds; exit 3
+VERBOSE: message=SCRIPT<E9>
+DEBUG: ASCII Read packet: four
+WARNING: ASCII message is too small
+DEBUG: ASCII Read packet: <SOH>1234
+ERROR: Got ESPA SOH when ASCII protocol selected. trying to swap protocols.
+PLEASE double check configuration
+DEBUG: ASCII Read packet: 12345
+DEBUG: Calling cmd line: echo message 12345 >> @rest
+VERBOSE: message=12345
+)"));
 }
 
 TEST_F(Daemon, RunsAsTheAccountWithStandardDescriptorsAndLeavesRootsPidfile) {
-    const daemon_t daemon(NOTING_ALARMS);
+    const daemon_t daemon(KEYS, ALARM_RULE);
     child_t process = daemon.start({"/bin/sh", "-c", "exec \"$0\" \"$@\" <&- >&- 2>&-"});
     const unique_fd_t line = daemon.accept();
-    const std::string proc = "/proc/" + std::to_string(process.pid()),
-                      uid = "\t" + std::to_string(getpwnam("ovo")->pw_uid);
+    wait_for_scripts(line);
+    const std::string proc = "/proc/" + std::to_string(process.pid);
     for (const char *fd : {"/fd/0", "/fd/1", "/fd/2"}) {
         EXPECT_EQ(fs::read_symlink(proc + fd), "/dev/null");
     }
-    EXPECT_THAT(read_file(proc + "/status"), HasSubstr("Uid:" + uid + uid + uid + uid + "\n"));
+    const std::string uid = "\t" + std::to_string(getpwnam("ovo")->pw_uid);
+    const std::string status = read_file(proc + "/status");
+    EXPECT_THAT(status, HasSubstr("Uid:" + uid + uid + uid + uid + "\n"));
+    // SIGUSR1, SIGUSR2 and SIGCHLD; SIGHUP, SIGINT, SIGQUIT, SIGABRT and SIGTERM.
+    EXPECT_THAT(status, ContainsRegex("SigIgn:\t0+10a00\nSigCgt:\t0+.?00004027\n"));
     EXPECT_EQ(process.end(SIGABRT), 0);  // at once, in whichever thread takes it
     EXPECT_EQ(daemon.count("Caught signal 6. Exiting."), 1);
-    EXPECT_TRUE(daemon.has_pidfile());
+    EXPECT_TRUE(fs::exists("/var/run/" + daemon.name + ".pid"));
 }
 
 TEST_F(Daemon, TwoInstancesUnderOneNameAndAReloadAfterTheFileIsGone) {
-    daemon_t daemon(NOTING_ALARMS);
-    child_t first = daemon.start(AS_ACCOUNT), second = daemon.start(AS_ACCOUNT);
+    const daemon_t daemon(KEYS, ALARM_RULE);
+    child_t first = daemon.start(AS_ACCOUNT);
+    child_t second = daemon.start(AS_ACCOUNT);
+    const std::string pidfile = "/tmp/" + daemon.name + ".pid";
     EXPECT_EQ(second.end(SIGTERM), 0);
-    EXPECT_TRUE(daemon.has_pidfile());
+    EXPECT_TRUE(fs::exists(pidfile));
     fs::remove(daemon.dir.path("conf"));
     EXPECT_EQ(first.end(SIGHUP), 0);
-    EXPECT_TRUE(daemon.logs("in sig_hup: Unable to open configuration file " +
-                            daemon.dir.path("conf") + ". Exi"));
-    EXPECT_TRUE(daemon.count("Caught signal") == 1 && daemon.has_pidfile());
+    EXPECT_EQ(daemon.count("in sig_hup: Unable to open configuration file " +
+                           daemon.dir.path("conf") + ". Exiting..."),
+              1);
+    EXPECT_EQ(daemon.count("Caught signal"), 1);
+    EXPECT_TRUE(fs::exists(pidfile));
 }
 
 // Every reload takes the connected line to a new connection; what was sent before and after arrives.
-TEST_F(Daemon, ReloadsUnderTraffic) {
-    const auto keys = [](const std::string &n) {
-        return NOTING_ALARMS + "[rule_x]\naction = call\nextension = " + n + "\npattern = M" + n +
-               "\n";
+TEST_F(Daemon, ReloadsUnderTrafficAndOrderlyShutdown) {
+    const auto rules = [](const std::string &number) {
+        return ALARM_RULE + "[rule_x]\naction = call\nextension = " + number + "\npattern = M" +
+               number + "\n";
     };
-    const daemon_t daemon(keys("0"));
-    const child_t process = daemon.start();
+    const daemon_t daemon(KEYS, rules("0"));
+    const std::string pidfile = "/tmp/" + daemon.name + ".pid";
+    std::ofstream(pidfile) << "999999999999\n";
+    EXPECT_EQ(chown(pidfile.c_str(), getpwnam("ovo")->pw_uid, 0), 0);
+    child_t process = daemon.start(AS_ACCOUNT);
+    EXPECT_THAT(read_file(pidfile), StartsWith(std::to_string(process.pid) + "\n9"));
     unique_fd_t line = daemon.accept();
-    for (int n = 0; n <= 10; n++) {
+    for (int n = 0; n < 5; n++) {
         control_station_t station(line.get(), 30, nullptr);
         EXPECT_TRUE(station.send_call(to("1", "M" + std::to_string(n)))) << station.error();
-        EXPECT_EQ(daemon.call(std::to_string(n)),
-                  "Local/1234@users|alarm|" + std::to_string(n) + "|\"1\" <1>|1|0|");
-        if (n == 10) {
-            break;
-        }
-        daemon.configure(keys(std::to_string(n + 1)));
+        daemon.call(std::to_string(n));
+        daemon.configure({{"line", KEYS}}, rules(std::to_string(n + 1)));
         for (int i = 0; i < 3; i++) {
-            kill(process.pid(), SIGHUP);
+            kill(process.pid, SIGHUP);
         }
         unique_fd_t next;
         EXPECT_TRUE(eventually([&] {
             send(line.get(), "\x04", 1, MSG_NOSIGNAL);  // ends the reader's turn
-            return bool(next = daemon.accept(0));
+            next = daemon.accept(0, 0);
+            return bool(next);
         }));
         line = std::move(next);  // and closes the abandoned one
     }
-    EXPECT_EQ(daemon.count("Hangup."), 10);
+    EXPECT_EQ(daemon.count("Hangup."), 5);
     EXPECT_EQ(daemon.count("swap to ASCII") + daemon.count("empty rules"), 0);
-}
 
-TEST_F(Daemon, SignalsDuringAScript) {
-    const std::string script = "callscript = 'touch @begun; sleep 3; touch @ended'\n";
-    const daemon_t daemon(NOTING_ALARMS + "[rule_x]\npattern = slow\naction = script\n" + script);
-    child_t process = daemon.start();
-    const unique_fd_t line = daemon.accept();
-    send_wire(line, compose_packet(to("1", "slow")));
-    EXPECT_TRUE(eventually([&] { return daemon.dir.list("begun").size() == 1; }));
-    kill(process.pid(), SIGUSR1);
-    kill(process.pid(), SIGHUP);
-    EXPECT_EQ(process.end(SIGTERM), 0);  // the reload comes first, then the shutdown
-    EXPECT_EQ(daemon.dir.list("ended").size(), 1u);
-    EXPECT_LT(daemon.log().find("Hangup."), daemon.log().find("Caught signal 15. Exiting."));
-    EXPECT_THAT(daemon.dir.read("alarms"), HasSubstr("alarm terminated\n"));
+    wait_for_scripts(line);
+    const time_t before = time(nullptr);
+    kill(process.pid, SIGINT);
+    daemon.expect_logged("in sig_term: Caught signal 2. Exiting.");
+    send_bytes(line, wire("<EOT>"));     // ends the turn
+    EXPECT_EQ(process.end(SIGTERM), 0);  // changes nothing any more
+    EXPECT_GE(time(nullptr) - before, 10);
+    EXPECT_THAT(daemon.dir.read("alarms"), EndsWith("terminated\n"));
+    EXPECT_EQ(daemon.count("Exiting."), 1);
+    EXPECT_FALSE(fs::exists(pidfile));
 }
 
 }  // namespace

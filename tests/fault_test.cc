@@ -1,227 +1,172 @@
-// Misbehaving lines and broken surroundings, many at once against one daemon: whatever happens on one line, it, or
-// where it stays broken every other one, delivers the next message.
+// Misbehaving lines and broken surroundings, many at once against one daemon: whatever happens on
+// one line, it, or where it stays broken every other one, delivers the next message.
 
-#include <sys/mount.h>
-
-#include "support.h"
+#include "running_daemon.h"
 
 namespace {
 
-struct faults_t;
+const std::string LISTED = "rules = rule_good,rule_endless\n";
+const std::string ASCII_LINE = LISTED + "protocol = ascii\n";
+const std::string RULES =
+    "[rule_good]\npattern = GOOD\naction = call\nextension = $line\nvalue[line] = GOOD ([0-9]+)\n"
+    "[rule_endless]\npattern = ENDLESS\naction = script\n"
+    "callscript = 'echo $$ > @pid; exec sleep 1000'\n";
+
+// What becomes of the first connection. It ends, or else the good message comes on the same one.
+enum first_t { STAYS, IS_SLOW, IS_CLOSED, IS_RESET, IS_GIVEN_UP, IS_URGENT };
+enum good_t { NONE, ESPA, ASCII };
 
 struct fault_t {
     const char *name;
-    std::string keys;  // of its pager, besides host and port
-    std::function<void(faults_t &, int)>
-        act;  // plays the line of this number, the good message included
+    std::string keys, sent;
+    first_t first;
+    good_t good;
     std::string logged = "";
 };
 
-struct faults_t {
-    explicit faults_t(const std::vector<fault_t> &table) : faults(table) {
-        std::string text =
-            "[logger]\nlog_file = @missing/log\n[rule_good]\npattern = GOOD\naction = "
-            "call\nextension = $line\n"
-            "value[line] = GOOD ([0-9]+)\n[rule_endless]\naction = script\npattern = ENDLESS\n"
-            "callscript = 'echo $$ > @pid; exec sleep 1000'\n";
-        for (const fault_t &fault : faults) {
-            listeners.push_back(listen_anywhere(&ports.emplace_back()));
-            text += "[" + std::string(fault.name) + "]\nhost = 127.0.0.1\nport = " + ports.back() +
-                    "\nrules = rule_good,rule_endless\nspool_dir = @\n" + fault.keys + "\n";
+void disturb(const unique_fd_t &sock, const fault_t &fault) {
+    const int small = 1024;  // replies that nobody reads soon fill it
+    setsockopt(sock.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    const int flags = fault.first == IS_URGENT ? MSG_OOB : 0;
+    // The daemon may give up before the last byte.
+    send(sock.get(), fault.sent.data(), fault.sent.size(), flags | MSG_NOSIGNAL);
+    if (fault.first == IS_RESET) {
+        const linger at_once{1, 0};
+        setsockopt(sock.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+    }
+    if (fault.first >= IS_GIVEN_UP) {
+        char byte = 0;
+        while (recv(sock.get(), &byte, 1, 0) > 0) {
         }
-        const std::string conf =
-            dir.write("conf", std::regex_replace(text, std::regex("@"), dir.path()));
-        daemon = std::make_unique<program_t>(std::vector{"vesperd"s, "-f"s, "-c"s, conf});
-    }
-    void run() {
-        std::vector<std::thread> lines;
-        for (size_t i = 0; i < faults.size(); i++) {
-            lines.emplace_back(faults[i].act, std::ref(*this), int(i));
-        }
-        for (std::thread &line : lines) {
-            line.join();
-        }
-        for (const fault_t &fault : faults) {
-            expect_logged(fault.logged);
-        }
-    }
-    void expect_logged(const std::string &text) const {
-        EXPECT_TRUE(eventually([&] { return daemon->output().find(text) != std::string::npos; }))
-            << text;
-    }
-    unique_fd_t accept(int line) const {
-        std::string error;
-        unique_fd_t sock = accept_within(listeners[size_t(line)].get(), 90, &error);
-        EXPECT_TRUE(sock) << faults[size_t(line)].name << ": " << error;
-        return sock;
-    }
-    void expect_call(int line, const std::string &directory = "") const {
-        const std::string prefix = "call_" + std::to_string(line) + "_";
-        EXPECT_TRUE(eventually([&] { return !dir.list(prefix, directory).empty(); }))
-            << faults[size_t(line)].name;
-    }
-    static std::string packet(int n) {
-        return compose_packet({"1", "GOOD " + std::to_string(n), "", "", "", ""});
-    }
-    void deliver(const unique_fd_t &sock, int line, bool ascii) const {
-        send_wire(sock, ascii ? "GOOD " + std::to_string(line) + "\n" : packet(line));
-        EXPECT_TRUE(ascii || control_station_t(sock.get(), 60, nullptr).expect(wire("<ACK>")))
-            << line;
-        expect_call(line);
-    }
-
-    std::vector<fault_t> faults;
-    std::vector<std::string> ports;
-    std::vector<unique_fd_t> listeners;
-    temp_dir_t dir;
-    std::unique_ptr<program_t> daemon;
-};
-
-void reset_connection(unique_fd_t sock) {
-    const linger at_once{1, 0};
-    setsockopt(sock.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-}
-
-void drain(unique_fd_t sock) {
-    for (char byte; recv(sock.get(), &byte, 1, 0) > 0;) {
     }
 }
 
-std::string random_bytes() {  // none of them begins a name for wire()
-    std::mt19937 random(1);
-    std::string bytes(65536, 0);
-    for (char &byte : bytes) {
-        byte = static_cast<char>(random());
+void deliver(const unique_fd_t &sock, const fault_t &fault, const daemon_t &daemon, size_t line) {
+    const std::string text = "GOOD " + std::to_string(line);
+    std::string bytes = fault.good == ESPA ? compose_packet(to("1", text)) : text + "\n";
+    for (int i = 0; i < 2 && fault.first == IS_SLOW; i++) {
+        std::this_thread::sleep_for(std::chrono::seconds(8));
+        send_bytes(sock, bytes.substr(0, 1));
+        bytes.erase(0, 1);
     }
-    std::replace(bytes.begin(), bytes.end(), '<', '>');
-    return bytes;
+    send_bytes(sock, bytes);
+    daemon.call(std::to_string(line));
 }
 
-// Sends text on a first connection and ends it with `end`; the line comes back, as ASCII unless silence was the reason.
-auto fall_back(const std::string &text, void (*end)(unique_fd_t), bool ascii = true) {
-    return [=](faults_t &site, int line) {
-        unique_fd_t sock = site.accept(line);
-        const std::string bytes = wire(text);
-        send(sock.get(), bytes.data(), bytes.size(),
-             MSG_NOSIGNAL);  // the daemon may give up before the last
-        end(std::move(sock));
-        site.deliver(site.accept(line), line, ascii);
-    };
-}
-
-// Sends text that is no reason to give the connection up; the good message follows.
-auto carry_on(const std::string &text, bool ascii) {
-    return [=](faults_t &site, int line) {
-        const unique_fd_t sock = site.accept(line);
-        send_wire(sock, text);
-        site.deliver(sock, line, ascii);
-    };
+void play(const fault_t &fault, daemon_t *daemon, size_t line) {
+    unique_fd_t sock = daemon->accept(line);
+    disturb(sock, fault);
+    if (fault.first >= IS_CLOSED) {
+        sock.reset();
+    }
+    if (fault.good != NONE) {
+        deliver(sock ? std::move(sock) : daemon->accept(line), fault, *daemon, line);
+    }
+    daemon->expect_logged(fault.logged);
 }
 
 struct Faults : Installed {};
 
 TEST_F(Faults, OnTheLine) {
-    const auto do_nothing = [](unique_fd_t) {};
-    const std::string ascii = "protocol = ascii\nread_timeout = yes",
-                      swapped = "Trying to swap to ASCII";
-    faults_t site({
-        {"refused", "",
-         [](faults_t &s, int line) {
-             s.listeners[size_t(line)].reset();
-             s.expect_logged("Error connecting to");
-             std::string error;
-             s.listeners[size_t(line)] =
-                 listen_on("127.0.0.1", std::stoi(s.ports[size_t(line)]), &error);
-             s.deliver(s.accept(line), line, false);
-         },
-         "Error connecting to 127.0.0.1:"},
-        {"closed", "", fall_back("", do_nothing), swapped},
-        {"reset", "", fall_back("", reset_connection), swapped},
-        {"reset_in_packet", "", fall_back("<SOH>1<STX>", reset_connection), swapped},
+    const std::string swapped = "Trying to swap to ASCII";
+    std::string requests;
+    for (int i = 0; i < 50000; i++) {
+        requests += "1\x05";
+    }
+    std::mt19937 random(1);
+    std::string noise(65536, '\0');
+    std::generate(noise.begin(), noise.end(), random);
+    const std::vector<fault_t> faults = {
+        {"closed", LISTED, "", IS_CLOSED, ASCII, swapped},
+        {"reset", LISTED, "", IS_RESET, ASCII, swapped},
+        {"reset_in_packet", LISTED, wire("<SOH>1<STX>"), IS_RESET, ASCII},
         // This one waits for ever; that the others deliver is what can be asked of it.
-        {"closed_in_packet", "", [](faults_t &s, int line) { send_wire(s.accept(line), "<SOH>1"); },
-         "2 Read "},
-        {"silent", "", fall_back("", drain, false), "Call service action \n"},
-        {"silent_ascii", ascii, fall_back("", drain)},
-        {"slow", "",
-         [](faults_t &s, int line) {
-             const unique_fd_t sock = s.accept(line);
-             for (const std::string &text : {"<SOH>"s, "1"s, s.packet(line).substr(2)}) {
-                 send_wire(sock, text);
-                 std::this_thread::sleep_for(std::chrono::seconds(14));
-             }
-             s.expect_call(line);
-         }},
-        {"wrong_check", "", carry_on("<SOH>1<STX>2<US>GOOD 99<ETX><00>", false),
+        {"closed_in_packet", LISTED, wire("<SOH>1"), IS_CLOSED, NONE, "2 Read "},
+        {"silent", LISTED, "", IS_GIVEN_UP, ESPA, "Call service action \n"},
+        {"silent_ascii", ASCII_LINE + "read_timeout = yes", "", IS_GIVEN_UP, ASCII},
+        {"slow", LISTED, "", IS_SLOW, ESPA},
+        {"wrong_check", LISTED, wire("<SOH>1<STX>2<US>GOOD 99<ETX><00>"), STAYS, ESPA,
          "ESPA packet BCC is WRONG. won't process"},
-        {"too_long", "", fall_back("<SOH>" + std::string(1500, 'x'), drain), swapped},
-        {"without_etx", "no_check_bcc = yes",
-         carry_on("<SOH>1<STX>2<US>" + std::string(1019, 'x'), false),
+        {"too_long", LISTED, "\x01" + std::string(1500, 'x'), IS_GIVEN_UP, ASCII},
+        {"without_etx", LISTED + "no_check_bcc = yes",
+         wire("<SOH>1<STX>2<US>" + std::string(1019, 'x')), STAYS, ESPA,
          "ESPA packet BCC check is OFF"},
-        {"random", "", fall_back(random_bytes(), drain), swapped},
-        {"nul_bytes", ascii, carry_on("GO<NUL>D<NUL><NUL> 98\n", true),
-         "ASCII message is too small"},
-        {"long_line", ascii, carry_on(std::string(5000, 'x') + "\n", true), "message=xxxxx"},
-        {"deaf", "",
-         [](faults_t &s, int line) {
-             const unique_fd_t sock = s.accept(line);
-             const int small = 1024;
-             setsockopt(sock.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-             std::string requests;
-             for (int i = 0; i < 50000; i++) {
-                 requests += "1\x05";
-             }
-             EXPECT_EQ(send(sock.get(), requests.data(), requests.size(), 0), std::ssize(requests));
-             send_wire(sock, s.packet(line));
-             s.expect_call(line);
-         },
-         "Got ENQ request address 1"},
-        {"endless_script", "",
-         [](faults_t &s, int line) {
-             const unique_fd_t sock = s.accept(line);
-             send_wire(sock, compose_packet({"1", "ENDLESS", "", "", "", ""}));
-             EXPECT_TRUE(eventually([&] { return s.dir.read("pid").ends_with("\n"); }));
-         },
-         "Calling cmd line: echo $$"},
-    });
-    site.run();
-    kill(std::stoi(site.dir.read("pid")), SIGKILL);
-    EXPECT_EQ(site.dir.list("call_99").size() + site.dir.list("call_98").size(), 0u);
+        {"random", LISTED, noise, IS_GIVEN_UP, ASCII},
+        {"urgent", LISTED, "!", IS_URGENT, ASCII},
+        {"nul_bytes", ASCII_LINE, wire("GO<NUL>D<NUL><NUL> 98\n"), STAYS, ASCII},
+        {"long_line", ASCII_LINE, std::string(5000, 'x') + "\n", STAYS, ASCII, "message=xxxxx"},
+        {"deaf", LISTED, requests, STAYS, ESPA},
+    };
+    std::vector<daemon_t::line_t> keys;
+    for (const fault_t &fault : faults) {
+        keys.push_back({fault.name, fault.keys});
+    }
+    daemon_t daemon(keys, RULES);
+    fs::create_directory(daemon.dir.path("log"));  // a file by that name cannot be written
+    daemon.run_in_foreground({});
+    std::vector<std::thread> lines;
+    for (size_t i = 0; i < faults.size(); i++) {
+        lines.emplace_back(play, faults[i], &daemon, i);
+    }
+    for (std::thread &line : lines) {
+        line.join();
+    }
+    EXPECT_TRUE(daemon.dir.list("call_99").empty());
+}
+
+TEST_F(Faults, ConnectionRefused) {
+    daemon_t daemon(LISTED, RULES);
+    daemon.listeners[0].reset();
+    const auto start = std::chrono::steady_clock::now();
+    daemon.run_in_foreground();
+    daemon.expect_logged("Error connecting to 127.0.0.1:" + daemon.ports[0]);
+    std::string error;
+    daemon.listeners[0] = listen_on("127.0.0.1", std::stoi(daemon.ports[0]), &error);
+    play({"", "", "", STAYS, ESPA}, &daemon, 0);
+    // Three seconds before each attempt and after the one that failed.
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(9));
 }
 
 TEST_F(Faults, AroundTheDaemon) {
-    const auto mend = [](void (*act)(const temp_dir_t &)) {
-        return [=](faults_t &site, int line) {
-            const unique_fd_t sock = site.accept(line);
-            control_station_t station(sock.get(), 60, nullptr);
-            EXPECT_TRUE(station.send_call({"1", "GOOD " + std::to_string(line), "", "", "", ""}));
-            act(site.dir);
-            EXPECT_TRUE(station.send_call({"1", "GOOD " + std::to_string(line), "", "", "", ""}));
-            site.expect_call(line, site.faults[size_t(line)].name);
-        };
+    daemon_t daemon({{"missing", LISTED + "spool_dir = @missing"},
+                     {"locked", LISTED + "spool_dir = @locked"},
+                     {"full", LISTED + "spool_dir = @full"},
+                     {"endless", LISTED}},
+                    RULES);
+    const fs::path spool = daemon.dir.path("");
+    for (const char *name : {"locked", "full"}) {
+        fs::create_directory(spool / name);
+    }
+    for (time_t now = time(nullptr), later = 0; later < 300; later++) {
+        fs::create_symlink("/dev/full", spool / "full/call_1_" += std::to_string(now + later));
+    }
+    daemon.run_in_foreground();
+    unique_fd_t lines[4];
+    for (size_t i = 0; i < 4; i++) {
+        lines[i] = daemon.accept(i);
+    }
+    send_bytes(lines[3], compose_packet(to("1", "ENDLESS")));
+    EXPECT_TRUE(eventually([&] { return daemon.dir.read("pid").ends_with("\n"); }));
+    const auto deliver_to_all = [&] {
+        for (size_t i = 0; i < 3; i++) {
+            control_station_t station(lines[i].get(), 60, nullptr);
+            EXPECT_TRUE(station.send_call(to("1", "GOOD 1"))) << station.error();
+        }
     };
-    faults_t site({
-        {"missing_spool", "spool_dir = @missing_spool",
-         mend([](const temp_dir_t &dir) { dir.make("missing_spool", 0777); }),
-         "Unable to open file for writing\n"},
-        {"locked_spool", "spool_dir = @locked_spool", mend([](const temp_dir_t &dir) {
-             fs::permissions(dir.path("locked_spool"), fs::perms(0777));
-         }),
-         "Call service action general_error\n"},
-        {"full_spool", "spool_dir = @full_spool", mend([](const temp_dir_t &dir) {
-             EXPECT_TRUE(dir.list("call_", "full_spool").empty());
-             fs::remove(dir.path("full_spool/filler"));
-         }),
-         "No space left on device"},
-    });
-    site.dir.make("locked_spool", 0555);
-    site.dir.make("full_spool", 0777);
-    const std::string full = site.dir.path("full_spool");
-    ASSERT_EQ(mount("tmpfs", full.c_str(), "tmpfs", 0, "size=16k,mode=777"), 0) << strerror(errno);
-    site.dir.write("full_spool/filler", std::string(16384, 'x'));
-    site.run();
-    site.daemon.reset();
-    umount(full.c_str());
+    deliver_to_all();
+    EXPECT_EQ(daemon.count("Unable to open file for writing\n"), 2);
+    EXPECT_EQ(daemon.count("No space left on device"), 1);
+    EXPECT_EQ(daemon.count("Call service action general_error\n"), 3);
+    for (const char *name : {"missing", "locked", "full"}) {  // mended
+        fs::remove_all(spool / name);
+        fs::create_directory(spool / name);
+        fs::permissions(spool / name, fs::perms(0777));
+    }
+    deliver_to_all();
+    for (const char *name : {"missing", "locked", "full"}) {
+        EXPECT_TRUE(eventually([&] { return !fs::is_empty(spool / name); })) << name;
+    }
+    kill(std::stoi(daemon.dir.read("pid")), SIGKILL);
 }
 
 }  // namespace
