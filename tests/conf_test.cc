@@ -1,8 +1,7 @@
-// Loading the tables, also while other threads select rules and expand templates.
+// Loading the tables, also while other threads select rules.
 
 #include <arpa/inet.h>
 
-#include "action.h"
 #include "rule.h"
 #include "support.h"
 
@@ -122,13 +121,11 @@ std::string configuration(char mark, int num_rules) {
     for (int i = 0; i < num_rules; i++) {
         const std::string name = "rule_"s + mark + std::to_string(i);
         list += name + ",";
-        text += "[" + name + "]\naction = call\nextension = " + std::string(40, mark) + "$v\n" +
-                "pattern = " + std::string(size_t(i % 3 + 1), mark) + "|M\nvalue[v] = (" + mark +
-                "*)M\n";
+        text += "[" + name + "]\nextension = " + std::string(200, mark) +
+                "\npattern = " + std::string(size_t(i % 3 + 1), mark) + "|M\n";
     }
     for (const char number : {'0', '1', '2'}) {
-        text += pager("pager_"s + mark + number,
-                      "rules = " + list + "\ndefault_rule = rule_" + mark + "0\n");
+        text += pager("pager_"s + mark + number, "rules = " + list);
     }
     return text;
 }
@@ -142,12 +139,9 @@ TEST(Reload, EveryMessageFindsARuleOfTheOldOrTheNewFile) {
     std::atomic<long> handled = 0, lost = 0;
     const auto dispatch = [&](pager_t *pager) {
         rule_t rule;
-        char text[256];
         while (!done) {
             const bool found = choose_rule(pager, "bbM", &rule);
-            format_string(text, sizeof text, rule.extension, 16, "", "bbM", pager, rule.values);
-            const std::string expected(rule.name[5] == 'a' ? 40 : 42, rule.name[5]);
-            lost += !found || text != expected;
+            lost += !found || rule.extension != std::string(200, rule.name[5]);
             handled++;
         }
     };

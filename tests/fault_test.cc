@@ -103,7 +103,7 @@ TEST_F(Faults, OnTheLine) {
     }
     daemon_t daemon(keys, RULES);
     fs::create_directory(daemon.dir.path("log"));  // a file by that name cannot be written
-    daemon.run_in_foreground({});
+    daemon.run_in_foreground("");
     std::vector<std::thread> lines;
     for (size_t i = 0; i < faults.size(); i++) {
         lines.emplace_back(play, faults[i], &daemon, i);

@@ -59,19 +59,16 @@ struct daemon_t {
         }
         dir.write("conf", std::regex_replace(text + rest, std::regex("@"), dir.path()));
     }
-    void run_in_foreground(const texts_t &options = {"-d"}) {
-        texts_t command = {"vesperd", "-f", "-c", dir.path("conf")};
-        command.insert(command.end(), options.begin(), options.end());
+    void run_in_foreground(const std::string &options = "-d") {
+        const std::string command = "vesperd -f -c " + dir.path("conf ") + options;
         foreground = std::make_unique<program_t>(command);
     }
-    // Starts an instance, `command` in front; the log tells its process, which leads a session and
-    // becomes a child of this one.
-    child_t start(texts_t command = {}) const {
+    // Starts an instance, `prefix` in front of its command; the log tells its process, which leads
+    // a session and becomes a child of this one.
+    child_t start(const std::string &prefix = "") const {
         prctl(PR_SET_CHILD_SUBREAPER, 1);
         const size_t seen = log().size();
-        command.insert(command.end(),
-                       {"/usr/bin/env", "-C", dir.path(), dir.path(name), "-c", "conf"});
-        run(0, command);
+        run(0, prefix + "env -C " + dir.path() + " " + dir.path(name) + " -c " + conf);
         pid_t pid = 0;
         EXPECT_TRUE(eventually([&] {
             const std::string text = log();
@@ -116,6 +113,7 @@ struct daemon_t {
     temp_dir_t dir;
     std::vector<std::string> ports;
     std::vector<unique_fd_t> listeners;
-    std::string name;  // under which it is started
+    std::string conf = "conf";  // as the background daemon is told
+    std::string name;           // under which it is started
     std::unique_ptr<program_t> foreground;
 };

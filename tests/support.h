@@ -90,12 +90,14 @@ struct temp_dir_t {
         return path(name);
     }
     texts_t list(const std::string &prefix = "") const {
-        std::set<std::string> names;
+        texts_t names;
         for (const auto &entry : fs::directory_iterator(path_)) {
-            names.insert(entry.path().filename());
+            if (entry.path().filename().string().starts_with(prefix)) {
+                names.push_back(entry.path().filename());
+            }
         }
-        std::erase_if(names, [&](const auto &name) { return !name.starts_with(prefix); });
-        return {names.begin(), names.end()};
+        std::sort(names.begin(), names.end());
+        return names;
     }
 
     std::string path_ = fs::temp_directory_path() / "vesper-test-XXXXXX";
@@ -171,23 +173,15 @@ struct child_t {
     pid_t pid;
 };
 
-// A program of the system, or of the build, started with its output in a file.
+// A command of the system, or of the build, started with its output in a file.
 struct program_t {
-    explicit program_t(texts_t arguments) : child_(fork()) {
-        if (child_.pid != 0) {
-            return;
+    explicit program_t(const std::string &command) : child_(fork()) {
+        if (child_.pid == 0) {
+            const std::string line = "PATH=" PROGRAM_DIR ":$PATH; exec " + command + " > " +
+                                     dir_.path("output") + " 2>&1";
+            execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
+            _exit(127);
         }
-        std::vector<char *> argv;
-        for (std::string &argument : arguments) {
-            argv.push_back(argument.data());
-        }
-        argv.push_back(nullptr);
-        const int file = open(dir_.path("output").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        dup2(file, STDOUT_FILENO);
-        dup2(file, STDERR_FILENO);
-        const fs::path program = fs::path(PROGRAM_DIR) / arguments[0];
-        execv(program.c_str(), argv.data());
-        _exit(127);
     }
     std::string output() const { return dir_.read("output"); }
     int wait() { return child_.wait(); }
@@ -196,8 +190,8 @@ struct program_t {
     child_t child_;
 };
 
-inline std::string run(int status, const texts_t &arguments) {
-    program_t program(arguments);
+inline std::string run(int status, const std::string &command) {
+    program_t program(command);
     EXPECT_EQ(program.wait(), status) << program.output();
     return program.output();
 }
