@@ -52,7 +52,7 @@ struct daemon_t {
         }
     }
     void configure(const std::vector<line_t> &lines, const std::string &rest) const {
-        std::string text = "[logger]\nlog_file = @log\n";
+        std::string text = "[logger]\nlog_level = 4\nlog_file = @log\n";
         for (size_t i = 0; i < lines.size(); i++) {
             text += "[" + lines[i].name + "]\nhost = 127.0.0.1\nport = " + ports[i] +
                     "\nspool_dir = @\n" + lines[i].keys + "\n";
