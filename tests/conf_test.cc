@@ -71,8 +71,8 @@ TEST_F(Tables, PagersThatFail) {
     load("[bad]\nhost = no such host\n" + pager(std::string(100, 'n')) + "[worse]\nport = 1\n");
     EXPECT_EQ(joined(num_pagers, pagers[0].name, pagers[1].name),
               "1|" + std::string(63, 'n') + "||");
-    EXPECT_THAT(messages(dir.read("log")), StartsWith("ERROR: Unable to find host no such host\n\n"
-                                                      "ERROR: Error loading pager bad\n\n"));
+    EXPECT_THAT(log(), StartsWith("ERROR: Unable to find host no such host\n\n"
+                                  "ERROR: Error loading pager bad\n\n"));
     load(pager("p", "rules = a"));
     pagers[0].polls = 3;
     load("[bad]\nhost = no such host\n");

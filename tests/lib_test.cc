@@ -1,14 +1,26 @@
-// The library: log lines, the INI dialect and deferred signals.
+// The library: detaching, deferred signals, log lines and the INI dialect.
 
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/un.h>
 
+#include "daemon.h"
 #include "ini.h"
 #include "sig.h"
 #include "support.h"
 
 namespace {
+
+void become_daemon_under_inetd() {
+    dup2(socket(AF_UNIX, SOCK_STREAM, 0), STDIN_FILENO);
+    const pid_t before = getpid();
+    const bool is_ready = daemon_init(nullptr) == 0 && getpid() == before;
+    exit(is_ready && fcntl(2, F_GETFD) >= 0 && fcntl(3, F_GETFD) < 0 ? 0 : 1);
+}
+
+TEST(DaemonInit, NeitherForksNorClosesStandardDescriptorsUnderInetd) {
+    EXPECT_EXIT(become_daemon_under_inetd(), ExitedWithCode(0), "");
+}
 
 std::string handled;
 
@@ -59,20 +71,23 @@ TEST_F(Tables, LogLinesAreCut) {
     EXPECT_EQ(dir.read("log").size(), strlen("11/15/26 12:14:45: \n") + 1023);
 }
 
-TEST(Logger, IsNotSilentBeforeItIsStarted) {
-    FLAGS_gtest_death_test_style = "threadsafe";  // in a new process
-    const auto body = [] {
-        log_every_level();
-        exit(0);
-    };
-    EXPECT_EXIT(body(), ExitedWithCode(0), MatchesRegex("[^\n]*ERROR.*: r\n[^\n]*VERBOSE.*: v\n"));
+void log_without_a_start() {
+    log_every_level();
+    exit(0);
 }
 
-// In a process of its own, which has a /dev of its own.
+TEST(Logger, IsNotSilentBeforeItIsStarted) {
+    FLAGS_gtest_death_test_style = "threadsafe";  // in a new process
+    EXPECT_EXIT(log_without_a_start(), ExitedWithCode(0),
+                MatchesRegex("[^\n]*ERROR.*: r\n[^\n]*VERBOSE.*: v\n"));
+}
+
 void log_to_syslog() {
-    unshare(CLONE_NEWNS);
-    mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-    mount("tmpfs", "/dev", "tmpfs", 0, "");
+    // No other process may see what is mounted here.
+    if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_REC | MS_PRIVATE, "") != 0 ||
+        mount("tmpfs", "/dev", "tmpfs", 0, "") != 0) {
+        exit(1);
+    }
     const sockaddr_un address{AF_UNIX, "/dev/log"};
     const unique_fd_t sock(socket(AF_UNIX, SOCK_DGRAM, 0));
     bind(sock.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
@@ -108,9 +123,7 @@ TEST_F(Ini, KeyLines) {
     const std::pair<std::string, std::string> rows[] = {
         {"k = plain value  ", "plain value"},
         {"  K\t=v ; comment", "v"},
-
         {"k = 'a;b' ; c", "a;b"},
-
         {"k = \"it's\"", "it's"},
         {"k = '\"quoted\" <x>'", "\"quoted\" <x>"},
         {"k = \"blanks  \"", "blanks"},
@@ -119,7 +132,6 @@ TEST_F(Ini, KeyLines) {
         {"k = \"\" ; empty", ""},
         {"k =", "(absent)"},
         {"k = ; nothing", "(absent)"},
-
         {"# k = 1", "(absent)"},
         {"; k = 1", "(absent)"},
         {"k = a=b", "a=b"},
@@ -127,7 +139,8 @@ TEST_F(Ini, KeyLines) {
         {"k = first\nk = last", "last"},
         {"k = Case\r", "Case"},
         {"l = " + long_value + "k = 2", "2"},
-        {"k = " + long_value + "l = 2", long_value}};
+        {"k = " + long_value + "l = 2", long_value},
+    };
     for (const auto &[line, value] : rows) {
         load("[s]\n" + line + "\n");
         EXPECT_EQ(get("S:k"), value) << line;
