@@ -148,7 +148,7 @@ TEST_F(Daemon, RunsAsTheAccountUnderRootsPidfileUntilTheConfigurationIsGone) {
     EXPECT_EQ(read_file("/var/run/" + daemon.name + ".pid"), pid + "\n");
 }
 
-// Every reload takes the connected line to a new connection; what was sent before and after arrives.
+// Every reload takes the connected line to a new connection; what is sent before and after arrives.
 TEST_F(Daemon, ReloadsUnderTrafficAndOrderlyShutdown) {
     const auto rules = [](const std::string &number) {
         return ALARM_RULE + "[rule_x]\naction = call\nextension = " + number + "\npattern = M" +
