@@ -77,7 +77,7 @@ TEST_F(Daemon, FromRequestToActionAndEveryLineOfItsLog) {
               "Channel: C/4711\r\nContext: x\r\nExtension: 13\r\nCallerID: FIRE ZONE 3\r\n"
               "Priority: 1\r\nMaxRetries: 0\r\n");
     EXPECT_GE(daemon.dir.list("call_")[0], "call_13_" + before);
-    EXPECT_TRUE(station.send_packet(wire("<SOH>2<STX>2<US>FIRE<ETX><06>")));  // no call
+    EXPECT_TRUE(station.send_packet(wire("<SOH>2<ETX>1")));                   // no call
     EXPECT_TRUE(station.send_packet(wire("<SOH>1<STX>2<US>FIRE<ETX><07>")));  // wrong check
     send_bytes(line, "X");                                                    // not ESPA
     line = daemon.accept();

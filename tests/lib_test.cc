@@ -129,6 +129,7 @@ TEST_F(Ini, KeyLines) {
         {"k = \"blanks  \"", "blanks"},
         {"k = \"open", "open"},
         {"k = ''", ""},
+        {"k = ' '", ""},
         {"k = \"\" ; empty", ""},
         {"k =", "(absent)"},
         {"k = ; nothing", "(absent)"},
