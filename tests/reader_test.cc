@@ -116,10 +116,8 @@ TEST(Espa, BlockCheckCharacter) {
     for (const auto &[packet, is_right] : rows) {
         EXPECT_EQ(checkBCC((wire(packet) + std::string(16, '\0')).data(), 4), is_right) << packet;
     }
-    char packet[] =
-        "\x01"
-        "1\x03?";
-    EXPECT_EQ(appendBCC(packet, 4), 1);
+    std::string packet = wire("<SOH>1<ETX>?");
+    EXPECT_EQ(appendBCC(packet.data(), 4), 1);
     EXPECT_EQ(packet[3], '2');
 }
 
