@@ -1,6 +1,8 @@
 // The built programs: the daemon against a line, in the foreground and in the background, and the
 // line tool.
 
+#include <sys/stat.h>
+
 #include "running_daemon.h"
 
 namespace {
@@ -20,11 +22,13 @@ struct Daemon : Installed {};
 
 TEST_F(Daemon, CommandLinesOfBothPrograms) {
     const temp_dir_t dir;
-    const std::string conf =
-        dir.write("conf",
-                  "[logger]\nlog_level = 1\n[p]\nhost = 127.0.0.1\nrules = rule_script,rule_skip\n"
-                  "[rule_skip]\npattern = SKIP\n[rule_script]\npattern = SCRIPT\naction = script\n"
-                  "callscript = %number% %alarm% %message%\n");
+    const std::string log_file = dir.path("log");
+    const std::string conf = dir.write(
+        "conf",
+        "[logger]\nlog_file = " + log_file +
+            "\n[p]\nhost = 127.0.0.1\nrules = rule_script,rule_skip\n"
+            "[rule_skip]\npattern = SKIP\n[rule_script]\npattern = SCRIPT\naction = script\n"
+            "callscript = %number% %alarm% %message%\n");
     const std::string usage = "\t-h, --help\t\t\tshow this text\n\n\n";
     const std::string head = "' at pager 'p'\nRules: rule_script,rule_skip\ndefault rule: \n";
     const struct {
@@ -57,6 +61,9 @@ TEST_F(Daemon, CommandLinesOfBothPrograms) {
     for (const auto &[status, command, output] : rows) {
         EXPECT_THAT(run(status, command), EndsWith(output)) << command;
     }
+    struct stat log {};
+    EXPECT_EQ(stat(log_file.c_str(), &log), 0);  // made by root
+    EXPECT_EQ(log.st_uid, getpwnam("ovo")->pw_uid);
 }
 
 TEST_F(Daemon, FromRequestToActionAndEveryLineOfItsLog) {
@@ -117,6 +124,74 @@ ERROR: Got ESPA SOH when ASCII protocol selected. trying to swap protocols.
 PLEASE double check configuration
 VERBOSE: message=12345
 )"));
+}
+
+std::string answer_to(const unique_fd_t &line, const std::string &packet) {
+    char answer = 0;
+    send_bytes(line, packet);
+    EXPECT_TRUE(eventually([&] { return recv(line.get(), &answer, 1, MSG_DONTWAIT) == 1; }));
+    return {answer};
+}
+
+TEST_F(Daemon, AcknowledgesWhatIsDone) {
+    daemon_t daemon(
+        "ack_when_done = yes\nspool_dir = @spool\nstaging_dir = @staging\n"
+        "charset = DIN_66003\nrules = rule_x,rule_y\n",
+        "[rule_x]\npattern = FEUER\naction = call\nextension = %number%\n"
+        "callerid = %message%\nquote = yes\n"
+        "[rule_y]\npattern = NOTE.*\naction = script\nquote = yes\n"
+        "callscript = 'sleep 1; echo %message% >@note; exit 3'\n");
+    const fs::path spool = daemon.dir.path("spool");
+    for (const char *name : {"staging", "spool"}) {
+        fs::create_directory(daemon.dir.path(name));
+        fs::permissions(daemon.dir.path(name), fs::perms(0777));
+    }
+    daemon.dir.write("staging/vesperd-call-1-1", "left by a process that was killed");
+    daemon.run_in_foreground();
+    const unique_fd_t line = daemon.accept();
+    EXPECT_TRUE(fs::is_empty(daemon.dir.path("staging")));
+    const std::string packet = compose_packet(to("../4711", "FEUER T]R; 3"));
+    std::string garbled = packet;
+    garbled.back() ^= 1;
+    EXPECT_EQ(answer_to(line, garbled), wire("<NAK>"));
+    fs::rename(spool, daemon.dir.path("away"));
+    EXPECT_EQ(answer_to(line, packet), wire("<NAK>"));
+    fs::rename(daemon.dir.path("away"), spool);
+    EXPECT_TRUE(fs::is_empty(spool));
+    for (const int calls : {1, 2, 3}) {
+        EXPECT_EQ(answer_to(line, packet), wire("<ACK>"));
+        EXPECT_EQ(std::distance(fs::directory_iterator(spool), {}), calls);
+    }
+    for (const auto &call : fs::directory_iterator(spool)) {
+        EXPECT_THAT(call.path().filename(),
+                    AllOf(StartsWith("call_..4711_"), Not(EndsWith("711_"))));
+        EXPECT_THAT(read_file(call.path()), HasSubstr("\r\nCallerID: FEUER T\xC3\x9CR\\; 3\r\n"));
+    }
+    EXPECT_TRUE(fs::is_empty(daemon.dir.path("staging")));
+    EXPECT_EQ(answer_to(line, compose_packet(to("1", "NOTE 'x'"))), wire("<ACK>"));
+    EXPECT_EQ(daemon.dir.read("note"), "");  // a command comes after the answer
+    EXPECT_EQ(answer_to(line, wire("<SOH>2<ETX>1")), wire("<ACK>"));
+    EXPECT_EQ(daemon.dir.read("note"), "NOTE 'x'\n");
+}
+
+// The spool directory is on another file system.
+TEST_F(Daemon, WritesDirectlyWhatItCannotStage) {
+    const temp_dir_t elsewhere;
+    const std::string spool = "/dev/shm" + elsewhere.path_;
+    fs::create_directories(spool);
+    fs::permissions(spool, fs::perms(0777));
+    daemon_t daemon("staging_dir = @\nrules = rule_x\nspool_dir = " + spool + "\n",
+                    "[rule_x]\npattern = FIRE\naction = call\n");
+    daemon.run_in_foreground();
+    const unique_fd_t line = daemon.accept();
+    control_station_t station(line.get(), 30, nullptr);
+    for (int i = 0; i < 3; i++) {
+        EXPECT_TRUE(station.send_call(to("1", "FIRE")));
+    }
+    EXPECT_TRUE(station.end_transmission());
+    EXPECT_EQ(std::distance(fs::directory_iterator(spool), {}), 3);
+    EXPECT_EQ(daemon.count("Unable to stage call files"), 1);
+    fs::remove_all(spool);
 }
 
 TEST_F(Daemon, RunsAsTheAccountUnderRootsPidfileUntilTheConfigurationIsGone) {

@@ -59,7 +59,26 @@ void play(const fault_t &fault, const daemon_t *daemon, size_t line) {
 
 struct Faults : Installed {};
 
-TEST_F(Faults, OnTheLine) {
+// Every line of a table at once.
+void play_all(const std::vector<fault_t> &faults, const std::string &more_keys) {
+    std::vector<daemon_t::line_t> keys;
+    for (const fault_t &fault : faults) {
+        keys.push_back({fault.name, LISTED + more_keys + fault.keys});
+    }
+    daemon_t daemon(keys, RULES);
+    fs::create_directory(daemon.dir.path("log"));  // a file by that name cannot be written
+    daemon.run_in_foreground("");
+    std::vector<std::thread> lines;
+    for (size_t i = 0; i < faults.size(); i++) {
+        lines.emplace_back(play, faults[i], &daemon, i);
+    }
+    for (std::thread &line : lines) {
+        line.join();
+    }
+    EXPECT_TRUE(daemon.dir.list("call_99").empty());
+}
+
+std::vector<fault_t> line_faults() {
     const std::string swapped = "Trying to swap to ASCII";
     std::string requests;
     for (int i = 0; i < 50000; i++) {
@@ -68,7 +87,7 @@ TEST_F(Faults, OnTheLine) {
     std::mt19937 random(1);
     std::string noise(65536, '\0');
     std::generate(noise.begin(), noise.end(), random);
-    const std::vector<fault_t> faults = {
+    return {
         {"closed", "", "", IS_CLOSED, ASCII, swapped},
         {"reset", "", "", IS_RESET, ASCII, swapped},
         {"reset_in_packet", "", wire("<SOH>1<STX>"), IS_RESET, ASCII},
@@ -88,21 +107,22 @@ TEST_F(Faults, OnTheLine) {
         {"long_line", IN_ASCII, std::string(5000, 'x') + "\n", STAYS, ASCII, "message=xxxxx"},
         {"deaf", "", requests, STAYS, ESPA},
     };
-    std::vector<daemon_t::line_t> keys;
-    for (const fault_t &fault : faults) {
-        keys.push_back({fault.name, LISTED + fault.keys});
+}
+
+TEST_F(Faults, OnTheLine) {
+    play_all(line_faults(), "");
+}
+
+// Whatever took an ESPA line down, it comes back as one.
+TEST_F(Faults, OnALineThatRecovers) {
+    std::vector<fault_t> faults = line_faults();
+    for (fault_t &fault : faults) {
+        if (!fault.keys.starts_with(IN_ASCII) && fault.good != ESPA) {
+            fault.good = ESPA;
+            fault.logged = std::string("Line of pager ") + fault.name;
+        }
     }
-    daemon_t daemon(keys, RULES);
-    fs::create_directory(daemon.dir.path("log"));  // a file by that name cannot be written
-    daemon.run_in_foreground("");
-    std::vector<std::thread> lines;
-    for (size_t i = 0; i < faults.size(); i++) {
-        lines.emplace_back(play, faults[i], &daemon, i);
-    }
-    for (std::thread &line : lines) {
-        line.join();
-    }
-    EXPECT_TRUE(daemon.dir.list("call_99").empty());
+    play_all(faults, "recover_link = yes\n");
 }
 
 TEST_F(Faults, ConnectionRefused) {

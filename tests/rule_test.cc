@@ -37,10 +37,26 @@ TEST(Pattern, LengthOfTheLastMatchAndTextsOfTheGroups) {
     }
 }
 
+TEST(Pattern, LongRepetitionsCompile) {
+    const std::pair<const char *, std::string> rows[] = {
+        {"x{1000}", std::string(1000, 'x')},
+        {"([A-Za-z0-9 ]{1,40},){1,30}", "FIRE 3,ZONE 4,"},
+        {"([A-Z][a-z]{0,30} ?){1,100}", "Fire In Zone"},
+        {"x{32767}", std::string(32767, 'x')},
+        {"(x{1000}){100}|ZONE", "ZONE"},
+    };
+    for (const auto &[text, match] : rows) {
+        pattern_t pattern{};
+        EXPECT_EQ(compile_regex(&pattern, text), 0) << text;
+        EXPECT_EQ(match_regex(&pattern, match.c_str(), nullptr, 0), std::ssize(match)) << text;
+    }
+}
+
 TEST_F(Tables, PatternsThatDoNotCompileMatchNothing) {
     pattern_t pattern{};
-    const texts_t texts = {"(", "a{2", "x{32767}{32767}", "((x{1000}y){1000}){1000}",
-                           "([[:alpha:])]x{900}){9}"};
+    const std::string pluses = "x" + std::string(30, '+');  // each doubles what stands before it
+    const texts_t texts = {"(",   "a{2", "x{0,10000}", "x{0,32767}", "((x{1000}y){1000}){1000}",
+                           pluses};
     for (const std::string &text : texts) {
         EXPECT_EQ(compile_regex(&pattern, text.c_str()), 1) << text;
         EXPECT_EQ(match_regex(&pattern, "xxxx", nullptr, 0), 0) << text;
@@ -186,6 +202,29 @@ TEST_F(Action, StatusFeedback) {
     EXPECT_THAT(log(), StartsWith("DEBUG: send call status 3 to 1234\n"));
     EXPECT_THAT(log(), HasSubstr("ERROR: Unable to open directory\n\n"
                                  "VERBOSE: Call service action general_error\n"));
+}
+
+TEST(Quoting, KeepsReplacementsFromTheTextAroundThem) {
+    const struct {
+        quoting_t quoting;
+        const char *fmt, *message, *expanded;
+        int size = 64;
+        bool fits = true;
+    } rows[] = {
+        {quoting_t::COMMAND, "x $%message%$", "it's; `y` $z", "x $'it'\\''s; `y` $z'$"},
+        {quoting_t::COMMAND, "%number% %message%", "", "'4711' ''"},
+        {quoting_t::COMMAND, "%message%", "1234567", "'1234567", 9, false},
+        {quoting_t::NAME, "/%message%;", "../a,B 1*+_.-&\x80", "/..aB1*+_.-;"},
+        {quoting_t::CALLER_ID, "#\"%message%\" <%number%>", "a\n;#\"<>b\x7F\xC3\xA4",
+         "#\"a \\;b \xC3\xA4\" <4711>"},
+        {quoting_t::CALLER_ID, "12%message%", ";;", "12\\;", 6, false},
+    };
+    for (const auto &[quoting, fmt, message, expanded, size, fits] : rows) {
+        char line[64];
+        const placeholders_t with{ALARM_MESSAGE, "4711", message, nullptr};
+        EXPECT_EQ(expand_template(line, size, fmt, with, quoting), fits) << fmt;
+        EXPECT_STREQ(line, expanded) << fmt;
+    }
 }
 
 }  // namespace
