@@ -1,9 +1,10 @@
 // What the fuzz targets share.
 #pragma once
 
+#include <dlfcn.h>
 #include <stdlib.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -18,10 +19,27 @@ inline std::string_view as_text(const uint8_t *data, size_t size) {
     return {reinterpret_cast<const char *>(data), size};
 }
 
+// Inputs stay short, because short ones run quickly; what is longer than any field or line is
+// written with DEL, which repeats the byte before it.
+inline std::string stretched(std::string_view text) {
+    constexpr char DEL = '\x7F';
+    constexpr size_t REPETITIONS = 250;
+    constexpr size_t ENOUGH = 4000;
+    std::string out;
+    for (const char byte : text) {
+        if (byte != DEL || out.empty()) {
+            out += byte;
+        } else if (out.size() < ENOUGH) {
+            out.append(REPETITIONS, out.back());
+        }
+    }
+    return out;
+}
+
 // Nothing is written, but every line is formatted when `FUZZ_LOG` is set.
 inline void quiet_log() {
-    static const bool formats = getenv("FUZZ_LOG") != nullptr;
-    logger_init("/dev/null", 5, 0, formats ? 0 : 1);
+    static const int result = logger_init("/dev/null", 5, 0, getenv("FUZZ_LOG") != nullptr ? 0 : 1);
+    static_cast<void>(result);
 }
 
 // Ends the process where an expectation does not hold, which the fuzzer reports.
@@ -31,21 +49,16 @@ inline void require(bool holds) {
     }
 }
 
-// A directory of this process, made once.
-inline const std::string &scratch_dir() {
-    static const std::string path = [] {
-        const char *parent = getenv("TMPDIR");
-        std::string name = std::string(parent != nullptr ? parent : "/tmp") + "/vesper-fuzz-XXXXXX";
-        require(mkdtemp(name.data()) != nullptr);
-        return name;
-    }();
-    return path;
+// The C library's own function behind one that a target defines.
+template <typename function_t>
+function_t *in_libc(function_t * /*defined*/, const char *name) {
+    return reinterpret_cast<function_t *>(dlsym(RTLD_NEXT, name));
 }
 
-inline std::string scratch_file(const std::string &name, std::string_view content) {
-    const std::string path = scratch_dir() + "/" + name;
-    FILE *file = fopen(path.c_str(), "we");
-    require(file != nullptr && fwrite(content.data(), 1, content.size(), file) == content.size());
-    fclose(file);
-    return path;
+// Takes what stands before the next zero byte, or everything.
+inline std::string next_piece(std::string_view *rest) {
+    const size_t end = std::min(rest->find('\0'), rest->size());
+    std::string piece(rest->substr(0, end));
+    rest->remove_prefix(std::min(end + 1, rest->size()));
+    return piece;
 }

@@ -1,8 +1,14 @@
-// Any suppression file, status file and call description in a spool directory.
+// Any suppression file, and any status file and call description under any name. The spool
+// directory is in memory. An input is the end of the status file's name, the content of the
+// suppression file, of the call description (when empty, there is none) and of the status file,
+// separated by zero bytes.
 
+#include <dirent.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstring>
+#include <map>
 
 #include "action.h"
 #include "alarm.h"
@@ -10,31 +16,111 @@
 #include "proto.h"
 #include "text.h"
 
+namespace {
+
+constexpr std::string_view SPOOL = "/in/memory";
+
+using spool_t = std::map<std::string, std::string>;
+spool_t spool;
+std::string sent;
+
+// The file that a path leads to.
+spool_t::iterator find_file(std::string_view path) {
+    return path.starts_with(SPOOL) ? spool.find(std::string(path.substr(SPOOL.size() + 1)))
+                                   : spool.end();
+}
+
+// An open spool directory: the name that was read last.
+std::string last_name;
+
+DIR *spool_directory() {
+    return reinterpret_cast<DIR *>(&last_name);
+}
+
+}  // namespace
+
+extern "C" {
+
+FILE *fopen(const char *path, const char *mode) {
+    static const auto real = in_libc(&fopen, "fopen");
+    if (!std::string_view(path).starts_with(SPOOL)) {
+        return real(path, mode);
+    }
+    const auto file = find_file(path);
+    return file != spool.end() ? fmemopen(file->second.data(), file->second.size(), mode) : nullptr;
+}
+
+int unlink(const char *path) {
+    static const auto real = in_libc(&unlink, "unlink");
+    if (!std::string_view(path).starts_with(SPOOL)) {
+        return real(path);
+    }
+    const auto file = find_file(path);
+    if (file == spool.end()) {
+        errno = ENOENT;
+        return -1;
+    }
+    spool.erase(file);
+    return 0;
+}
+
+DIR *opendir(const char *path) {
+    static const auto real = in_libc(&opendir, "opendir");
+    last_name.clear();
+    return path == SPOOL ? spool_directory() : real(path);
+}
+
+dirent *readdir(DIR *directory) {
+    static const auto real = in_libc(&readdir, "readdir");
+    static dirent entry;
+    if (directory != spool_directory()) {
+        return real(directory);
+    }
+    const auto file = spool.upper_bound(last_name);
+    if (file == spool.end()) {
+        return nullptr;
+    }
+    last_name = file->first;
+    copy_text(entry.d_name, last_name);
+    return &entry;
+}
+
+int closedir(DIR *directory) {
+    static const auto real = in_libc(&closedir, "closedir");
+    return directory == spool_directory() ? 0 : real(directory);
+}
+
+ssize_t send(int /*file*/, const void *bytes, size_t size, int /*flags*/) {
+    sent.append(static_cast<const char *>(bytes), size);
+    return static_cast<ssize_t>(size);
+}
+}
+
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    constexpr size_t MAX_NAME = 200;
+    constexpr std::string_view OPENING = "\x04\x31\x05\x32\x05\x01\x32\x02\x31\x1F";
     quiet_log();
-    int ends[2];
-    if (size < 1 || socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
+    const std::string text = stretched(as_text(data, size));
+    std::string_view rest = text;
+    const std::string name = next_piece(&rest).substr(0, MAX_NAME);
+    const std::string suppression = next_piece(&rest);
+    const std::string call = next_piece(&rest);
+    if (name.find('/') != std::string::npos) {
         return 0;
     }
-    const size_t half = std::min<size_t>(data[0], size - 1);
+    spool = {{"connected", suppression}, {"status_" + name, std::string(rest)}};
+    if (!call.empty()) {
+        spool["call_" + name] = call;
+    }
+    sent.clear();
+
     static pager_t pager;
     pager = {};
-    copy_text(pager.spool_dir, scratch_dir());
-    pager.socket = ends[0];
-
-    scratch_file("connected", as_text(data + 1, size - 1));
+    copy_text(pager.spool_dir, SPOOL);
     const int level = alarm_time(&pager, ALARM_CONNECTION_LOST);
     require(level == alarm_slot(&pager, ALARM_CONNECTION_LOST).index[0]);
-
-    scratch_file("call_1", as_text(data + 1, half));
-    const std::string status = scratch_file("status_1", as_text(data + 1 + half, size - 1 - half));
     process_status_feedbacks(&pager);
-    require(access(status.c_str(), F_OK) != 0);
-    char record[2048];
-    const ssize_t sent = recv(ends[1], record, sizeof record, MSG_DONTWAIT);
-    require(sent > 10 && memcmp(record, "\x04\x31\x05\x32\x05\x01\x32\x02\x31\x1F", 10) == 0);
-    require(record[sent - 1] == ETX);
-    close(ends[0]);
-    close(ends[1]);
+    require(spool.count("status_" + name) == 0);
+    require(call.empty() ? sent.empty() : sent.starts_with(OPENING) && sent.back() == ETX);
     return 0;
 }

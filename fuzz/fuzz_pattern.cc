@@ -11,15 +11,8 @@ namespace {
 
 constexpr size_t MAX_SIZE = 512;
 
-std::string next_piece(std::string_view *rest) {
-    const size_t end = std::min(rest->find('\0'), rest->size());
-    std::string piece(rest->substr(0, end));
-    rest->remove_prefix(std::min(end + 1, rest->size()));
-    return piece;
-}
-
-// Matching back-references and deep repetitions takes the C library exponential time, and long intervals
-// take memory that is kept: operators are trusted with those, the fuzzer is not.
+// Matching back-references and deep repetitions takes the C library exponential time, and long
+// intervals take memory that is kept: operators are trusted with those, the fuzzer is not.
 bool is_tame(const std::string &pattern) {
     size_t repetitions = 0;
     for (size_t i = 0; i < pattern.size(); i++) {
