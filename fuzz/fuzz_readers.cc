@@ -20,8 +20,7 @@ namespace {
 
 constexpr int LINE = 1000;
 constexpr char FAULT = '\xFF';
-constexpr size_t CLOSED_READS =
-    3;  // how often a closed connection is found closed before it is silent
+constexpr size_t CLOSED_READS = 3;  // of a closed connection, before it falls silent
 constexpr std::string_view POLL_ANSWER = "2\x05\x1F\x06";
 
 enum : char {
@@ -34,6 +33,8 @@ enum : char {
     READ_CLOSED = 'g',
     SEND_FULL = 'h',  // the next reply finds no room
 };
+constexpr std::string_view WAIT_FAULTS = "abcdh";
+constexpr std::string_view READ_FAULTS = "efg";
 
 struct line_t {
     std::string_view rest;
@@ -92,7 +93,7 @@ void check_replies(bool ascii, int espa_poll, int result) {
 extern "C" int select(int count, fd_set *readable, fd_set * /*writable*/, fd_set *exceptional,
                       timeval * /*timeout*/) {
     require(count == LINE + 1 && FD_ISSET(LINE, readable) && FD_ISSET(LINE, exceptional));
-    switch (line.take_fault("abcdh")) {
+    switch (line.take_fault(WAIT_FAULTS)) {
         case WAIT_INTERRUPTED:
             return fail(EINTR);
         case WAIT_FAILED:
@@ -116,7 +117,7 @@ extern "C" ssize_t read(int file, void *bytes, size_t size) {
         return syscall(SYS_read, file, bytes, size);
     }
     require(size == 1);
-    switch (line.take_fault("efg")) {
+    switch (line.take_fault(READ_FAULTS)) {
         case READ_INTERRUPTED:
             return fail(EINTR);
         case READ_FAILED:
