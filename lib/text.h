@@ -19,13 +19,13 @@ void copy_text(char (&field)[N], std::string_view text) noexcept {
 }
 
 // Appends to a caller's buffer of `size` bytes, the terminating zero included. What does not fit is
-// dropped. The buffer is not touched before the first append.
+// dropped, and everything behind it. The buffer is not touched before the first append.
 class text_writer_t {
   public:
     text_writer_t(char *buffer, int size) noexcept : buffer_(buffer), size_(size) {}
 
     void append(std::string_view text) noexcept {
-        const size_t count = std::min(text.size(), left());
+        const size_t count = is_cut_ ? 0 : std::min(text.size(), left());
         is_cut_ = is_cut_ || count < text.size();
         if (count == 0) {
             return;

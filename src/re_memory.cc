@@ -51,35 +51,53 @@ double interval_bound(std::string_view text, size_t at) {
     return largest;
 }
 
-// A bound for the pieces that `text` comes to once its intervals are written out.
+// The pieces that a group of a pattern comes to once its repetitions are written out.
+struct group_t {
+    double before = 1;  // everything in the group but its last piece
+    double last = 0;
+    bool is_repeated = false;  // the last piece, or what stands in it
+};
+
+// Repetitions of what is repeated already take the compiler time that grows exponentially.
+void repeat(group_t *group) {
+    group->last *= group->is_repeated ? 8 : 2;
+    group->is_repeated = true;
+}
+
+void begin_piece(group_t *group) {
+    group->before += group->last;
+    group->last = 1;
+    group->is_repeated = false;
+}
+
+// The innermost group becomes the last piece of the one around it.
+void end_group(std::vector<group_t> *groups) {
+    const group_t inside = groups->back();
+    groups->pop_back();
+    begin_piece(&groups->back());
+    groups->back().last = inside.before + inside.last;
+    groups->back().is_repeated = inside.is_repeated;
+}
+
+// A bound for the pieces that `text` comes to once its repetitions are written out.
 double written_out(std::string_view text) {
-    struct group_t {
-        double before = 1;  // everything in the group but its last piece
-        double last = 0;
-    };
     std::vector<group_t> groups(1);
     for (size_t i = 0; i < text.size(); i++) {
-        group_t &group = groups.back();
-        if (text[i] == '{') {
-            group.last *= interval_bound(text, i) * interval_bound(text, i);
+        const char c = text[i];
+        if (c == '{') {
+            const double bound = interval_bound(text, i);
+            repeat(&groups.back());
+            groups.back().last *= bound * bound;
             i = std::min(text.find('}', i), text.size());
-        } else if (text[i] == '+') {
-            group.last *= 2;
-        } else if (text[i] == '(') {
+        } else if (c == '+' || c == '*' || c == '?') {
+            repeat(&groups.back());
+        } else if (c == '(') {
             groups.emplace_back();
-        } else if (text[i] == ')' && groups.size() > 1) {
-            const double inside = group.before + group.last;
-            groups.pop_back();
-            groups.back().before += groups.back().last;
-            groups.back().last = inside;
+        } else if (c == ')' && groups.size() > 1) {
+            end_group(&groups);
         } else {
-            group.before += group.last;
-            group.last = 1;
-            if (text[i] == '\\') {
-                i++;
-            } else if (text[i] == '[') {
-                i = end_of_brackets(text, i);
-            }
+            begin_piece(&groups.back());
+            i = c == '[' ? end_of_brackets(text, i) : i + (c == '\\' ? 1 : 0);
         }
     }
     double total = 0;

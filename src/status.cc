@@ -172,7 +172,7 @@ void expose_actions(exposition_t *out, const lines_t &lines) {
     out->begin("line_actions_total", "counter", "Actions of rules, for messages and alarms.");
     for (const shown_line_t &line : lines) {
         for (size_t action = 0; action < action_names.size(); action++) {
-            for (const size_t ok : {1, 0}) {
+            for (const size_t ok : {size_t{1}, size_t{0}}) {
                 out->sample(line.label + ",action=\"" + action_names[action] + "\",result=\"" +
                                 (ok == 1 ? "ok" : "failed") + "\"",
                             line.stats->actions[action][ok].get());

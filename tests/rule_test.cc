@@ -55,7 +55,7 @@ TEST(Pattern, LongRepetitionsCompile) {
 TEST_F(Tables, PatternsThatDoNotCompileMatchNothing) {
     pattern_t pattern{};
     const std::string pluses = "x" + std::string(30, '+');  // each doubles what stands before it
-    const texts_t texts = {"(",   "a{2", "x{0,10000}", "x{0,32767}", "((x{1000}y){1000}){1000}",
+    const texts_t texts = {"(",   "a{2", "x{0,10000}", "x{0,32767}", "0+??????????????++++++++",
                            pluses};
     for (const std::string &text : texts) {
         EXPECT_EQ(compile_regex(&pattern, text.c_str()), 1) << text;
