@@ -48,12 +48,14 @@ make_account() {
         --shell /usr/sbin/nologin ovo
 }
 
-# Configures and builds into a directory: build_into DIRECTORY [cmake options].
+# Configures and builds into a directory: build_into DIRECTORY [cmake options]. What root builds
+# belongs to the clone's owner, who can go on with it.
 build_into() {
     local directory=$1
     shift
     cmake -S . -B "$directory" "$@" >/dev/null
     cmake --build "$directory" -j "$(nproc)" -- --no-print-directory >/dev/null
+    [ "$(id -u)" -ne 0 ] || chown -R --reference=. "$directory"
 }
 
 # Copies the tree as it stands into a directory: new files too, ignored ones and the history not.
