@@ -15,7 +15,8 @@ void become_daemon_under_inetd() {
     dup2(socket(AF_UNIX, SOCK_STREAM, 0), STDIN_FILENO);
     const pid_t before = getpid();
     const bool is_ready = daemon_init(nullptr) == 0 && getpid() == before;
-    exit(is_ready && fcntl(2, F_GETFD) >= 0 && fcntl(3, F_GETFD) < 0 ? 0 : 1);
+    const bool is_connected = fs::is_socket("/proc/self/fd/0");
+    exit(is_ready && is_connected && fcntl(2, F_GETFD) >= 0 && fcntl(3, F_GETFD) < 0 ? 0 : 1);
 }
 
 TEST(DaemonInit, NeitherForksNorClosesStandardDescriptorsUnderInetd) {
@@ -60,6 +61,8 @@ TEST_F(Tables, LevelsThatTheLoggerLetsThrough) {
         set_log_level(level);
         log_every_level();
     }
+    logger_init(dir.path("log").c_str(), 5, 0, 1);
+    log_every_level();
     EXPECT_EQ(log(),
               "VERBOSE: v\n"
               "WARNING: w\nERROR: r\nVERBOSE: v\n"
