@@ -1,0 +1,171 @@
+#include "status_file.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+#include "files.h"
+#include "prom_text.h"
+
+namespace {
+
+constexpr size_t PIECE_SIZE = 65536;
+constexpr size_t MAX_SIZE = 4 << 20;  // many times what any number of lines makes
+
+constexpr std::string_view PREFIX = "vesperd_";
+constexpr std::string_view LINE_PREFIX = "line_";
+
+using metric_t = std::string_view;
+
+constexpr std::array<std::pair<metric_t, double status_t::*>, 3> TIMES = {
+    {{"start_time_seconds", &status_t::start},
+     {"status_time_seconds", &status_t::written},
+     {"load_time_seconds", &status_t::load}}};
+
+constexpr std::array<std::pair<metric_t, double line_status_t::*>, 3> LINE_TIMES = {
+    {{"state_since_seconds", &line_status_t::state_since},
+     {"protocol_since_seconds", &line_status_t::protocol_since},
+     {"last_message_time_seconds", &line_status_t::last_message}}};
+
+constexpr std::array<std::pair<metric_t, int64_t line_status_t::*>, 7> LINE_COUNTERS = {
+    {{"connects_total", &line_status_t::connects},
+     {"received_bytes_total", &line_status_t::received_bytes},
+     {"polls_total", &line_status_t::polls},
+     {"packets_total", &line_status_t::packets},
+     {"check_errors_total", &line_status_t::check_errors},
+     {"messages_total", &line_status_t::messages},
+     {"unmatched_total", &line_status_t::unmatched}}};
+
+// Stores a value where the table says; false when the metric is not in the table.
+template <typename record_t, typename value_t, size_t N>
+bool store(const std::array<std::pair<metric_t, value_t record_t::*>, N> &table, metric_t metric,
+           double value, record_t *record) {
+    for (const auto &[name, member] : table) {
+        if (name == metric) {
+            record->*member = static_cast<value_t>(value);
+            return true;
+        }
+    }
+    return false;
+}
+
+line_status_t *find_line(std::string_view name, status_t *status) {
+    const auto found = std::find_if(status->lines.begin(), status->lines.end(),
+                                    [&](const line_status_t &line) { return line.line == name; });
+    if (found != status->lines.end()) {
+        return &*found;
+    }
+    line_status_t &line = status->lines.emplace_back();
+    line.line = name;
+    return &line;
+}
+
+void store_state(const sample_t &sample, line_status_t *line) {
+    const auto state = std::find(LINE_STATES.begin(), LINE_STATES.end(), sample.label("state"));
+    if (sample.value == 0 || state == LINE_STATES.end()) {
+        return;
+    }
+    line->host = sample.label("host");
+    line->port = sample.label("port");
+    line->state = static_cast<line_state_t>(state - LINE_STATES.begin());
+}
+
+void store_line_sample(metric_t metric, const sample_t &sample, line_status_t *line) {
+    const auto add = [&](const char *label, std::vector<tally_t> *tallies) {
+        tallies->push_back({std::string(sample.label(label)), std::string(sample.label("result")),
+                            static_cast<int64_t>(sample.value)});
+    };
+    if (metric == "state") {
+        store_state(sample, line);
+    } else if (metric == "protocol" && sample.value != 0) {
+        line->protocol = sample.label("protocol");
+        line->configured = sample.label("configured");
+    } else if (metric == "actions_total") {
+        add("action", &line->actions);
+    } else if (metric == "alarms_total") {
+        add("event", &line->alarms);
+    } else if (!store(LINE_TIMES, metric, sample.value, line)) {
+        store(LINE_COUNTERS, metric, sample.value, line);
+    }
+}
+
+void store_sample(metric_t metric, const sample_t &sample, status_t *status) {
+    if (metric.starts_with(LINE_PREFIX)) {
+        store_line_sample(metric.substr(LINE_PREFIX.size()), sample,
+                          find_line(sample.label("line"), status));
+    } else if (metric == "up") {
+        status->is_up = sample.value != 0;
+    } else if (metric == "build_info") {
+        status->version = sample.label("version");
+    } else if (metric == "reloads_total") {
+        status->reloads = static_cast<int64_t>(sample.value);
+    } else {
+        store(TIMES, metric, sample.value, status);
+    }
+}
+
+bool read_text(const std::string &path, std::string *text, std::string *error) {
+    const unique_file_t file(fopen(path.c_str(), "re"));
+    if (!file) {
+        *error = strerror(errno);
+        return false;
+    }
+    std::string piece(PIECE_SIZE, '\0');
+    while (text->size() <= MAX_SIZE) {
+        const size_t count = fread(piece.data(), 1, piece.size(), file.get());
+        if (count == 0) {
+            break;
+        }
+        text->append(piece, 0, count);
+    }
+    if (ferror(file.get())) {
+        *error = strerror(errno);
+        return false;
+    }
+    if (text->size() > MAX_SIZE) {
+        *error = "too large for a status file";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool read_status(const std::string &path, status_t *status, std::string *error) {
+    std::string text;
+    std::vector<sample_t> samples;
+    if (!read_text(path, &text, error) || !parse_samples(text, &samples, error)) {
+        return false;
+    }
+    for (const sample_t &sample : samples) {
+        const metric_t metric = sample.metric;
+        if (!metric.starts_with(PREFIX)) {
+            continue;
+        }
+        // No value of the daemon is beyond what a double counts exactly.
+        if (!(std::fabs(sample.value) < 9e15)) {
+            *error = sample.metric + " has no value";
+            return false;
+        }
+        store_sample(metric.substr(PREFIX.size()), sample, status);
+    }
+    const auto is_whole = [](const line_status_t &line) {
+        return line.state != line_state_t::NONE && !line.protocol.empty();
+    };
+    if (status->written <= 0 ||
+        !std::all_of(status->lines.begin(), status->lines.end(), is_whole)) {
+        *error = "not a whole status file of vesperd";
+        return false;
+    }
+    return true;
+}
+
+int64_t sum_of(const std::vector<tally_t> &tallies, std::string_view result) noexcept {
+    int64_t sum = 0;
+    for (const tally_t &tally : tallies) {
+        sum += tally.result == result ? tally.count : 0;
+    }
+    return sum;
+}

@@ -1,0 +1,59 @@
+// vesperd's status file as records.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// What a line does, named as in the file; NONE before it is known.
+enum class line_state_t { CONNECTING, IDLE, RECEIVING, ACTING, ENDED, NONE };
+constexpr std::array<std::string_view, 5> LINE_STATES = {"connecting", "idle", "receiving",
+                                                         "acting", "ended"};
+
+// How often something ended in a certain way: "call" and "failed", "no_response" and "raised".
+struct tally_t {
+    std::string what;
+    std::string result;
+    int64_t count = 0;
+};
+
+// Times are seconds since the epoch; 0 stands for never, and for a time that the file does not tell.
+struct line_status_t {
+    std::string line;
+    std::string host;
+    std::string port;
+    line_state_t state = line_state_t::NONE;
+    double state_since = 0;
+    std::string protocol;
+    std::string configured;  // another one than `protocol` on a line that fell back
+    double protocol_since = 0;
+    int64_t connects = 0;
+    int64_t received_bytes = 0;
+    int64_t polls = 0;
+    int64_t packets = 0;
+    int64_t check_errors = 0;
+    int64_t messages = 0;
+    int64_t unmatched = 0;
+    std::vector<tally_t> actions;
+    std::vector<tally_t> alarms;
+    double last_message = 0;
+};
+
+struct status_t {
+    bool is_up = false;
+    std::string version;
+    double start = 0;
+    double written = 0;  // when the daemon wrote this version of the file
+    double load = 0;
+    int64_t reloads = 0;
+    std::vector<line_status_t> lines;  // in the order of the file
+};
+
+// Reads a status file. Metrics that are not known are passed over. Returns false when the file cannot
+// be read or is no whole status file, with the reason in `*error`.
+bool read_status(const std::string &path, status_t *status, std::string *error);
+
+// The sum of those tallies that have this result.
+int64_t sum_of(const std::vector<tally_t> &tallies, std::string_view result) noexcept;

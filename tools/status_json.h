@@ -1,0 +1,10 @@
+// The report for programs.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "status_report.h"
+
+// One JSON object on one line.
+std::string report_json(const std::vector<report_t> &reports, double now);

@@ -1,0 +1,74 @@
+#include "status_report.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+std::string plural(size_t count, const std::string &thing) {
+    return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
+}
+
+// A problem with the name of what has it: "site-a: ward3: no connection for 5 min".
+std::string sentence(const report_t &report, const problem_t &problem) {
+    std::string text;
+    for (const std::string &name : {report.instance, problem.line}) {
+        text += name.empty() ? "" : name + ": ";
+    }
+    return text + problem.words;
+}
+
+}  // namespace
+
+report_t make_report(const std::string &file, const limits_t &limits, double now) {
+    report_t report{file, "", {}, {}};
+    std::string error;
+    if (read_status(file, &report.status, &error)) {
+        report.problems = judge(report.status, limits, now);
+    } else {
+        report.status = {};
+        report.problems = {
+            {level_t::UNKNOWN, "unreadable", "", 0, "cannot read " + file + ": " + error}};
+    }
+    return report;
+}
+
+level_t worst_level(const std::vector<report_t> &reports) {
+    level_t worst = level_t::OK;
+    for (const report_t &report : reports) {
+        worst = std::max(worst, worst_level(report.problems));
+    }
+    return worst;
+}
+
+std::vector<sentence_t> make_sentences(const std::vector<report_t> &reports) {
+    std::vector<sentence_t> all;
+    for (const report_t &report : reports) {
+        for (const problem_t &problem : report.problems) {
+            all.push_back({problem.level, sentence(report, problem)});
+        }
+    }
+    std::stable_sort(all.begin(), all.end(),
+                     [](const sentence_t &a, const sentence_t &b) { return a.level > b.level; });
+    return all;
+}
+
+std::string make_summary(const std::vector<report_t> &reports, double now) {
+    size_t count = 0;
+    for (const report_t &report : reports) {
+        count += report.status.lines.size();
+    }
+    const std::string lines = plural(count, "line");
+    if (reports.size() != 1) {
+        return lines + " of " + plural(reports.size(), "daemon");
+    }
+    const status_t &status = reports.front().status;
+    return lines + ", vesperd " + status.version + " runs for " +
+           duration_words(now - status.start);
+}
+
+std::string printable(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
+    return text;
+}

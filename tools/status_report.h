@@ -1,0 +1,38 @@
+// What all reports on status files have in common.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "status_file.h"
+#include "status_judge.h"
+
+// A status file and what is wrong in it. Of a file that could not be read, `problems` has one of kind
+// "unreadable", level UNKNOWN, and `status` is empty.
+struct report_t {
+    std::string file;
+    std::string instance;  // short name of the file where there are several, else empty
+    status_t status;
+    std::vector<problem_t> problems;
+};
+
+// Reads and judges a status file at the time `now`.
+report_t make_report(const std::string &file, const limits_t &limits, double now);
+
+// The worst level of all reports.
+level_t worst_level(const std::vector<report_t> &reports);
+
+// All problems, the worst first, each with the name of what has it: "ward3: no connection for 5 min".
+struct sentence_t {
+    level_t level;
+    std::string text;
+};
+std::vector<sentence_t> make_sentences(const std::vector<report_t> &reports);
+
+// "2 lines, vesperd 1.1.0 runs for 4 d", or "5 lines of 2 daemons".
+std::string make_summary(const std::vector<report_t> &reports, double now);
+
+// The text with "?" in the place of control characters: a line can have any name, and none may move
+// the cursor or end a line of a report.
+std::string printable(std::string text);
