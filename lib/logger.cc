@@ -150,7 +150,7 @@ void write_line(std::string_view line) {
 // that logs while its own thread is in here goes on without the lock.
 void write_syslog(int level, const char *message) {
     static std::timed_mutex mutex;
-    const std::unique_lock lock(mutex, SYSLOG_PATIENCE);
+    const std::unique_lock lock(mutex, std::chrono::system_clock::now() + SYSLOG_PATIENCE);
     openlog("quillet", LOG_PID | LOG_NDELAY, LOG_DAEMON);
     syslog(syslog_level_map.at(static_cast<size_t>(level)), "%s", message);
     closelog();
