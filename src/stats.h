@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "line_state.h"
 #include "tables.h"
 
 // Counted by one thread, read by any.
@@ -21,15 +22,6 @@ class counter_t {
   private:
     std::atomic<uint64_t> value_ = 0;
 };
-
-enum class line_state_t : int {
-    CONNECTING,
-    IDLE,       // connected, between packets
-    RECEIVING,  // in a packet or line
-    ACTING,     // a call file is written or a command runs
-    ENDED,
-};
-constexpr int LINE_STATES = 5;
 
 // What became of an alarm.
 enum class alarm_result_t : int { RAISED, LIMITED, SUPPRESSED, DISABLED };

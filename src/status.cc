@@ -16,6 +16,7 @@
 #include "alarm.h"
 #include "clock.h"
 #include "fd.h"
+#include "line_state.h"
 #include "logger.h"
 #include "stats.h"
 #include "utf8.h"
@@ -23,8 +24,6 @@
 namespace {
 
 constexpr int64_t REWRITE_MS = 15'000;
-constexpr std::array<const char *, LINE_STATES> state_names = {"connecting", "idle", "receiving",
-                                                               "acting", "ended"};
 constexpr std::array<const char *, RULE_ACTIONS> action_names = {"skip", "call", "script"};
 constexpr std::array<const char *, ALARM_RESULTS> result_names = {"raised", "limited", "suppressed",
                                                                   "disabled"};
@@ -123,8 +122,8 @@ using lines_t = std::vector<shown_line_t>;
 void expose_states(exposition_t *out, const lines_t &lines) {
     out->begin("line_state", "gauge", "1 for the state that the line is in.");
     for (const shown_line_t &line : lines) {
-        for (size_t state = 0; state < state_names.size(); state++) {
-            out->sample(line.label + "," + line.where + ",state=\"" + state_names[state] + "\"",
+        for (size_t state = 0; state < LINE_STATES.size(); state++) {
+            out->sample(line.label + "," + line.where + ",state=\"" + LINE_STATES[state] + "\"",
                         static_cast<size_t>(line.stats->state.load()) == state);
         }
     }

@@ -1,6 +1,7 @@
 #include "status_file.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -152,7 +153,7 @@ bool read_status(const std::string &path, status_t *status, std::string *error) 
         store_sample(metric.substr(PREFIX.size()), sample, status);
     }
     const auto is_whole = [](const line_status_t &line) {
-        return line.state != line_state_t::NONE && !line.protocol.empty();
+        return !line.port.empty() && !line.protocol.empty();  // the port comes with the state
     };
     if (status->written <= 0 ||
         !std::all_of(status->lines.begin(), status->lines.end(), is_whole)) {

@@ -1,16 +1,12 @@
 // vesperd's status file as records.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
-// What a line does, named as in the file; NONE before it is known.
-enum class line_state_t { CONNECTING, IDLE, RECEIVING, ACTING, ENDED, NONE };
-constexpr std::array<std::string_view, 5> LINE_STATES = {"connecting", "idle", "receiving",
-                                                         "acting", "ended"};
+#include "line_state.h"
 
 // How often something ended in a certain way: "call" and "failed", "no_response" and "raised".
 struct tally_t {
@@ -24,7 +20,7 @@ struct line_status_t {
     std::string line;
     std::string host;
     std::string port;
-    line_state_t state = line_state_t::NONE;
+    line_state_t state = line_state_t::CONNECTING;
     double state_since = 0;
     std::string protocol;
     std::string configured;  // another one than `protocol` on a line that fell back
