@@ -98,7 +98,7 @@ std::string make_table(const std::vector<row_t> &rows, bool with_several, bool w
                              "STATE",
                              "PROTOCOL",
                              "MESSAGES",
-                             "LAST",
+                             "LAST MESSAGE",
                              "ERRORS"};
     widths_t widths{};
     for (size_t column = 0; column < COLUMNS; column++) {

@@ -1,0 +1,82 @@
+// vesperstat on status files written by hand, with times that leave most of a minute to look at them.
+
+#include <chrono>
+
+#include "support.h"
+
+namespace {
+
+std::string ago(double seconds) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return " " + std::to_string(std::chrono::duration<double>(now).count() - seconds) + "\n";
+}
+
+std::string served(int up, double age, const std::string &lines = "") {
+    return "# TYPE vesperd_up gauge\nvesperd_up " + std::to_string(up) +
+           "\nvesperd_start_time_seconds" + ago(12'000) + "vesperd_status_time_seconds" + ago(age) +
+           lines;
+}
+
+std::string line(const std::string &name, const std::string &state, double since,
+                 const std::string &protocol = "espa", double last = 12'000) {
+    const std::string label = "{line=\"" + name + "\"";
+    return "vesperd_line_state" + label + ",port=\"4001\",state=\"idle\"} 0\nvesperd_line_state" +
+           label + ",host=\"h\",port=\"4001\",state=\"" + state +
+           "\"} 1\nvesperd_line_state_since_seconds" + label + "}" + ago(since) +
+           "vesperd_line_protocol" + label + ",protocol=\"" + protocol +
+           "\",configured=\"espa\"} 1\nvesperd_line_messages_total" + label + ",} +17 0\n" +
+           "vesperd_line_last_message_time_seconds" + label + "}" + ago(last);
+}
+
+TEST(Status, IsJudged) {
+    const struct {
+        std::string file;
+        const char *options;
+        int status;
+        const char *words;
+    } rows[] = {
+        {line("a", "idle", 9e5), "--warn-silence 13000", 0, "OK - 1 line, vesperd  runs for 3 h |"},
+        {line("a", "idle", 9e5), "--warn-silence 9000", 1, "WARNING - a: no message for 3 h |"},
+        {line("a", "connecting", 130), "--critical-down 600", 0,
+         "OK - a: no connection for 2 min |"},
+        {line("a", "connecting", 130), "", 2, "CRITICAL - a: no connection for 2 min |"},
+        {line("a", "ended", 130), "", 2, "CRITICAL - a: ended 2 min ago |"},
+        {line("a", "receiving", 730), "", 2, "CRITICAL - a: in a packet for 12 min |"},
+        {line("a", "idle", 1, "ascii"), "", 1, "WARNING - a: fell back to ASCII |"},
+        {line("a", "idle", 1, "ascii") + line("b", "acting", 2'410), "", 2,
+         "CRITICAL - b: a command runs for 40 min, a: fell back to ASCII |"},
+        {line("\\\\b\\\"c\\n|", "ended", 130), "", 2, "CRITICAL - \\b\"c?/: ended 2 min ago |"},
+        {served(0, 130), "", 2, "CRITICAL - vesperd ended 2 min ago |"},
+        {served(1, 130, line("a", "ended", 999)), "", 2,
+         "CRITICAL - vesperd is gone, its status is 2 min old |"},
+        {served(1, 0, "vesperd_reloads_total 1"), "", 3, "UNKNOWN - cannot read "},
+        {served(1, 0, "vesperd_reloads_total NaN\n"), "", 3, "UNKNOWN - "},
+        {served(1, 0, "node_procs{pid=1} 1\n"), "", 3, "UNKNOWN - "},
+        {line("a", "asleep", 1), "", 3, "UNKNOWN - "},
+        {"# of somebody else\n", "", 3, "UNKNOWN - "},
+    };
+    const temp_dir_t dir;
+    for (const auto &row : rows) {
+        const bool is_line = row.file.starts_with("vesperd_line");
+        const auto file = dir.write("file", is_line ? served(1, 2, row.file) : row.file);
+        EXPECT_THAT(run(row.status, "vesperstat --check -s " + file + " " + row.options),
+                    StartsWith("VESPERD "s + row.words));
+    }
+}
+
+TEST(Status, IsShown) {
+    const temp_dir_t dir;
+    const auto north = dir.write("north.prom", served(1, 2, line("a", "idle", 130)));
+    const auto south = dir.write("south.prom", served(1, 2, line("Süd", "connecting", 7'500)));
+    EXPECT_THAT(run(0, "vesperstat -s " + north), StartsWith("Nothing is wrong: 1 line, "));
+    EXPECT_EQ(run(0, "vesperstat -s " + north + " -s " + south),
+              "south: Süd: no connection for 2 h\n\n"
+              "INSTANCE  LINE  ADDRESS  STATE           PROTOCOL  MESSAGES  LAST MESSAGE  ERRORS\n"
+              "south     Süd   h:4001   connecting 2 h  espa      17        3 h ago       -\n"
+              "north     a     h:4001   idle 2 min      espa      17        3 h ago       -\n");
+    EXPECT_THAT(run(3, "vesperstat --json -s " + south + " -s " + dir.path("none")),
+                AllOf(HasSubstr("\"level\":\"critical\",\"instances\":[{"),
+                      HasSubstr("\"kind\":\"unreadable\""), HasSubstr("\"messages\":17,")));
+}
+
+}  // namespace
