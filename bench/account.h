@@ -1,5 +1,5 @@
-// The account of what the daemon made of numbered messages, kept by its operational log, which tells
-// each message once.
+// The account of what the daemon made of numbered messages, kept by its journal, which has an object
+// for each message.
 #pragma once
 
 #include <cstdint>
@@ -7,16 +7,17 @@
 #include <string>
 #include <vector>
 
-// Text of random length behind the message's number, with bytes that templates and patterns know.
+// The number of a message, a check of what follows, and random bytes of random length: all bytes but
+// those that end a text on a line of either protocol.
 std::string numbered_message(int number, std::mt19937 *random);
 
 class account_t {
   public:
-    // log  the daemon's log file, which is taken away in portions; the daemon makes it anew
-    account_t(const std::string &log, int messages)
-        : log_(log), seen_(static_cast<size_t>(messages)) {}
+    // journal, log  the daemon's files, which are taken away in portions; the daemon makes them anew
+    account_t(const std::string &journal, const std::string &log, int messages)
+        : journal_(journal), log_(log), seen_(static_cast<size_t>(messages)) {}
 
-    // Counts what was logged since the last call.
+    // Counts what was written since the last call.
     void count_portion();
 
     // How many of `count` numbers, from `first` on and `step` apart, were not seen.
@@ -24,13 +25,17 @@ class account_t {
     int missing() const { return missing(0, static_cast<int>(seen_.size()), 1); }
     // How many numbers were seen more than once.
     int repeated() const;
+    // Messages whose text is not what was sent, and lines of the journal that are no JSON objects.
+    int wrong() const { return wrong_; }
     // Lines that turned from ESPA 4.4.4 to ASCII.
     int fallbacks() const { return fallbacks_; }
 
   private:
-    void count_line(const std::string &line);
+    void count_object(const std::string &line);
 
+    std::string journal_;
     std::string log_;
     std::vector<uint8_t> seen_;
+    int wrong_ = 0;
     int fallbacks_ = 0;
 };

@@ -84,7 +84,8 @@ int play_line(station_t *station) {
 int main(int argc, char **argv) {
     const int reloads = argc > 1 ? atoi(argv[1]) : 200;
     site_t site(LINES);
-    site.start_in_background(site.write_conf(0, PAGER_KEYS, RULES), MAX_DESCRIPTORS);
+    site.start_in_background(site.write_conf(0, PAGER_KEYS, site.monitoring() + RULES),
+                             MAX_DESCRIPTORS);
     std::vector<station_t> stations;
     for (int line = 0; line < LINES; line++) {
         stations.push_back({site, line, unique_fd_t()});
@@ -94,7 +95,7 @@ int main(int argc, char **argv) {
     for (size_t line = 0; line < LINES; line++) {
         lines.emplace_back([&, line] { sent[line] = play_line(&stations[line]); });
     }
-    account_t account(site.log_file(), LINES * MESSAGES_PER_LINE);
+    account_t account(site.journal_file(), site.log_file(), LINES * MESSAGES_PER_LINE);
     for (int i = 0; i < reloads; i++) {
         std::this_thread::sleep_for(RELOAD_EVERY);
         kill(site.pid(), SIGHUP);

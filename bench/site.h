@@ -22,6 +22,13 @@ class site_t {
 
     const std::string &dir() const { return dir_; }
     std::string log_file() const { return dir_ + "/log"; }
+    std::string journal_file() const { return dir_ + "/journal"; }
+    std::string status_file() const { return dir_ + "/status.prom"; }
+    // The section that switches on both, to stand among the rules.
+    std::string monitoring() const {
+        return "[logger]\njournal_file = " + journal_file() + "\nstatus_file = " + status_file() +
+               "\n";
+    }
     std::vector<std::string> ports() const;
 
     // Writes a configuration with one pager per line, named line0, line1, ...; `sections` holds the

@@ -3,8 +3,9 @@
 //   bench_soak MESSAGES
 //
 // A line starts as ESPA 4.4.4 and speaks ASCII from its first reconnect on, as the daemon does. Every
-// message carries a number of its own; the daemon's operational log, which tells each message once, is
-// the account. Exits with 1 when a message is lost or was handled twice.
+// message carries a number of its own and random bytes; the daemon's journal, which tells each message
+// once, is the account. Meanwhile a reader looks at the status file all the time. Exits with 1 when a
+// message is lost, was handled twice or stands otherwise in the journal, or a status file is not whole.
 
 #include <sys/socket.h>
 
@@ -17,6 +18,7 @@
 #include "account.h"
 #include "control_station.h"
 #include "site.h"
+#include "status_file.h"
 
 namespace {
 
@@ -55,12 +57,49 @@ void play_line(const site_t &site, int line, int first, int count) {
     }
 }
 
+// Reads the status file for as long as messages are sent.
+class status_reader_t {
+  public:
+    explicit status_reader_t(const std::string &path)
+        : reader_([this, path] {
+              while (!done_) {
+                  read(path);
+              }
+          }) {}
+    void stop() {
+        done_ = true;
+        reader_.join();
+    }
+    int versions() const { return versions_; }
+    int broken() const { return broken_; }
+
+  private:
+    void read(const std::string &path) {
+        status_t status;
+        std::string error;
+        if (read_status(path, &status, &error)) {
+            versions_ += status.written != last_;
+            last_ = status.written;
+            broken_ += status.lines.size() != LINES;
+        } else {
+            broken_ += versions_ > 0;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+
+    std::atomic<bool> done_ = false;
+    double last_ = 0;
+    int versions_ = 0;
+    int broken_ = 0;
+    std::thread reader_;
+};
+
 }  // namespace
 
 int main(int argc, char **argv) {
     const int messages = argc > 1 ? atoi(argv[1]) : 20000;
     site_t site(LINES);
-    site.start({"vesperd", "-f", "-c", site.write_conf(0, PAGER_KEYS, RULES)});
+    site.start({"vesperd", "-f", "-c", site.write_conf(0, PAGER_KEYS, site.monitoring() + RULES)});
     const auto begin = std::chrono::steady_clock::now();
     std::atomic<int> playing = LINES;
     std::vector<std::thread> lines;
@@ -72,7 +111,8 @@ int main(int argc, char **argv) {
             playing--;
         });
     }
-    account_t account(site.log_file(), messages);
+    account_t account(site.journal_file(), site.log_file(), messages);
+    status_reader_t reader(site.status_file());
     std::this_thread::sleep_for(std::chrono::seconds(5));
     const long resident_at_start = site.resident_kilobytes();
     while (playing > 0) {
@@ -92,12 +132,18 @@ int main(int argc, char **argv) {
             progress = std::chrono::steady_clock::now();
         }
     }
+    reader.stop();
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
     const long resident_at_end = site.resident_kilobytes();
     const usage_t used = site.stop();
-    printf("%d messages over %d lines in %.0f s: %d lost, %d duplicated\n", messages, LINES,
-           taken.count(), account.missing(), account.repeated());
+    printf("%d messages over %d lines in %.0f s: %d lost, %d duplicated, %d with another text\n",
+           messages, LINES, taken.count(), account.missing(), account.repeated(), account.wrong());
+    printf("%d versions of the status file, %d of them broken\n", reader.versions(),
+           reader.broken());
     printf("resident memory %ld kB after 5 s, %ld kB at the end, peak %ld kB; %.1f CPU seconds\n",
            resident_at_start, resident_at_end, used.peak_kilobytes, used.cpu_seconds);
-    return account.missing() == 0 && account.repeated() == 0 ? 0 : 1;
+    return account.missing() == 0 && account.repeated() == 0 && account.wrong() == 0 &&
+                   reader.broken() == 0
+               ? 0
+               : 1;
 }

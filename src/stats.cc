@@ -9,12 +9,19 @@ namespace {
 
 thread_local line_stats_t *mine = nullptr;
 
+line_stats_t &stats_of(const pager_t *pager) {
+    return line_stats[static_cast<size_t>(pager - pagers)];
+}
+
 }  // namespace
 
+void stats_begin(const pager_t *pager) noexcept {
+    stats_of(pager).state_since_ms = milliseconds_now();
+    stats_of(pager).is_served = true;
+}
+
 void stats_serve(const pager_t *pager) noexcept {
-    mine = &line_stats[static_cast<size_t>(pager - pagers)];
-    mine->state_since_ms = milliseconds_now();
-    mine->is_served = true;
+    mine = &stats_of(pager);
 }
 
 line_stats_t &my_stats() noexcept {
@@ -30,6 +37,14 @@ line_state_t enter_state(line_state_t state) noexcept {
         stats.state.store(state, std::memory_order_relaxed);
     }
     return before;
+}
+
+void note_protocol(int protocol) noexcept {
+    line_stats_t &stats = my_stats();
+    if (stats.protocol.load(std::memory_order_relaxed) != protocol) {
+        stats.protocol_since_ms.store(milliseconds_now(), std::memory_order_relaxed);
+        stats.protocol.store(protocol, std::memory_order_relaxed);
+    }
 }
 
 void count_alarm(int alrm, alarm_result_t result) noexcept {

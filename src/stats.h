@@ -43,11 +43,16 @@ struct line_stats_t {
     std::atomic<int64_t> last_message_ms = 0;  // since the epoch, 0: none yet
     std::atomic<line_state_t> state = line_state_t::CONNECTING;
     std::atomic<int64_t> state_since_ms = 0;
+    std::atomic<int> protocol = -1;
+    std::atomic<int64_t> protocol_since_ms = 0;
     std::atomic<bool> is_served = false;  // has a thread, or had one
 };
 
 // By the position of the pager in its table.
 extern std::array<line_stats_t, MAX_PAGERS> line_stats;
+
+// A pager of the table gets a thread: its line is shown from now on.
+void stats_begin(const pager_t *pager) noexcept;
 
 // Makes the calling thread the one that counts for a pager of the table.
 void stats_serve(const pager_t *pager) noexcept;
@@ -57,6 +62,9 @@ line_stats_t &my_stats() noexcept;
 
 // Puts the calling thread's line into a state. Returns the state before.
 line_state_t enter_state(line_state_t state) noexcept;
+
+// Notes the protocol that the calling thread's line speaks, and since when.
+void note_protocol(int protocol) noexcept;
 
 // Counts what became of an alarm of the calling thread's line.
 void count_alarm(int alrm, alarm_result_t result) noexcept;

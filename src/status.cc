@@ -140,6 +140,10 @@ void expose_states(exposition_t *out, const lines_t &lines) {
                         name(line.is_configured_ascii) + "\"",
                     1);
     }
+    out->begin("line_protocol_since_seconds", "gauge", "Since when the line speaks it.");
+    for (const shown_line_t &line : lines) {
+        out->sample_seconds(line.label, line.stats->protocol_since_ms);
+    }
 }
 
 void expose_counters(exposition_t *out, const lines_t &lines) {

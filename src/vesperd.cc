@@ -266,6 +266,7 @@ void swap_to_ascii(line_t *line) {
     LOG_SERVICE(LEVEL_ERROR, "Perhaps protocol selection is wrong\n");
     LOG_SERVICE(LEVEL_ERROR, "Trying to swap to ASCII. PLEASE check configuration\n");
     store_shared(&line->pager->protocol, PROTOCOL_ASCII);
+    note_protocol(PROTOCOL_ASCII);
 }
 
 void report_failure(const line_t *line, int result) {
@@ -361,7 +362,9 @@ void serve_turn(line_t *line) {
     if (line->sock < 0 && !connect_line(line)) {
         return;
     }
-    if (load_shared(line->pager->protocol) == PROTOCOL_ESPA) {
+    const int protocol = load_shared(line->pager->protocol);
+    note_protocol(protocol);
+    if (protocol == PROTOCOL_ESPA) {
         serve_espa(line);
     } else {
         serve_ascii(line);
@@ -380,6 +383,7 @@ void clean_staging_directories() {
 void start_service_threads() {
     for (int i = 0; i < num_pagers; i++) {
         pthread_mutex_init(&pagers[i].lock, nullptr);
+        stats_begin(&pagers[i]);
         pthread_create(&pagers[i].bg, nullptr, service_proc, &pagers[i]);
     }
 }

@@ -1,0 +1,127 @@
+// What the daemon tells about its lines while something is wrong with them, and what it notes down.
+
+#include "running_daemon.h"
+
+namespace {
+
+const std::string FILES = "[logger]\nstatus_file = @status\njournal_file = @journal\n";
+const std::string RULES =
+    "[rule_call]\npattern = CALL\naction = call\n[rule_slow]\npattern = SLOW\naction = script\n"
+    "callscript = 'echo $$ > @pid; exec sleep 1000'\n";
+
+struct Monitoring : Installed {};
+
+// Every fault shows while it lasts, and not any more when it is over.
+TEST_F(Monitoring, FaultsComeAndGo) {
+    const struct {
+        const char *name, *sent, *words;
+    } faults[] = {
+        {"refused", "", "refused: no connection for "},
+        {"in_packet", "\x01", "in_packet: in a packet for "},
+        {"slow", "SLOW", "slow: a command runs for "},
+        {"fell_back", "", "fell_back: fell back to ASCII "},
+    };
+    std::vector<daemon_t::line_t> keys;
+    for (const auto &fault : faults) {
+        keys.push_back({fault.name, "rules = rule_call,rule_slow\n"});
+    }
+    daemon_t daemon(keys, FILES + RULES);
+    const std::string check =
+        "vesperstat --check --critical-down 1 -s " + daemon.dir.path("status");
+    const auto shows = [&](int status, const std::string &words) {
+        program_t program(check);
+        return program.wait() == status && program.output().find(words) != std::string::npos;
+    };
+    daemon.listeners[0].reset();
+    child_t process = daemon.start();
+    unique_fd_t lines[4];
+    for (size_t i : {1, 2, 3}) {
+        lines[i] = daemon.accept(i);
+    }
+    send_bytes(lines[1], faults[1].sent);
+    send_bytes(lines[2], compose_packet(to("1", faults[2].sent)));
+    lines[3] = unique_fd_t();
+    lines[3] = daemon.accept(3);
+    for (const auto &fault : faults) {
+        EXPECT_TRUE(eventually([&] { return shows(2, fault.words); })) << fault.words;
+    }
+    std::string error;
+    daemon.listeners[0] = listen_on("127.0.0.1", std::stoi(daemon.ports[0]), &error);
+    send_bytes(lines[1], wire("<EOT>"));
+    kill(std::stoi(daemon.dir.read("pid")), SIGTERM);
+    lines[0] = daemon.accept(0);
+    kill(process.pid, SIGHUP);  // makes an ESPA line of the one that fell back
+    for (size_t i : {0, 1, 2, 3}) {
+        send(lines[i].get(), "\n\x04", 2, MSG_NOSIGNAL);
+        lines[i] = daemon.accept(i);
+    }
+    EXPECT_TRUE(eventually([&] { return shows(0, "OK - 4 lines"); })) << run(2, check);
+    EXPECT_EQ(process.end(SIGTERM), 0);
+    EXPECT_TRUE(shows(2, "vesperd ended "));
+}
+
+// The samples of a status file that begin with a name, without it.
+texts_t samples(const daemon_t &daemon, const std::string &name) {
+    texts_t found;
+    std::istringstream text(daemon.dir.read("status"));
+    for (std::string line; std::getline(text, line);) {
+        if (line.starts_with("vesperd_" + name)) {
+            found.push_back(line.substr(name.size() + 8));
+        }
+    }
+    return found;
+}
+
+TEST_F(Monitoring, CountersAndJournal) {
+    daemon_t daemon({{"a\"\\\xE9",
+                      "rules = rule_call,rule_exit\nspool_dir = @spool\n"
+                      "send_service_actions = yes\n"}},
+                    FILES + RULES +
+                        "[rule_exit]\npattern = EXIT.*\naction = script\n"
+                        "callscript = 'kill -9 $$; exit 0'\n");
+    fs::create_directory(daemon.dir.path("spool"));
+    fs::permissions(daemon.dir.path("spool"), fs::perms(0777));
+    const child_t process = daemon.start();
+    const unique_fd_t line = daemon.accept();
+    control_station_t station(line.get(), 30, nullptr);
+    EXPECT_TRUE(station.send_call(to("47\x11", "CALL \xC3\xA4 \"")));
+    EXPECT_TRUE(station.send_call(to("", "EXIT \xFF")));
+    EXPECT_TRUE(station.send_call(to("1", "other")));
+    EXPECT_TRUE(station.send_packet(wire("<SOH>1<STX>2<US>CALL<ETX><07>")));
+    EXPECT_TRUE(station.end_transmission());
+    const std::string label = "{line=\"a\\\"\\\\\xC3\xA9\"";
+    EXPECT_TRUE(eventually(
+        [&] { return samples(daemon, "line_check_errors_total") == texts_t{label + "} 1"}; }));
+    EXPECT_EQ(samples(daemon, "line_messages_total"), texts_t{label + "} 3"});
+    EXPECT_EQ(samples(daemon, "line_unmatched_total"), texts_t{label + "} 1"});
+    EXPECT_THAT(samples(daemon, "line_actions_total"),
+                IsSupersetOf({label + ",action=\"call\",result=\"ok\"} 1",
+                              label + ",action=\"script\",result=\"failed\"} 1"}));
+    EXPECT_THAT(samples(daemon, "line_alarms_total"),
+                Contains(label + ",event=\"transmission_error\",result=\"raised\"} 1"));
+    const std::string head = "\"line\":\"a\\\"\\\\\xC3\xA9\",\"event\":\"";
+    std::string journal = daemon.dir.read("journal");
+    const std::pair<const char *, const char *> edits[] = {
+        {"\\{\"time\":\"20\\d\\d-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d\\d:\\d\\d\",",
+         ""},
+        {",\"ms\":[0-9.]+\\}", ""},
+        {"call_s_[0-9]+", "FILE"},
+    };
+    for (const auto &[pattern, text] : edits) {
+        journal = std::regex_replace(journal, std::regex(pattern), text);
+    }
+    const std::string none = ",\"rule\":null,\"action\":null,\"result\":\"none\"\n";
+    const std::string espa = "\",\"protocol\":\"espa\"";
+    const std::string message = head + "message" + espa + ",\"address\":\"";
+    EXPECT_EQ(journal,
+              head + "started" + espa + none + head + "connected" + espa + none + message +
+                  "47\\u0011\",\"text\":\"CALL \xC3\xA4 \\\"\",\"rule\":\"rule_call\",\"action\":"
+                  "\"call\",\"result\":\"ok\",\"file\":\"FILE\"\n" +
+                  message +
+                  "\",\"text\":\"EXIT \xC3\xBF\",\"rule\":\"rule_exit\",\"action\":"
+                  "\"script\",\"result\":\"failed\",\"exit\":137\n" +
+                  message + "1\",\"text\":\"other\"" + none + head + "transmission_error" + espa +
+                  none);
+}
+
+}  // namespace
