@@ -132,6 +132,7 @@ TEST(Espa, ParsesCallRecords) {
         {"<SOH>1<STX>1<US>ABCDE<RS>1<US>XY<ETX>q", "1|XYCDE||"},
         {"<SOH><NUL><STX>1<US>5<ETX>", "<NUL>|||"},
         {"<SOH>1<SOH>2<STX>1<US>5<ETX>q", "2|5||"},
+        {"<SOH>1<STX>1<US>a<NUL>b<ETX>q", "1|a<NUL>b||"},
         {"<SOH>1<STX>1<US>" + m200 + "<RS>2<US>" + m200 + "<ETX>q", "1|" + m19 + "|" + m128 + "|"},
         {"<SOH>1<STX>1<US>5<ETX><STX>", "1|5||"},
         {"<SOH>1<STX>", "1|||"},
