@@ -68,7 +68,8 @@ TEST_F(Tables, DefaultsAndOddValues) {
 }
 
 TEST_F(Tables, PagersThatFail) {
-    load("[bad]\nhost = no such host\n" + pager(std::string(100, 'n')) + "[worse]\nport = 1\n");
+    load("[bad]\nhost = no such host\n" + pager(std::string(100, 'n')) +
+         pager(std::string(251, 'l')));
     EXPECT_EQ(joined(num_pagers, pagers[0].name, pagers[1].name),
               "1|" + std::string(63, 'n') + "||");
     EXPECT_THAT(log(), StartsWith("ERROR: Unable to find host no such host\n\n"

@@ -1,4 +1,4 @@
-// The library: detaching, deferred signals, log lines and the INI dialect.
+// The library: detaching, pidfiles, deferred signals, log lines and the INI dialect.
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -23,6 +23,20 @@ TEST(DaemonInit, NeitherForksNorClosesStandardDescriptorsUnderInetd) {
     EXPECT_EXIT(become_daemon_under_inetd(), ExitedWithCode(7), "");  // a parent leaves with 0
 }
 
+TEST(Pidfile, OfAnotherInstanceIsLeftAlone) {
+    const temp_dir_t dir;
+    const std::string file = dir.path("x.pid");
+    EXPECT_EQ(daemon_pidfile(file.c_str()), 0);
+    child_t other(fork());
+    if (other.pid == 0) {
+        _exit(daemon_pidfile(file.c_str()) == -1 && daemon_close() == 0 ? 0 : 1);
+    }
+    EXPECT_EQ(other.wait(), 0);
+    EXPECT_TRUE(fs::exists(file));
+    EXPECT_EQ(daemon_close(), 0);
+    EXPECT_FALSE(fs::exists(file));
+}
+
 std::string handled;
 
 void note_signal(int signo) {
@@ -34,6 +48,7 @@ void note_signal(int signo) {
 
 TEST(Signals, AreCountedAndHandledLater) {
     for (const int signo : {SIGTERM, SIGHUP, SIGRTMAX}) {
+        signal_raise(signo);  // forgotten by the next call
         ASSERT_EQ(signal_set_handler(signo, 0, note_signal), 0);
     }
     EXPECT_EQ(signal_addset(SIGTERM, SIGWINCH), 0);
