@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -126,6 +127,35 @@ void compare(int lines, int log_level, log_lines_t log_lines, const char *floor_
     fflush(stdout);
 }
 
+// What keys cost: the daemon with them against the daemon without, at log level 0.
+void compare_keys(const char *name, int lines, const std::string &pager_keys,
+                  const std::string &sections, int messages) {
+    std::vector<double> ratios;
+    site_t site(lines);
+    std::filesystem::create_directory(site.dir() + "/staging");
+    std::filesystem::permissions(site.dir() + "/staging", std::filesystem::perms::all);
+    const std::string keys =
+        std::regex_replace(pager_keys, std::regex("@"), site.dir() + "/staging");
+    for (int round = 0; round < ROUNDS; round++) {
+        const std::vector<std::string> with = {
+            "vesperd", "-f", "-c",
+            site.write_conf(0, PAGER_KEYS + keys,
+                            (sections.empty() ? site.monitoring() : sections) + RULES +
+                                "quote = " + (sections.empty() ? "no" : "yes") + "\n")};
+        const result_t changed = measure(with, &site, lines, messages);
+        std::filesystem::remove(site.journal_file());
+        for (const auto &entry : std::filesystem::directory_iterator(site.dir())) {
+            if (entry.path().filename().string().starts_with("call_")) {
+                std::filesystem::remove(entry.path());
+            }
+        }
+        const result_t plain = measure(daemon_command(site, 0), &site, lines, messages);
+        ratios.push_back(changed.cpu_microseconds / plain.cpu_microseconds);
+    }
+    printf("%5d  %-48s %6.3f times the CPU time without\n", lines, name, median(ratios));
+    fflush(stdout);
+}
+
 // System calls by name, as "strace -c -f" counts them.
 std::map<std::string, double> count_calls(int log_level, int messages) {
     site_t site(1);
@@ -209,6 +239,13 @@ int main(int argc, char **argv) {
         compare(lines, 0, {0, 0}, "without log", messages);
         compare(lines, 0, at_0, "with the same log", messages);
         compare(lines, 5, at_5, "with the same log", messages / 4);
+    }
+    printf("\n");
+    for (const int lines : {1, MAX_LINES}) {
+        compare_keys("status_file and journal_file", lines, "", "", messages);
+        compare_keys("recover_link, ack_when_done, staging_dir, quote", lines,
+                     "recover_link = yes\nack_when_done = yes\nstaging_dir = @\n", "[logger]\n",
+                     messages);
     }
     printf("\n");
     print_calls(0);

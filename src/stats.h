@@ -30,7 +30,7 @@ constexpr int ALARM_RESULTS = 4;
 constexpr int RULE_ACTIONS = 3;  // SKIP, CALL, SCRIPT
 constexpr int ALARM_EVENTS = 8;  // by the rows of `alarms`
 
-struct line_stats_t {
+struct alignas(64) line_stats_t {  // threads do not share cache lines
     counter_t connects;
     counter_t received_bytes;
     counter_t polls;  // requests, that is an address and ENQ
