@@ -12,14 +12,27 @@ constexpr size_t PIECE_SIZE = 256;
 
 bool charset_t::open(const char *name) noexcept {
     if (name_ == name) {
-        return name_.empty() || conversion_ != NONE;
+        return true;
     }
     close();
     name_ = name;
-    if (!name_.empty()) {
-        conversion_ = iconv_open("UTF-8", name);
+    if (name[0] == '\0') {
+        return true;
     }
-    return name_.empty() || conversion_ != NONE;
+    conversion_ = iconv_open("UTF-8", name);
+    if (conversion_ == NONE) {
+        name_.clear();  // the next time may be better
+    }
+    return conversion_ != NONE;
+}
+
+// Some sets hold a character back that the next one may combine with.
+void charset_t::finish(std::string *converted) const noexcept {
+    char piece[PIECE_SIZE];
+    char *to = piece;
+    size_t room = sizeof piece;
+    iconv(conversion_, nullptr, nullptr, &to, &room);
+    converted->append(piece, sizeof piece - room);
 }
 
 std::string charset_t::to_utf8(std::string_view text) const noexcept {
@@ -38,11 +51,13 @@ std::string charset_t::to_utf8(std::string_view text) const noexcept {
         const int error = errno;
         converted.append(piece, sizeof piece - room);
         if (failed && error != E2BIG) {
+            finish(&converted);
             converted += REPLACEMENT;
             from++;
             left--;
         }
     }
+    finish(&converted);
     return converted;
 }
 

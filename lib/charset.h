@@ -22,6 +22,7 @@ class charset_t {
     std::string to_utf8(std::string_view text) const noexcept;
 
   private:
+    void finish(std::string *converted) const noexcept;
     void close() noexcept;
 
     std::string name_;

@@ -91,6 +91,11 @@ outcome_t place_call(const pager_t *pager, const rule_t *rule, const placeholder
     const expanded_t<FIELD_SIZE> callerid(rule->callerid, with, of_caller, size);
     const expanded_t<FIELD_SIZE> channel(rule->channel, with, of_names, size);
 
+    if (quotes && std::string_view(extension.text).find("/../") != std::string_view::npos) {
+        LOG_AS(LEVEL_ERROR, "call_action",
+               "Extension of rule %s leads out of the spool directory\n", rule->name);
+        return {false, false, "", -1};
+    }
     char name[FIELD_SIZE + 32];
     snprintf(name, sizeof name, "call_%s_%d", extension.text, seconds_now());
     char content[4 * FIELD_SIZE + 128];
@@ -226,14 +231,14 @@ void process_status(const pager_t *pager, std::string_view name) {
 outcome_t perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
                          const rule_t *rule) noexcept {
     const placeholders_t with{alrm, number, message, rule->values};
-    const line_state_t before = enter_state(line_state_t::ACTING);
     outcome_t outcome;
     if (rule->action == CALL) {
+        const acting_t acting;
         outcome = place_call(pager, rule, with);
     } else if (rule->action == SCRIPT) {
+        const acting_t acting;
         outcome = run_command(rule, with);
     }
-    enter_state(before);
     my_stats().actions[static_cast<size_t>(rule->action)][outcome.succeeded ? 1 : 0].add();
     return outcome;
 }

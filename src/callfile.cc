@@ -72,7 +72,7 @@ bool next_path(staged_call_t *call) {
     return length < PATH_SIZE;
 }
 
-// Takes the lock that keeps call_file_clean() away. It may have come before.
+// Takes the lock that keeps call_file_clean() away, which may have come first.
 bool lock_against_cleaning(const unique_fd_t &file) {
     if (flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
         return false;
@@ -102,6 +102,10 @@ class staged_file_t {
         if (filled.outcome != call_file_t::WRITTEN) {
             file_.reset();
             error_ = filled.error != 0 ? filled.error : EIO;
+        } else if (close(dup(file_.get())) != 0) {  // tells of errors that come late
+            error_ = errno;
+            unlink(path_.c_str());
+            file_.reset();
         }
     }
     staged_file_t(const staged_file_t &) = delete;
@@ -116,7 +120,7 @@ class staged_file_t {
     bool is_complete() const { return bool(file_); }
     // Why the file could not be opened, written or, after rename_to(), renamed; errno.
     int error() const { return error_; }
-    // Whether it was opened, which is not to be expected of other calls either when it was not.
+    // Whether it was opened; when not, no other call can be staged either.
     bool was_opened() const { return was_opened_; }
 
     // Returns whether it now has that path, which did not exist.
@@ -136,12 +140,20 @@ class staged_file_t {
     bool was_opened_ = false;
 };
 
+bool are_on_different_disks(const char *one, const char *other) {
+    struct stat one_status {};
+    struct stat other_status {};
+    return stat(one, &one_status) == 0 && stat(other, &other_status) == 0 &&
+           one_status.st_dev != other_status.st_dev;
+}
+
 // Whether the way over the staging directory is closed for good, rather than for want of space. Only
 // then is a call file written where the PBX may see a part of it.
-bool cannot_be_staged(const staged_file_t &staged) {
+bool cannot_be_staged(const staged_file_t &staged, const staged_call_t &call) {
     switch (staged.error()) {
         case ENOSPC:
         case EDQUOT:
+            return are_on_different_disks(call.staging_dir, call.spool_dir);
         case EIO:
         case EMFILE:
         case ENFILE:
@@ -165,7 +177,7 @@ call_file_result_t call_file_write(const char *path, std::string_view content) n
 
 call_file_result_t call_file_stage(staged_call_t *call, std::string_view content) noexcept {
     staged_file_t staged(call->staging_dir, content);
-    if (!staged.is_complete() && !cannot_be_staged(staged)) {
+    if (!staged.is_complete() && !cannot_be_staged(staged, *call)) {
         copy_text(call->path, staged.path());
         return {call_file_t::NOT_WRITTEN, staged.error()};
     }
@@ -176,7 +188,7 @@ call_file_result_t call_file_stage(staged_call_t *call, std::string_view content
         if (staged.is_complete() && staged.error() == EEXIST) {
             continue;
         }
-        if (!cannot_be_staged(staged)) {
+        if (!cannot_be_staged(staged, *call)) {
             return {call_file_t::NOT_WRITTEN, staged.error()};
         }
         const call_file_result_t direct = write_with(O_EXCL, call->path, content);
@@ -195,7 +207,7 @@ void call_file_clean(const char *staging_dir) noexcept {
             continue;
         }
         const std::string path = std::string(staging_dir) + "/" + entry->d_name;
-        const unique_fd_t file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        const unique_fd_t file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
         if (file && flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
             unlink(path.c_str());
         }

@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -12,6 +14,7 @@
 #include "clock.h"
 #include "fd.h"
 #include "kept_text.h"
+#include "logger.h"
 #include "utf8.h"
 
 namespace {
@@ -19,6 +22,15 @@ namespace {
 using json_t = nlohmann::ordered_json;
 
 std::atomic<const char *> journal_file = "";
+std::atomic<bool> failed = false;  // has been logged for this load
+std::atomic<bool> torn = false;    // the file ends in a part of a line
+
+void report_failure(const char *path, int error) {
+    if (!failed.exchange(true)) {
+        LOG_AS(LEVEL_ERROR, "journal_write", "Unable to write journal %s: %s\n", path,
+               strerror(error));
+    }
+}
 
 // "2026-11-21T15:04:05.123+01:00", in local time.
 std::string time_text(int64_t milliseconds) {
@@ -80,6 +92,7 @@ json_t as_json(const journal_entry_t &entry) {
 
 void journal_init(const char *file) noexcept {
     journal_file = kept_text(file);
+    failed = false;
 }
 
 bool journal_is_kept() noexcept {
@@ -91,9 +104,12 @@ void journal_write(const journal_entry_t &entry) noexcept {
     if (path[0] == '\0') {
         return;
     }
-    const std::string line = as_json(entry).dump() + "\n";
+    // What a full disk has cut is at least not continued.
+    const std::string line = (torn.exchange(false) ? "\n" : "") + as_json(entry).dump() + "\n";
     const unique_fd_t file(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
-    if (write(file.get(), line.data(), line.size()) < 0) {
-        return;  // as with the log, there is nowhere to report it
+    const ssize_t written = file ? write(file.get(), line.data(), line.size()) : -1;
+    if (written != std::ssize(line)) {
+        report_failure(path, written < 0 ? errno : ENOSPC);
+        torn = written > 0;
     }
 }

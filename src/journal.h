@@ -30,6 +30,6 @@ struct journal_entry_t {
     int64_t began_us;  // by clock.h's monotonic clock
 };
 
-// Appends an entry, in one write. Without a journal, or when the file cannot be opened, does
-// nothing.
+// Appends an entry, in one write. Without a journal does nothing; one that cannot be written is
+// logged as an ERROR once per load.
 void journal_write(const journal_entry_t &entry) noexcept;

@@ -50,15 +50,18 @@ int link_socket() noexcept {
 }
 
 bool link_connect(int sock, const sockaddr_in &address, int seconds) noexcept {
-    const int flags = fcntl(sock, F_GETFL);
+    const auto set_blocking = [sock](bool blocks) {
+        const int flags = fcntl(sock, F_GETFL);
+        fcntl(sock, F_SETFL, blocks ? flags & ~O_NONBLOCK : flags | O_NONBLOCK);
+    };
     if (seconds >= 0) {
-        fcntl(sock, F_SETFL, flags | O_NONBLOCK);
+        set_blocking(false);
     }
     const bool connected =
         connect(sock, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
         ((errno == EINTR || errno == EINPROGRESS) && finish_connect(sock, seconds));
     if (seconds >= 0) {
-        fcntl(sock, F_SETFL, flags);
+        set_blocking(true);
     }
     return connected;
 }

@@ -73,6 +73,11 @@ void echo_end_of_transmission(int sock, int *polls) {
     reply(sock, EOT);
 }
 
+// A reload may change it while the reader waits for the rest of a packet.
+bool fails_when_closed(const espa_options_t &options) {
+    return options.recover_link != nullptr && load_shared(*options.recover_link) != 0;
+}
+
 // From the block check character on, which follows the ETX at `packet[etx]`; results as
 // espa_read_packet().
 int finish_block(int sock, char *packet, int etx, const espa_options_t &options) {
@@ -83,7 +88,7 @@ int finish_block(int sock, char *packet, int etx, const espa_options_t &options)
         return ready;
     }
     const ssize_t got = read_byte(sock, check);
-    if (got <= 0 && options.fails_when_closed) {
+    if (got <= 0 && fails_when_closed(options)) {
         return -1;
     }
     LOG_AS(LEVEL_DEBUG, function, "3 Read %.02x\n", shown_byte(*check));
@@ -108,7 +113,7 @@ int read_block(int sock, char *packet, int maxlen, const espa_options_t &options
         }
         const ssize_t got = read_byte(sock, place);
         LOG_AS(LEVEL_DEBUG, "espa_read_packet", "2 Read %.02x\n", shown_byte(*place));
-        if (got < 0 || (got == 0 && options.fails_when_closed)) {
+        if (got < 0 || (got == 0 && fails_when_closed(options))) {
             return -1;
         }
         if (got == 0) {
@@ -211,7 +216,11 @@ int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_po
         if (ready <= 0) {
             return ready;
         }
-        if (read_byte(sock, &byte) > 0 && byte == ENQ) {
+        const ssize_t got = read_byte(sock, &byte);
+        if (got <= 0 && fails_when_closed(options)) {
+            return -1;
+        }
+        if (got > 0 && byte == ENQ) {
             answer_request(sock, address, polls, espa_poll);
             return 1;
         }

@@ -24,8 +24,10 @@ constexpr int ESPA_UNEXPECTED = -2;
 
 // What a line may have otherwise than the rest of espa_read_packet() says.
 struct espa_options_t {
-    bool fails_when_closed = false;  // a connection closed in mid-packet is a failure, -1
-    bool leaves_answer = false;      // the caller answers a packet that ended by ETX
+    // While non-zero, a connection closed in mid-packet is a failure, -1. Null: 0.
+    const int *recover_link = nullptr;
+    // The caller answers a packet that ended by ETX.
+    bool leaves_answer = false;
 };
 
 // Reads one link exchange or one data packet and answers it.

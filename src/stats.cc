@@ -29,14 +29,22 @@ line_stats_t &my_stats() noexcept {
     return mine != nullptr ? *mine : nobodys;
 }
 
-line_state_t enter_state(line_state_t state) noexcept {
+void enter_state(line_state_t state) noexcept {
     line_stats_t &stats = my_stats();
-    const line_state_t before = stats.state.load(std::memory_order_relaxed);
-    if (before != state) {
+    if (stats.state.load(std::memory_order_relaxed) != state) {
         stats.state_since_ms.store(milliseconds_now(), std::memory_order_relaxed);
         stats.state.store(state, std::memory_order_relaxed);
     }
-    return before;
+}
+
+acting_t::acting_t() noexcept
+    : state_(my_stats().state.load()), since_ms_(my_stats().state_since_ms.load()) {
+    enter_state(line_state_t::ACTING);
+}
+
+acting_t::~acting_t() {
+    my_stats().state_since_ms.store(since_ms_, std::memory_order_relaxed);
+    my_stats().state.store(state_, std::memory_order_relaxed);
 }
 
 void note_protocol(int protocol) noexcept {

@@ -60,8 +60,22 @@ void stats_serve(const pager_t *pager) noexcept;
 // The counters of the calling thread; of no line when it serves none.
 line_stats_t &my_stats() noexcept;
 
-// Puts the calling thread's line into a state. Returns the state before.
-line_state_t enter_state(line_state_t state) noexcept;
+// Puts the calling thread's line into a state, now if it is another one.
+void enter_state(line_state_t state) noexcept;
+
+// For as long as it lives, the calling thread's line is acting; then it is again in the state in
+// which it was, since the time since which it was.
+class acting_t {
+  public:
+    acting_t() noexcept;
+    ~acting_t();
+    acting_t(const acting_t &) = delete;
+    acting_t &operator=(const acting_t &) = delete;
+
+  private:
+    line_state_t state_;
+    int64_t since_ms_;
+};
 
 // Notes the protocol that the calling thread's line speaks, and since when.
 void note_protocol(int protocol) noexcept;

@@ -64,13 +64,14 @@ std::string label_value(const char *text) {
 }
 
 // A reload can leave two records of one name; samples must not come twice.
-std::string unique_label(const std::vector<shown_line_t> &lines, const char *name, size_t number) {
-    const auto label = [](const std::string &value) { return "line=\"" + value + "\""; };
+std::string unique_label(const std::vector<shown_line_t> &lines, const char *name) {
     const std::string value = label_value(name);
-    const bool is_taken = std::any_of(lines.begin(), lines.end(), [&](const shown_line_t &line) {
-        return line.label == label(value);
-    });
-    return label(is_taken ? value + "#" + std::to_string(number) : value);
+    std::string label = "line=\"" + value + "\"";
+    const auto is_taken = [&](const shown_line_t &line) { return line.label == label; };
+    for (int number = 2; std::any_of(lines.begin(), lines.end(), is_taken); number++) {
+        label = "line=\"" + value + "#" + std::to_string(number) + "\"";
+    }
+    return label;
 }
 
 std::vector<shown_line_t> shown_lines() {
@@ -82,7 +83,7 @@ std::vector<shown_line_t> shown_lines() {
         const pager_t &pager = pagers[i];
         const auto port = static_cast<uint16_t>(pager.port);
         lines.push_back(
-            {&line_stats[i], unique_label(lines, pager.name, i),
+            {&line_stats[i], unique_label(lines, pager.name),
              "host=\"" + label_value(pager.host) + "\",port=\"" + std::to_string(port) + "\"",
              load_shared(pager.protocol) == PROTOCOL_ASCII,
              pager.configured_protocol == PROTOCOL_ASCII});
@@ -234,7 +235,7 @@ int write_file(const std::string &path, const std::string &content) {
     if (!file) {
         return errno;
     }
-    errno = EIO;
+    errno = ENOSPC;  // a short write sets no error code
     if (write(file.get(), content.data(), content.size()) != std::ssize(content) ||
         close(file.release()) != 0 || rename(temporary.c_str(), path.c_str()) != 0) {
         const int error = errno;
@@ -259,6 +260,9 @@ void write_status(const std::string &content, int64_t now) {
 }  // namespace
 
 void status_init(const char *file) noexcept {
+    if (status.file != file) {
+        unlink(status.file.c_str());  // nobody writes it any more
+    }
     status.file = file;
     status.loaded_ms = milliseconds_now();
     status.loads++;

@@ -32,6 +32,22 @@ void append_caller_id_character(text_writer_t *line, char c) {
     }
 }
 
+// Takes away the beginning of a UTF-8 character whose rest did not fit.
+void drop_cut_character(char *line) {
+    constexpr int CONTINUATION_MASK = 0xC0;
+    size_t length = strlen(line);
+    size_t behind = 0;
+    while (behind < length && behind < 3 &&
+           (line[length - 1 - behind] & CONTINUATION_MASK) == 0x80) {
+        behind++;
+    }
+    const auto lead = static_cast<unsigned char>(behind < length ? line[length - 1 - behind] : 0);
+    const size_t wanted = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : lead >= 0xC0 ? 1 : 0;
+    if (behind < wanted) {
+        memset(line + length - 1 - behind, 0, behind + 1);
+    }
+}
+
 // A template on its way into a line.
 class expander_t {
   public:
@@ -119,6 +135,9 @@ bool expand_template(char *line, int size, std::string_view fmt, const placehold
     expander_t expander(&writer, with, quoting);
     while (!fmt.empty()) {
         fmt = expander.expand_next(fmt);
+    }
+    if (writer.is_cut() && quoting != quoting_t::NONE) {
+        drop_cut_character(line);
     }
     return !writer.is_cut();
 }

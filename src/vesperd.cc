@@ -54,7 +54,8 @@ constexpr int HIGH_BIT = 0x80;
 #define LOG_SERVICE(level, ...) LOG_AS(level, "service_proc", __VA_ARGS__)
 
 // A service thread's side of its pager. The thread knows its connection by `sock`; a record whose
-// `socket` differs has been loaded again, and its connection is abandoned: it stays open unused.
+// `socket` differs has been loaded again, and its connection is abandoned: it stays open unused for
+// as long as descriptors allow.
 struct line_t {
     pager_t *pager;
     int sock;
@@ -278,7 +279,7 @@ void report_failure(const line_t *line, int result) {
 
 void serve_espa(line_t *line) {
     pager_t *pager = line->pager;
-    const espa_options_t options{recovers(line), load_shared(pager->ack_when_done) != 0};
+    const espa_options_t options{&pager->recover_link, load_shared(pager->ack_when_done) != 0};
     const int result = espa_read_packet(line->sock, line->buffer, PACKET_SIZE, &pager->polls,
                                         load_shared(pager->espa_poll), options);
     if (result > 1) {
@@ -288,7 +289,7 @@ void serve_espa(line_t *line) {
     } else if (is_reloaded(line)) {
         return;  // what became of the abandoned connection says nothing about the new one
     } else if (result < 0) {
-        if (options.fails_when_closed) {
+        if (recovers(line)) {
             report_failure(line, result);
         } else {
             swap_to_ascii(line);
@@ -409,8 +410,12 @@ void install_signal_handlers() {
 
 // A process that ignores the signal never learns how its commands ended.
 void heed_children() {
+    static bool heeds = false;
     const bool tells = status_is_kept() || journal_is_kept();
-    signal_set_handler(SIGCHLD, 0, tells ? SIG_DFL : SIG_IGN);
+    if (tells != heeds) {
+        signal_set_handler(SIGCHLD, 0, tells ? SIG_DFL : SIG_IGN);
+    }
+    heeds = tells;
 }
 
 // The daemon works in "/", from where a reload would not find a relative path.
