@@ -24,7 +24,8 @@ std::string line(const std::string &name, const std::string &state, double since
            label + ",host=\"h\",port=\"4001\",state=\"" + state +
            "\"} 1\nvesperd_line_state_since_seconds" + label + "}" + ago(since) +
            "vesperd_line_protocol" + label + ",protocol=\"" + protocol +
-           "\",configured=\"espa\"} 1\nvesperd_line_messages_total" + label + ",} +17 0\n" +
+           "\",configured=\"espa\"} 1\nvesperd_line_protocol_since_seconds" + label + "}" +
+           ago(10'900) + "vesperd_line_messages_total" + label + ",} +17 0\n" +
            "vesperd_line_last_message_time_seconds" + label + "}" + ago(last);
 }
 
@@ -42,9 +43,9 @@ TEST(Status, IsJudged) {
         {line("a", "connecting", 130), "", 2, "CRITICAL - a: no connection for 2 min |"},
         {line("a", "ended", 130), "", 2, "CRITICAL - a: ended 2 min ago |"},
         {line("a", "receiving", 730), "", 2, "CRITICAL - a: in a packet for 12 min |"},
-        {line("a", "idle", 1, "ascii"), "", 1, "WARNING - a: fell back to ASCII |"},
+        {line("a", "idle", 1, "ascii"), "", 1, "WARNING - a: fell back to ASCII 3 h ago |"},
         {line("a", "idle", 1, "ascii") + line("b", "acting", 2'410), "", 2,
-         "CRITICAL - b: a command runs for 40 min, a: fell back to ASCII |"},
+         "CRITICAL - b: a command runs for 40 min, a: fell back to ASCII 3 h ago |"},
         {line("\\\\b\\\"c\\n|", "ended", 130), "", 2, "CRITICAL - \\b\"c?/: ended 2 min ago |"},
         {served(0, 130), "", 2, "CRITICAL - vesperd ended 2 min ago |"},
         {served(1, 130, line("a", "ended", 999)), "", 2,
