@@ -3,13 +3,15 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <string_view>
 
 #include "files.h"
 
 namespace {
 
-constexpr int PIECE_SIZE = 1024;  // the longest piece of a line and its terminating zero
+constexpr int PIECE_SIZE = INI_PIECE_LENGTH + 1;
 
 bool is_blank(char c) {
     return isspace(static_cast<unsigned char>(c)) != 0;
@@ -28,61 +30,148 @@ void drop_trailing_blanks(char *text) {
     }
 }
 
-// The three forms of a key line, in the order in which they are tried.
-bool scan_key_line(const char *line, char (&key)[PIECE_SIZE], char (&value)[PIECE_SIZE]) {
-    if (sscanf(line, "%1023[^=] = \"%1023[^\"]\"", key, value) != 2 &&
-        sscanf(line, "%1023[^=] = '%1023[^']'", key, value) != 2 &&
-        sscanf(line, "%1023[^=] = %1023[^;#]", key, value) != 2) {
-        return false;
-    }
-    drop_trailing_blanks(key);
-    lower_case(key);
-    drop_trailing_blanks(value);
-    if (strcmp(value, "\"\"") == 0 || strcmp(value, "''") == 0) {
-        value[0] = '\0';
-    }
-    return true;
-}
+// Reads the pieces of a file one after the other.
+class line_reader_t {
+  public:
+    explicit line_reader_t(FILE *file) : file_(file) {}
 
-void read_line(dictionary *dict, const char *line, char (&section)[PIECE_SIZE]) {
-    while (is_blank(*line)) {
-        line++;
-    }
-    if (*line == '\0' || *line == '#' || *line == ';') {
-        return;
-    }
-    if (sscanf(line, "[%1023[^]]", section) == 1) {
-        lower_case(section);
-        // With a colon it would read as an entry without a value, which no look-up expects.
-        if (strchr(section, ':') == nullptr) {
-            dictionary_set(dict, section, nullptr);
+    // Returns false at the end of the file. `line()` is what it read.
+    bool read_next() {
+        if (is_at_line_start_) {
+            number_++;
         }
-        return;
+        // The last byte tells whether the buffer was filled, also where the file holds zero bytes.
+        constexpr int LAST = PIECE_SIZE - 1;
+        piece_[LAST] = '\n';
+        if (fgets(piece_, PIECE_SIZE, file_) == nullptr) {
+            return false;
+        }
+        is_at_line_start_ = piece_[LAST] != '\0' || piece_[LAST - 1] == '\n';
+        scan();
+        return true;
     }
-    char key[PIECE_SIZE];
-    char value[PIECE_SIZE];
-    if (scan_key_line(line, key, value)) {
-        dictionary_set(dict, (std::string(section) + ":" + key).c_str(), value);
+    ini_line_t line() const {
+        const bool has_key = form_ == ini_form_t::ENTRY || form_ == ini_form_t::NO_VALUE;
+        return {number_,
+                !is_at_line_start_ && has_more(),
+                form_,
+                text_,
+                section_,
+                has_key ? key_ : nullptr,
+                form_ == ini_form_t::ENTRY ? value_ : nullptr,
+                quote_,
+                rest_};
     }
-}
+
+  private:
+    // Whether the line that fills the buffer holds more than its end.
+    bool has_more() const {
+        const int next = getc(file_);
+        ungetc(next, file_);
+        return next != EOF && next != '\n';
+    }
+
+    void scan() {
+        const char *start = piece_;
+        while (is_blank(*start)) {
+            start++;
+        }
+        text_ = start;
+        rest_ = "";
+        quote_ = 0;
+        if (*start == '\0' || *start == '#' || *start == ';') {
+            form_ = ini_form_t::REMARK;
+        } else if (int end = 0; sscanf(start, "[%1023[^]]%n", section_, &end) == 1) {
+            form_ = ini_form_t::SECTION;
+            lower_case(section_);
+            rest_ = text_.substr(static_cast<size_t>(end));
+        } else {
+            scan_key_line(start);
+        }
+    }
+
+    void scan_key_line(const char *start) {
+        if (int end = scan_forms(start); end > 0) {
+            form_ = ini_form_t::ENTRY;
+            rest_ = text_.substr(static_cast<size_t>(end));
+            tidy();
+            return;
+        }
+        const size_t equals = text_.find('=');
+        const bool has_key = equals != 0 && equals != std::string_view::npos;
+        form_ = has_key ? ini_form_t::NO_VALUE : ini_form_t::NONE;
+        if (has_key) {
+            tidy_key();
+            rest_ = text_.substr(equals + 1);
+        }
+    }
+
+    // The three forms of a key line, in the order in which they are tried. Returns where the value
+    // ends, 0 when none fits.
+    int scan_forms(const char *start) {
+        int end = 0;
+        if (sscanf(start, "%1023[^=] = \"%1023[^\"]%n", key_, value_, &end) == 2) {
+            quote_ = '"';
+        } else if (sscanf(start, "%1023[^=] = '%1023[^']%n", key_, value_, &end) == 2) {
+            quote_ = '\'';
+        } else if (sscanf(start, "%1023[^=] = %1023[^;#]%n", key_, value_, &end) != 2) {
+            return 0;
+        }
+        return end;
+    }
+
+    void tidy_key() {
+        drop_trailing_blanks(key_);
+        lower_case(key_);
+    }
+    void tidy() {
+        tidy_key();
+        drop_trailing_blanks(value_);
+        if (strcmp(value_, "\"\"") == 0 || strcmp(value_, "''") == 0) {
+            value_[0] = '\0';
+        }
+    }
+
+    FILE *file_;
+    int number_ = 0;
+    bool is_at_line_start_ = true;
+    ini_form_t form_ = ini_form_t::REMARK;
+    std::string_view text_;
+    std::string_view rest_;
+    char quote_ = 0;
+    char piece_[PIECE_SIZE] = "";
+    char section_[PIECE_SIZE] = "";
+    char key_[PIECE_SIZE] = "";
+    char value_[PIECE_SIZE] = "";
+};
 
 }  // namespace
 
-dictionary *ini_load(const char *path) noexcept {
+int ini_read(const char *path, const ini_listener_t &listener) noexcept {
     const unique_file_t file(fopen(path, "re"));
     if (!file) {
-        return nullptr;
+        return -1;
     }
-    dictionary *dict = dictionary_new(0);
-    if (dict == nullptr) {
-        return nullptr;
+    line_reader_t reader(file.get());
+    while (reader.read_next()) {
+        listener(reader.line());
     }
-    char section[PIECE_SIZE] = "";
-    char line[PIECE_SIZE];
-    while (fgets(line, sizeof line, file.get()) != nullptr) {
-        read_line(dict, line, section);
+    return 0;
+}
+
+void ini_store(dictionary *dict, const ini_line_t &line) noexcept {
+    if (line.form == ini_form_t::ENTRY) {
+        dictionary_set(dict, (std::string(line.section) + ":" + line.key).c_str(), line.value);
+    } else if (line.form == ini_form_t::SECTION && strchr(line.section, ':') == nullptr) {
+        // With a colon it would read as an entry without a value, which no look-up expects.
+        dictionary_set(dict, line.section, nullptr);
     }
-    return dict;
+}
+
+dictionary *ini_load(const char *path) noexcept {
+    std::unique_ptr<dictionary, dictionary_releaser_t> dict(dictionary_new(0));
+    const auto store = [&dict](const ini_line_t &line) { ini_store(dict.get(), line); };
+    return dict && ini_read(path, store) == 0 ? dict.release() : nullptr;
 }
 
 const char *iniparser_getstr(const dictionary *dict, const char *key) noexcept {

@@ -1,5 +1,5 @@
-// Reads the daemon's INI dialect into an iniparser dictionary; typed look-ups, enumeration and
-// release are the iniparser library's own.
+// Reads the daemon's INI dialect, line by line or into an iniparser dictionary; typed look-ups,
+// enumeration and release are the iniparser library's own.
 //
 // The dialect: lines are read in pieces of at most 1023 characters. "[name]" opens a section, the
 // name untrimmed and in lower case. A key line is key = "value", key = 'value' or key = value,
@@ -11,10 +11,53 @@
 
 #include <iniparser.h>
 
+#include <functional>
+#include <string_view>
+
+constexpr int INI_PIECE_LENGTH = 1023;
+
+// What a piece of a line is.
+enum class ini_form_t {
+    REMARK,    // blank, or a comment
+    SECTION,   // opens or continues a section
+    ENTRY,     // a key with a value
+    NO_VALUE,  // a key without one
+    NONE,      // fits no form
+};
+
+// A line, or a piece of one that is longer than INI_PIECE_LENGTH.
+struct ini_line_t {
+    int number;             // of the line in its file, from 1
+    bool is_cut;            // the line goes on, and its rest is the next piece
+    ini_form_t form;        //
+    std::string_view text;  // from its first character that is no blank to its end
+    const char *section;    // the name of the section that is open, empty before the first
+    const char *key;        // ENTRY and NO_VALUE
+    const char *value;      // ENTRY
+    char quote;             // of the value: '"' or '\'', 0 for a plain one
+    std::string_view rest;  // SECTION, ENTRY, NO_VALUE: what of the text was not read, the closing
+                            // bracket or quote included
+};
+
+// Hears of a line; its texts live until it returns.
+using ini_listener_t = std::function<void(const ini_line_t &line)>;
+
+// Reads the file at `path` and hands every piece of every line to `listener`, in their order.
+// Returns 0, or -1 with errno set when the file cannot be opened; nothing is printed.
+int ini_read(const char *path, const ini_listener_t &listener) noexcept;
+
+// Stores what a line says in a dictionary, which it says nothing to unless it is a section or an
+// entry. Entries are stored as "section:key"; a section whose name holds a colon is not enumerated.
+void ini_store(dictionary *dict, const ini_line_t &line) noexcept;
+
 // Reads the file at `path`. Returns a dictionary that the caller releases with
-// iniparser_freedict(), or null when the file cannot be opened; nothing is printed. Entries are
-// stored as "section:key"; a section whose name holds a colon is not enumerated.
+// iniparser_freedict(), or null when the file cannot be opened; nothing is printed.
 dictionary *ini_load(const char *path) noexcept;
+
+// Releases a dictionary when its owner goes.
+struct dictionary_releaser_t {
+    void operator()(dictionary *dict) const noexcept { iniparser_freedict(dict); }
+};
 
 // Returns the value of an entry ("section:key", any case), owned by the dictionary, or null when
 // the entry is absent.

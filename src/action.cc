@@ -22,8 +22,7 @@
 
 namespace {
 
-constexpr int FIELD_SIZE = 256;     // an expanded field of a call file
-constexpr int COMMAND_SIZE = 1024;  // an expanded command line
+constexpr int FIELD_SIZE = 256;  // an expanded field of a call file
 constexpr std::string_view STATUS_PREFIX = "status_";
 constexpr int STATUS_LINE_SIZE = 256;
 
@@ -31,10 +30,10 @@ constexpr int STATUS_LINE_SIZE = 256;
 template <int SIZE>
 struct expanded_t {
     char text[SIZE];
-    bool fits;
 
-    expanded_t(const char *fmt, const placeholders_t &with, quoting_t quoting, int size = SIZE)
-        : fits(expand_template(text, size, fmt, with, quoting)) {}
+    expanded_t(const char *fmt, const placeholders_t &with, quoting_t quoting, int size) {
+        expand_template(text, size, fmt, with, quoting);
+    }
 };
 
 // Once per load: the staging directory fails every call in the same way.
@@ -82,28 +81,14 @@ outcome_t store_call_file(const pager_t *pager, const char *name, std::string_vi
 }
 
 outcome_t place_call(const pager_t *pager, const rule_t *rule, const placeholders_t &with) {
-    const bool quotes = rule->quote != 0;
-    const quoting_t of_names = quotes ? quoting_t::NAME : quoting_t::NONE;
-    const quoting_t of_caller = quotes ? quoting_t::CALLER_ID : quoting_t::NONE;
-    const int size = quotes ? QUOTED_FIELD_SIZE : FIELD_SIZE;
-    const expanded_t<FIELD_SIZE> extension(rule->extension, with, of_names, size);
-    const expanded_t<FIELD_SIZE> context(rule->context, with, of_names, size);
-    const expanded_t<FIELD_SIZE> callerid(rule->callerid, with, of_caller, size);
-    const expanded_t<FIELD_SIZE> channel(rule->channel, with, of_names, size);
-
-    if (quotes && std::string_view(extension.text).find("/../") != std::string_view::npos) {
+    call_text_t call;
+    compose_call(&call, rule, with);
+    if (rule->quote != 0 && std::string_view(call.name).find("/../") != std::string_view::npos) {
         LOG_AS(LEVEL_ERROR, "call_action",
                "Extension of rule %s leads out of the spool directory\n", rule->name);
         return {false, false, "", -1};
     }
-    char name[FIELD_SIZE + 32];
-    snprintf(name, sizeof name, "call_%s_%d", extension.text, seconds_now());
-    char content[4 * FIELD_SIZE + 128];
-    const int length = snprintf(content, sizeof content,
-                                "Channel: %s\r\nContext: %s\r\nExtension: %s\r\nCallerID: %s\r\n"
-                                "Priority: 1\r\nMaxRetries: 0\r\n",
-                                channel.text, context.text, extension.text, callerid.text);
-    return store_call_file(pager, name, {content, static_cast<size_t>(length)});
+    return store_call_file(pager, call.name, call.content);
 }
 
 // 128 and the signal for a shell that a signal ended, as the shell says it of its commands.
@@ -114,17 +99,15 @@ int exit_status_of(int status) {
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-// A quoted command is not cut.
 outcome_t run_command(const rule_t *rule, const placeholders_t &with) {
-    const expanded_t<COMMAND_SIZE> command(rule->callscript, with,
-                                           rule->quote != 0 ? quoting_t::COMMAND : quoting_t::NONE);
-    if (rule->quote != 0 && !command.fits) {
+    command_text_t command;
+    if (!compose_command(&command, rule, with)) {
         LOG_AS(LEVEL_ERROR, "call_action", "Command line of rule %s is too long, not run\n",
                rule->name);
         return {false, false, "", -1};
     }
-    LOG_AS(LEVEL_DEBUG, "call_action", "Calling cmd line: %s\n", command.text);
-    const int status = exit_status_of(system(command.text));
+    LOG_AS(LEVEL_DEBUG, "call_action", "Calling cmd line: %s\n", command.line);
+    const int status = exit_status_of(system(command.line));
     return {status == 0, true, "", status};  // whether it succeeds is its own business
 }
 
@@ -227,6 +210,31 @@ void process_status(const pager_t *pager, std::string_view name) {
 }
 
 }  // namespace
+
+void compose_call(call_text_t *call, const rule_t *rule, const placeholders_t &with) noexcept {
+    const bool quotes = rule->quote != 0;
+    const quoting_t of_names = quotes ? quoting_t::NAME : quoting_t::NONE;
+    const quoting_t of_caller = quotes ? quoting_t::CALLER_ID : quoting_t::NONE;
+    const int size = quotes ? QUOTED_FIELD_SIZE : FIELD_SIZE;
+    const expanded_t<FIELD_SIZE> extension(rule->extension, with, of_names, size);
+    const expanded_t<FIELD_SIZE> context(rule->context, with, of_names, size);
+    const expanded_t<FIELD_SIZE> callerid(rule->callerid, with, of_caller, size);
+    const expanded_t<FIELD_SIZE> channel(rule->channel, with, of_names, size);
+
+    snprintf(call->name, sizeof call->name, "call_%s_%d", extension.text, seconds_now());
+    snprintf(call->content, sizeof call->content,
+             "Channel: %s\r\nContext: %s\r\nExtension: %s\r\nCallerID: %s\r\n"
+             "Priority: 1\r\nMaxRetries: 0\r\n",
+             channel.text, context.text, extension.text, callerid.text);
+}
+
+bool compose_command(command_text_t *command, const rule_t *rule,
+                     const placeholders_t &with) noexcept {
+    const bool quotes = rule->quote != 0;
+    const bool fits = expand_template(command->line, sizeof command->line, rule->callscript, with,
+                                      quotes ? quoting_t::COMMAND : quoting_t::NONE);
+    return fits || !quotes;
+}
 
 outcome_t perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
                          const rule_t *rule) noexcept {

@@ -27,6 +27,21 @@ struct outcome_t {
 outcome_t perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
                          const rule_t *rule) noexcept;
 
+// The call file that a CALL rule comes to now: its name, which staging makes longer, and its bytes.
+struct call_text_t {
+    char name[288];
+    char content[1152];
+};
+void compose_call(call_text_t *call, const rule_t *rule, const placeholders_t &with) noexcept;
+
+// The command line that a SCRIPT rule comes to, cut where it is too long. Returns whether it would be
+// run: with the rule's `quote` a cut one is not.
+struct command_text_t {
+    char line[1024];
+};
+bool compose_command(command_text_t *command, const rule_t *rule,
+                     const placeholders_t &with) noexcept;
+
 // Raises general_error for an action that could not be done.
 void raise_if_not_done(pager_t *pager, const outcome_t &outcome) noexcept;
 

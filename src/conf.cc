@@ -1,7 +1,6 @@
 #include "conf.h"
 
 #include <netdb.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -15,6 +14,7 @@
 #include "charset.h"
 #include "ini.h"
 #include "journal.h"
+#include "keys.h"
 #include "logger.h"
 #include "re.h"
 #include "status.h"
@@ -23,32 +23,16 @@
 char *logfile;
 uint8_t logtype;
 uint16_t loglevel;
+host_finder_t find_host = gethostbyname;
 
 namespace {
 
-constexpr const char *DEFAULT_LOG_FILE = "/var/log/quillet.log";
-constexpr int DEFAULT_LOG_LEVEL = 5;
-constexpr int DEFAULT_PORT = 2233;
-constexpr int DEFAULT_READ_TIMEOUT = 30;
-constexpr const char *DEFAULT_SPOOL_DIR = "/tmp/";
-constexpr const char *DEFAULT_CALLSCRIPT =
-    "/usr/share/quillet/mkcall.sh %espa_if% %alarm% %number% %message%";
-constexpr const char *DEFAULT_CALLERID = "\"%number%\" <%number%>";
-constexpr const char *DEFAULT_CONTEXT = "alarm";
-constexpr const char *DEFAULT_EXTENSION = "s";
-constexpr const char *DEFAULT_CHANNEL = "Local/1234@users";
-constexpr const char *DEFAULT_PATTERN = ".*";
-
 constexpr size_t MAX_PAGER_LOOKUP = 255;  // a pager with a longer name is left without its keys
-constexpr size_t MAX_VALUE_KEY = 255;
-constexpr size_t SHORT_NAME_LENGTH = 8;  // of a pager's name only this much is cleared on a reload
+constexpr size_t SHORT_NAME_LENGTH = 8;   // of a pager's name only this much is cleared on a reload
 
-struct dictionary_releaser_t {
-    void operator()(dictionary *dict) const noexcept { iniparser_freedict(dict); }
-};
-
-// One section's typed look-ups. A look-up text that is cut can come out as the name of a section,
-// which has no value; such keys are absent.
+// One section's typed look-ups, with what the table of keys says for absent ones. A look-up text that
+// is cut can come out as the name of a section, which has no value; such keys are absent.
+template <section_kind_t KIND>
 class section_t {
   public:
     // max_lookup  where a look-up text is cut
@@ -56,21 +40,24 @@ class section_t {
               size_t max_lookup = std::string::npos) noexcept
         : dict_(dict), prefix_(std::string(name) + ":"), max_lookup_(max_lookup) {}
 
-    const char *text(const char *key, const char *absent = nullptr) const {
-        const char *found = iniparser_getstr(dict_, entry(key).c_str());
-        return found != nullptr ? found : absent;
+    const char *text(known_key_t<KIND> known) const {
+        const char *found = iniparser_getstr(dict_, entry(known).c_str());
+        return found != nullptr ? found : known.key->text;
     }
-    int integer(const char *key, int absent) const {
-        return text(key) != nullptr ? iniparser_getint(dict_, entry(key).c_str(), absent) : absent;
-    }
+    int integer(known_key_t<KIND> known) const { return number(known, iniparser_getint); }
     // Decided by the first character: 1, y, t or 0, n, f in either case; else as if absent.
-    int boolean(const char *key, int absent) const {
-        return text(key) != nullptr ? iniparser_getboolean(dict_, entry(key).c_str(), absent)
-                                    : absent;
-    }
+    int boolean(known_key_t<KIND> known) const { return number(known, iniparser_getboolean); }
 
   private:
-    std::string entry(const char *key) const { return (prefix_ + key).substr(0, max_lookup_); }
+    std::string entry(known_key_t<KIND> known) const {
+        return (prefix_ + known.key->name).substr(0, max_lookup_);
+    }
+    int number(known_key_t<KIND> known, int (*get)(const dictionary *, const char *, int)) const {
+        const std::string name = entry(known);
+        const int absent = known.key->number;
+        return iniparser_getstr(dict_, name.c_str()) != nullptr ? get(dict_, name.c_str(), absent)
+                                                                : absent;
+    }
 
     const dictionary *dict_;
     std::string prefix_;
@@ -91,19 +78,6 @@ void rename_pager(pager_t *pager, std::string_view name) {
     memcpy(pager->name, name.data(), std::min(name.size(), sizeof pager->name - 1));
 }
 
-// Any beginning of "ascii", the empty text included, selects ASCII lines.
-int parse_protocol(const char *text) {
-    constexpr std::string_view ASCII = "ascii";
-    return text != nullptr && ASCII.starts_with(text) ? PROTOCOL_ASCII : PROTOCOL_ESPA;
-}
-
-int parse_action(std::string_view text) {
-    if (text.starts_with("call")) {
-        return CALL;
-    }
-    return text.starts_with("script") ? SCRIPT : SKIP;
-}
-
 // Logs on behalf of load_pager(). Returns the name of a character set if it can be converted from,
 // else an empty one.
 const char *known_charset(const char *name) {
@@ -116,7 +90,7 @@ const char *known_charset(const char *name) {
 
 // Logs on behalf of load_pager(). Returns false when the host does not resolve.
 bool resolve_host(pager_t *pager) {
-    const hostent *host = gethostbyname(pager->host);
+    const hostent *host = find_host(pager->host);
     if (host == nullptr || host->h_addrtype != AF_INET || host->h_addr_list[0] == nullptr) {
         LOG_AS(LEVEL_ERROR, "load_pager", "Unable to find host %s\n", pager->host);
         return false;
@@ -152,17 +126,9 @@ void store_settings(pager_t *pager, const pager_t &fresh) {
     store_shared(&pager->socket, -1);
 }
 
-// The text between the last '[' and the next ']' in the first 255 characters of a value key.
-std::string value_name(const char *key) {
-    const std::string_view seen = std::string_view(key).substr(0, MAX_VALUE_KEY);
-    const size_t open = seen.rfind('[');
-    const std::string_view name = seen.substr(open == std::string_view::npos ? 0 : open + 1);
-    return std::string(name.substr(0, name.find(']')));
-}
-
 // Logs on behalf of load_rule().
 void load_values(const dictionary *dict, const char *section, rule_t *rule) {
-    const std::string prefix = std::string(section) + ":value[";
+    const std::string prefix = std::string(section) + ":" + VALUE_KEY_PREFIX.data();
     const char *key = nullptr;
     const char *text = nullptr;
     int cursor = 0;
@@ -177,26 +143,11 @@ void load_values(const dictionary *dict, const char *section, rule_t *rule) {
     LOG_AS(LEVEL_NOTICE, "load_rule", "Max values per rule reached for rule %s\n", section);
 }
 
-bool is_logger_section(std::string_view name) {
-    return name.starts_with("logger");
-}
-
-bool is_rule_section(std::string_view name) {
-    return name.starts_with("rule_");
-}
-
-void load_logger_settings(const dictionary *dict) {
-    const section_t logger(dict, "logger");
-    logtype = strcasecmp(logger.text("log_type", ""), "syslog") == 0 ? 1 : 0;
-    loglevel = static_cast<uint16_t>(logger.integer("log_level", DEFAULT_LOG_LEVEL));
-    const char *file = logger.text("log_file");
-    if (file != nullptr) {
-        free(logfile);
-        logfile = strdup(file);
-    }
+void start_logging(const dictionary *dict) {
     logger_init(logfile, loglevel, logtype == 1, 0);
-    status_init(logger.text("status_file", ""));
-    journal_init(logger.text("journal_file", ""));
+    const section_t<section_kind_t::LOGGER> logger(dict, "logger");
+    status_init(logger.text("status_file"));
+    journal_init(logger.text("journal_file"));
 }
 
 // The records of a load, made aside: the tables stay in use until all of it is replaced.
@@ -237,12 +188,10 @@ staged_t stage_sections(const dictionary *dict) {
     const int sections = iniparser_getnsec(dict);
     for (int i = 0; i < sections; i++) {
         const char *name = iniparser_getsecname(dict, i);
-        if (name == nullptr || is_logger_section(name)) {
-            continue;
-        }
-        if (is_rule_section(name)) {
+        const section_kind_t kind = section_kind(name != nullptr ? name : "");
+        if (kind == section_kind_t::RULE) {
             stage_rule(dict, name, &staged);
-        } else {
+        } else if (kind == section_kind_t::PAGER) {
             stage_pager(dict, name, &staged);
         }
         if (staged.pagers.size() == MAX_PAGERS || staged.rules.size() == MAX_RULES) {
@@ -288,30 +237,42 @@ int load_conf(const char *path) noexcept {
         return -1;
     }
     load_logger_settings(dict.get());
-    publish(stage_sections(dict.get()));
+    start_logging(dict.get());
+    load_tables(dict.get());
     return 0;
 }
 
+void load_logger_settings(const dictionary *dict) noexcept {
+    const section_t<section_kind_t::LOGGER> logger(dict, "logger");
+    logtype = is_syslog(logger.text("log_type")) ? 1 : 0;
+    loglevel = static_cast<uint16_t>(logger.integer("log_level"));
+    free(logfile);
+    logfile = strdup(logger.text("log_file"));
+}
+
+void load_tables(const dictionary *dict) noexcept {
+    publish(stage_sections(dict));
+}
+
 int load_pager(const dictionary *dict, const char *section, pager_t *pager) noexcept {
-    const section_t keys(dict, section, MAX_PAGER_LOOKUP);
+    const section_t<section_kind_t::PAGER> keys(dict, section, MAX_PAGER_LOOKUP);
     pager_t fresh = *pager;
     rename_pager(&fresh, section);
     copy_if_present(fresh.host, keys.text("host"));
-    fresh.port = static_cast<int16_t>(keys.integer("port", DEFAULT_PORT));
-    fresh.no_check_bcc = keys.boolean("no_check_bcc", 0);
+    fresh.port = static_cast<int16_t>(keys.integer("port"));
+    fresh.no_check_bcc = keys.boolean("no_check_bcc");
     copy_if_present(fresh.callscript, keys.text("callscript"));
-    copy_text(fresh.spool_dir, keys.text("spool_dir", DEFAULT_SPOOL_DIR));
+    copy_text(fresh.spool_dir, keys.text("spool_dir"));
     fresh.protocol = parse_protocol(keys.text("protocol"));
     copy_if_present(fresh.default_rule, keys.text("default_rule"));
     copy_if_present(fresh.rules, keys.text("rules"));
-    fresh.espa_poll = keys.boolean("espa_poll", 0);
-    fresh.send_service_actions = keys.boolean("send_service_actions", 0);
-    // A yes/no key that sets seconds: yes gives 1, no gives 0, any other word or number gives 30.
-    fresh.read_timeout = keys.boolean("read_timeout", DEFAULT_READ_TIMEOUT);
-    fresh.recover_link = keys.boolean("recover_link", 0);
-    fresh.ack_when_done = keys.boolean("ack_when_done", 0);
-    copy_text(fresh.staging_dir, keys.text("staging_dir", ""));
-    copy_text(fresh.charset, known_charset(keys.text("charset", "")));
+    fresh.espa_poll = keys.boolean("espa_poll");
+    fresh.send_service_actions = keys.boolean("send_service_actions");
+    fresh.read_timeout = keys.boolean("read_timeout");
+    fresh.recover_link = keys.boolean("recover_link");
+    fresh.ack_when_done = keys.boolean("ack_when_done");
+    copy_text(fresh.staging_dir, keys.text("staging_dir"));
+    copy_text(fresh.charset, known_charset(keys.text("charset")));
     if (!resolve_host(&fresh)) {
         return -1;
     }
@@ -320,20 +281,20 @@ int load_pager(const dictionary *dict, const char *section, pager_t *pager) noex
 }
 
 int load_rule(const dictionary *dict, const char *section, rule_t *rule) noexcept {
-    const section_t keys(dict, section);
+    const section_t<section_kind_t::RULE> keys(dict, section);
     rule_t fresh{};
     copy_text(fresh.name, section);
     load_values(dict, section, &fresh);
-    copy_text(fresh.context, keys.text("context", DEFAULT_CONTEXT));
-    copy_text(fresh.channel, keys.text("channel", DEFAULT_CHANNEL));
-    copy_text(fresh.extension, keys.text("extension", DEFAULT_EXTENSION));
-    copy_text(fresh.callerid, keys.text("callerid", DEFAULT_CALLERID));
-    fresh.action = parse_action(keys.text("action", ""));
+    copy_text(fresh.context, keys.text("context"));
+    copy_text(fresh.channel, keys.text("channel"));
+    copy_text(fresh.extension, keys.text("extension"));
+    copy_text(fresh.callerid, keys.text("callerid"));
+    fresh.action = parse_action(keys.text("action"));
     if (fresh.action == SCRIPT) {
-        copy_text(fresh.callscript, keys.text("callscript", DEFAULT_CALLSCRIPT));
+        copy_text(fresh.callscript, keys.text("callscript"));
     }
-    compile_regex(&fresh.pattern, keys.text("pattern", DEFAULT_PATTERN));
-    fresh.quote = keys.boolean("quote", 0);
+    compile_regex(&fresh.pattern, keys.text("pattern"));
+    fresh.quote = keys.boolean("quote");
     *rule = fresh;
     return 0;
 }

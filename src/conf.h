@@ -5,6 +5,7 @@
 #pragma once
 
 #include <iniparser.h>
+#include <netdb.h>
 
 #include "tables.h"
 
@@ -12,12 +13,22 @@ extern char *logfile;      // heap text
 extern uint8_t logtype;    // 1 = syslog
 extern uint16_t loglevel;  // what the logger lets through
 
+// How a pager's host is found, once for every pager that is loaded: gethostbyname().
+using host_finder_t = hostent *(*)(const char *name);
+extern host_finder_t find_host;
+
 // Reads the file at `path` into `pagers`, `num_pagers`, `rules`, `logfile`, `logtype` and
 // `loglevel`, starts the logger with what it found, and sets the status file and the journal. The earlier `logfile` is not released: call
 // free_confvals() first. Records go to the tables in file order; the slot behind the last one
 // loaded is emptied, later ones keep what an earlier load put there. The 16th pager or the 256th
 // rule ends the loading. Returns 0, or -1 when the file cannot be opened.
 int load_conf(const char *path) noexcept;
+
+// The parts of load_conf(), for programs that must not write where the file says. The settings are
+// `logfile`, which must be null or heap text and is replaced, `logtype` and `loglevel`; the tables
+// are `pagers`, `num_pagers` and `rules`.
+void load_logger_settings(const dictionary *dict) noexcept;
+void load_tables(const dictionary *dict) noexcept;
 
 // Loads a pager section into `pager`. Texts that the section lacks stay as they are where they have
 // no default; lock, thread, alarm levels, poll count and time of the last packet are never touched.

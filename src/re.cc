@@ -28,6 +28,12 @@ int compile(regex_t *compiled, const char *text) {
     return fits_memory(text) ? regcomp(compiled, text, REG_EXTENDED | REG_NEWLINE) : REG_ESPACE;
 }
 
+std::string reason_of(int error, const regex_t *compiled) {
+    char reason[ERROR_SIZE];
+    regerror(error, compiled, reason, sizeof reason);
+    return reason;
+}
+
 std::string_view piece(const char *text, const regmatch_t &position) {
     return {text + position.rm_so, static_cast<size_t>(position.rm_eo - position.rm_so)};
 }
@@ -40,9 +46,8 @@ int compile_regex(pattern_t *compiled, const char *text) noexcept {
     if (is_new) {
         const int error = compile(&entry->second, text);
         if (error != 0) {
-            char reason[ERROR_SIZE];
-            regerror(error, &entry->second, reason, sizeof reason);
-            LOG(LEVEL_ERROR, "Regex error compiling '%s': %s\n", text, reason);
+            LOG(LEVEL_ERROR, "Regex error compiling '%s': %s\n", text,
+                reason_of(error, &entry->second).c_str());
             known.erase(entry);
             compiled->compiled = nullptr;
             return 1;
@@ -50,6 +55,16 @@ int compile_regex(pattern_t *compiled, const char *text) noexcept {
     }
     compiled->compiled = &entry->second;
     return 0;
+}
+
+std::string regex_fault(const char *text) noexcept {
+    regex_t compiled;
+    const int error = compile(&compiled, text);
+    if (error != 0) {
+        return reason_of(error, &compiled);
+    }
+    regfree(&compiled);
+    return "";
 }
 
 int match_regex(const pattern_t *pattern, const char *text, char *out, int size) noexcept {

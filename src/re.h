@@ -3,6 +3,8 @@
 
 #include <regex.h>
 
+#include <string>
+
 // A compiled pattern, copied freely. It refers to a compilation that is never freed or changed, so
 // a thread may go on matching with it whatever a reload does; equal texts share one compilation.
 // Null: not compiled, matches nothing.
@@ -15,6 +17,9 @@ struct pattern_t {
 // then matches nothing. A pattern whose repetitions would take more than 256 MB is refused in the
 // same way, as "Memory exhausted". For the loading thread only.
 int compile_regex(pattern_t *compiled, const char *text) noexcept;
+
+// Why `text` does not compile, in the C library's words; empty when it does. Nothing is logged.
+std::string regex_fault(const char *text) noexcept;
 
 // Scans `text` for successive matches, from left to right; "^" matches at the start of every
 // remaining piece.

@@ -1,12 +1,8 @@
 #include "rule.h"
 
-#include <cstring>
-
 #include "logger.h"
 
 namespace {
-
-constexpr const char *NAME_SEPARATORS = ":,;";
 
 char lower(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -32,16 +28,13 @@ struct choice_t {
 choice_t choose(const pager_t *pager, const char *message) {
     text_copy_t list(pager->rules);
     choice_t choice{nullptr, 0, list.text[0] == '\0'};
-    char *rest = nullptr;
-    for (const char *name = strtok_r(list.text, NAME_SEPARATORS, &rest); name != nullptr;
-         name = strtok_r(nullptr, NAME_SEPARATORS, &rest)) {
-        rule_t *rule = get_rule_by_name(name);
+    visit_rule_list(list.text, [&](const char * /*name*/, rule_t *rule) {
         const int index = rule != nullptr ? match_regex(&rule->pattern, message, nullptr, 0) : 0;
         if (index > choice.best) {
             choice.rule = rule;
             choice.best = index;
         }
-    }
+    });
     if (choice.rule == nullptr) {
         choice.rule = get_rule_by_name(text_copy_t(pager->default_rule).text);
     }

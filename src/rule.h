@@ -1,6 +1,8 @@
 // Selection of the rule for a message.
 #pragma once
 
+#include <cstring>
+
 #include "tables.h"
 
 // Finds a rule by name, ignoring case. A rule is found when its name and `name` are equal over the
@@ -8,6 +10,19 @@
 // several the earliest in the table is returned. Returns null for an empty name or when there is
 // none.
 rule_t *get_rule_by_name(const char *name) noexcept;
+
+// Calls `visit` with every name of a rule list, in its order, and the rule that the name finds or
+// null.
+//   list  the names, separated by any number of ':', ',' and ';'; written over
+template <typename visitor_t>
+void visit_rule_list(char *list, visitor_t visit) {
+    constexpr const char *SEPARATORS = ":,;";
+    char *rest = nullptr;
+    for (const char *name = strtok_r(list, SEPARATORS, &rest); name != nullptr;
+         name = strtok_r(nullptr, SEPARATORS, &rest)) {
+        visit(name, get_rule_by_name(name));
+    }
+}
 
 // Chooses the rule of the pager's rule list whose last match in `message` is longest, the earlier
 // of two that tie; when no listed rule matches, the pager's default rule, which is not tried
