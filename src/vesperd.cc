@@ -47,7 +47,6 @@ constexpr long MAIN_LOOP_PAUSE_US = 1'000'000;
 
 constexpr int SILENCE_LIMIT_SECONDS = 10;  // on an ESPA line; read_timeout is for ASCII lines
 constexpr int CONNECT_LIMIT_SECONDS = 10;  // with recover_link
-constexpr size_t MIN_ASCII_LENGTH = 5;
 constexpr char CALL_HEADER = '1';
 constexpr int HIGH_BIT = 0x80;
 

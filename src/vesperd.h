@@ -5,6 +5,9 @@
 
 #include "tables.h"
 
+// A shorter line of an ASCII line is no message.
+constexpr size_t MIN_ASCII_LENGTH = 5;
+
 // Shutdown: set once, polled by every service thread.
 extern std::atomic<int> doexit;
 

@@ -1,0 +1,259 @@
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+#include "check.h"
+#include "conf.h"
+#include "fd.h"
+#include "files.h"
+
+namespace {
+
+constexpr const char *ACCOUNT = "ovo";
+constexpr const char *PIDFILE = "/run/vesperd.pid";
+
+// The groups of a process, from its status file; none when there is no such process.
+std::vector<gid_t> groups_of(int pid) {
+    char path[PATH_SIZE];
+    snprintf(path, sizeof path, "/proc/%d/status", pid);
+    const unique_file_t file(fopen(path, "re"));
+    std::vector<gid_t> groups;
+    char line[PATH_SIZE];
+    while (file && fgets(line, sizeof line, file.get()) != nullptr) {
+        const bool is_effective = strncmp(line, "Gid:", 4) == 0;
+        if (!is_effective && strncmp(line, "Groups:", 7) != 0) {
+            continue;
+        }
+        unsigned group = 0;
+        int length = 0;
+        for (const char *rest = strchr(line, ':') + 1; sscanf(rest, "%u%n", &group, &length) == 1;
+             rest += length) {
+            groups.push_back(group);
+        }
+    }
+    return groups;
+}
+
+int running_daemon() {
+    const unique_file_t file(fopen(PIDFILE, "re"));
+    int pid = 0;
+    return file && fscanf(file.get(), "%d", &pid) == 1 ? pid : 0;
+}
+
+// The daemon keeps the groups that it was started with, which the unit and its drop-ins choose; if it
+// does not run, those that the account has are the best guess.
+std::vector<gid_t> groups_of_daemon(const passwd &account) {
+    std::vector<gid_t> groups = groups_of(running_daemon());
+    if (groups.empty()) {
+        int count = 64;
+        groups.resize(static_cast<size_t>(count));
+        getgrouplist(ACCOUNT, account.pw_gid, groups.data(), &count);
+        groups.resize(static_cast<size_t>(std::clamp(count, 0, 64)));
+    }
+    return groups;
+}
+
+// While it lives, the process has the rights of the daemon's account, as far as it can take them.
+class as_account_t {
+  public:
+    as_account_t() {
+        const passwd *account = geteuid() == 0 ? getpwnam(ACCOUNT) : nullptr;
+        if (account == nullptr) {
+            return;
+        }
+        const std::vector<gid_t> wanted = groups_of_daemon(*account);
+        had_groups_.resize(static_cast<size_t>(std::max(getgroups(0, nullptr), 0)));
+        getgroups(static_cast<int>(had_groups_.size()), had_groups_.data());
+        had_gid_ = getegid();
+        is_changed_ = setgroups(wanted.size(), wanted.data()) == 0 &&
+                      setegid(wanted.empty() ? account->pw_gid : wanted[0]) == 0 &&
+                      seteuid(account->pw_uid) == 0;
+    }
+    as_account_t(const as_account_t &) = delete;
+    as_account_t &operator=(const as_account_t &) = delete;
+    ~as_account_t() {
+        const bool is_back =
+            !is_changed_ || (seteuid(0) == 0 && setegid(had_gid_) == 0 &&
+                             setgroups(had_groups_.size(), had_groups_.data()) == 0);
+        static_cast<void>(is_back);  // nothing is written with either rights
+    }
+
+  private:
+    bool is_changed_ = false;
+    gid_t had_gid_ = 0;
+    std::vector<gid_t> had_groups_;
+};
+
+// 0, or why the account cannot do this with the path.
+int access_fault(const std::string &path, int mode) {
+    return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0 ? 0 : errno;
+}
+
+int directory_fault(const std::string &path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        return errno;
+    }
+    return S_ISDIR(status.st_mode) ? access_fault(path, R_OK | W_OK | X_OK) : ENOTDIR;
+}
+
+// The daemon works in "/".
+std::string from_root(const std::string &path) {
+    return path.starts_with('/') ? path : "/" + path;
+}
+
+std::string directory_of(const std::string &path) {
+    return path.substr(0, std::max<size_t>(path.rfind('/'), 1));
+}
+
+// Where the service unit lets the daemon write.
+bool is_open_in_unit(const std::string &path) {
+    for (const std::string directory :
+         {"/run", "/var/run", "/var/log", "/var/spool", "/tmp", "/dev"}) {
+        if (path == directory || path.starts_with(directory + "/")) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void note_unit(int at, const char *key, const std::string &path, findings_t *findings) {
+    if (!is_open_in_unit(path)) {
+        findings->note(at, "unit", key, ": ", path,
+                       " has to be listed in a drop-in of the service unit (ReadWritePaths=)");
+    }
+}
+
+bool check_directory(const file_section_t &section, const char *key, const std::string &path,
+                     findings_t *findings) {
+    const int fault = directory_fault(path);
+    if (fault == 0) {
+        note_unit(section.line_of(key), key, path, findings);
+        return true;
+    }
+    findings->error(section.line_of(key), "directory", key, ": the account ", ACCOUNT,
+                    " cannot use the directory ", path, ": ", strerror(fault));
+    return false;
+}
+
+// Staged files are renamed into the spool directory.
+void check_staging(const file_section_t &section, const std::string &staging,
+                   const std::string &spool, findings_t *findings) {
+    struct stat of_staging {};
+    struct stat of_spool {};
+    if (stat(staging.c_str(), &of_staging) != 0 || stat(spool.c_str(), &of_spool) != 0) {
+        return;
+    }
+    const int at = section.line_of("staging_dir");
+    if (of_staging.st_dev != of_spool.st_dev) {
+        findings->warn(at, "staging",
+                       "staging_dir is not on the file system of spool_dir: call "
+                       "files are written directly");
+    } else if (of_staging.st_ino == of_spool.st_ino) {
+        findings->warn(at, "staging",
+                       "staging_dir is spool_dir itself: the PBX sees call files "
+                       "before they are complete");
+    }
+}
+
+void check_line(const file_section_t &section, findings_t *findings) {
+    const std::string spool = from_root(section.text("spool_dir"));
+    const std::string staging = section.text("staging_dir");
+    const bool has_spool = check_directory(section, "spool_dir", spool, findings);
+    if (!staging.empty() && check_directory(section, "staging_dir", from_root(staging), findings) &&
+        has_spool) {
+        check_staging(section, from_root(staging), spool, findings);
+    }
+}
+
+// A file that is opened for every line written to it.
+void check_log(int at, const char *key, const std::string &path, findings_t *findings) {
+    struct stat status {};
+    const bool exists = stat(path.c_str(), &status) == 0;
+    const int fault =
+        exists ? access_fault(path, R_OK | W_OK) : access_fault(directory_of(path), W_OK | X_OK);
+    if (fault == 0 || S_ISCHR(status.st_mode)) {
+        note_unit(at, key, path, findings);
+    } else if (exists) {
+        findings->error(at, "directory", key, ": the account ", ACCOUNT, " cannot write ", path,
+                        ": ", strerror(fault));
+    } else {
+        findings->error(at, "directory", key, ": there is no ", path, ", and the account ", ACCOUNT,
+                        " cannot make it in ", directory_of(path), ": ", strerror(fault));
+    }
+}
+
+void check_logger(const file_section_t *logger, findings_t *findings) {
+    if (logtype != 1) {
+        check_log(logger != nullptr ? logger->line_of("log_file") : 1, "log_file",
+                  from_root(logfile), findings);
+    }
+    if (logger == nullptr) {
+        return;
+    }
+    const std::string journal = logger->text("journal_file");
+    if (!journal.empty()) {
+        check_log(logger->line_of("journal_file"), "journal_file", from_root(journal), findings);
+    }
+    const std::string status = logger->text("status_file");
+    if (!status.empty()) {
+        check_directory(*logger, "status_file", directory_of(from_root(status)), findings);
+    }
+}
+
+}  // namespace
+
+std::string why_files_are_not_judged() {
+    const passwd *account = getpwnam(ACCOUNT);
+    if (account == nullptr) {
+        return text_of("there is no account ", ACCOUNT, ", without which vesperd does not start");
+    }
+    if (geteuid() != 0 && geteuid() != account->pw_uid) {
+        return text_of("only root can tell what the account ", ACCOUNT, " may");
+    }
+    return "";
+}
+
+void check_files(const site_t &site, findings_t *findings) {
+    if (!why_files_are_not_judged().empty()) {
+        return;
+    }
+    struct stat status {};
+    const bool is_file = stat(site.path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    const std::string why = is_file ? why_not_loadable(site.path.c_str()) : "";
+    if (!why.empty()) {
+        findings->error(1, "not-loadable", why, ": a reload ends the daemon");
+    }
+    const as_account_t account;
+    const file_section_t *logger = nullptr;
+    for (const file_section_t &section : site.outline.sections) {
+        logger = section.kind == section_kind_t::LOGGER ? &section : logger;
+    }
+    check_logger(logger, findings);
+    for (const site_line_t &line : site.lines) {
+        check_line(*line.section, findings);
+    }
+}
+
+std::string why_not_loadable(const char *path) {
+    const bool is_judged = why_files_are_not_judged().empty();
+    const as_account_t account;
+    struct stat status {};
+    if (stat(path, &status) == 0 && S_ISDIR(status.st_mode)) {
+        return text_of(path, " is a directory");
+    }
+    const int fault = access_fault(path, R_OK);
+    if (fault == 0) {
+        return "";
+    }
+    return text_of(is_judged ? "the account ovo" : "this account", " cannot open ", path, ": ",
+                   strerror(fault));
+}

@@ -1,0 +1,238 @@
+#include <strings.h>
+
+#include <climits>
+#include <cstdlib>
+
+#include "check.h"
+
+namespace {
+
+constexpr long MAX_PORT = 65535;
+constexpr int NOISY_LOG_LEVEL = 5;
+
+const char *kind_name(section_kind_t kind) {
+    if (kind == section_kind_t::LOGGER) {
+        return "the logger";
+    }
+    return kind == section_kind_t::RULE ? "a rule" : "a pager";
+}
+
+std::vector<std::string> key_names(section_kind_t kind) {
+    std::vector<std::string> names;
+    for (const config_key_t &key : keys::TABLE) {
+        if (key.kind == kind) {
+            names.emplace_back(key.name);
+        }
+    }
+    return names;
+}
+
+const config_key_t *find_elsewhere(std::string_view name) {
+    for (const section_kind_t kind :
+         {section_kind_t::LOGGER, section_kind_t::PAGER, section_kind_t::RULE}) {
+        if (const config_key_t *key = find_key(kind, name)) {
+            return key;
+        }
+    }
+    return nullptr;
+}
+
+void check_unknown(const file_section_t &section, const file_entry_t &entry, findings_t *findings) {
+    if (const config_key_t *other = find_elsewhere(entry.key)) {
+        const char *hint = other->kind == section_kind_t::RULE
+                               ? ", because its name does not begin with 'rule_'"
+                               : "";
+        findings->warn(entry.line, "wrong-section", entry.key, " is a key of ",
+                       kind_name(other->kind), ", but [", section.name, "] is ",
+                       kind_name(section.kind), section.kind == section_kind_t::PAGER ? hint : "",
+                       ": nothing reads it");
+        return;
+    }
+    const std::string near = nearest_name(entry.key, key_names(section.kind));
+    if (near.empty()) {
+        findings->warn(entry.line, "unknown-key", "unknown key ", entry.key, ": nothing reads it");
+    } else {
+        findings->warn(entry.line, "unknown-key", "unknown key ", entry.key, ": did you mean ",
+                       near, "?");
+    }
+}
+
+// What a value that is one of a few words comes to.
+std::string meaning(const config_key_t &key, const std::string &value) {
+    const std::string_view name(key.name);
+    if (name == "protocol") {
+        return parse_protocol(value) == PROTOCOL_ASCII ? "ascii" : "espa";
+    }
+    if (name == "log_type") {
+        return is_syslog(value.c_str()) ? "syslog" : "file";
+    }
+    constexpr const char *ACTIONS[] = {"skip", "call", "script"};
+    return ACTIONS[parse_action(value)];
+}
+
+void check_word(const config_key_t &key, const file_entry_t &entry, findings_t *findings) {
+    const std::string meant = meaning(key, entry.value);
+    if (lower_case(entry.value) == meant) {
+        return;
+    }
+    const bool is_begun = entry.value.starts_with(meant) || meant.starts_with(entry.value);
+    if (is_begun) {
+        findings->note(entry.line, "value", key.name, " = '", entry.value, "' means ", meant);
+        return;
+    }
+    const std::string words(key.words);
+    const bool is_word =
+        (" " + words + " ").find(" " + lower_case(entry.value) + " ") != std::string::npos;
+    findings->warn(entry.line, "value", key.name, " = ", entry.value,
+                   is_word ? " is not read in capital letters" : " is none of its words",
+                   ": it means ", meant, " (", words, ")");
+}
+
+// The words that somebody who writes yes or no writes.
+bool is_yes_or_no(const std::string &value) {
+    for (const char *word : {"yes", "y", "true", "t", "1", "no", "n", "false", "f", "0"}) {
+        if (strcasecmp(value.c_str(), word) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+int read_yes_no(const config_key_t &key, const std::string &value) {
+    switch (value.empty() ? '\0' : value[0]) {
+        case '1':
+        case 'y':
+        case 'Y':
+        case 't':
+        case 'T':
+            return 1;
+        case '0':
+        case 'n':
+        case 'N':
+        case 'f':
+        case 'F':
+            return 0;
+        default:
+            return key.number;
+    }
+}
+
+void check_yes_no(const config_key_t &key, const file_entry_t &entry, findings_t *findings) {
+    const int read = read_yes_no(key, entry.value);
+    if (is_yes_or_no(entry.value) || entry.value == std::to_string(read)) {
+        return;
+    }
+    if (key.number > 1) {
+        findings->warn(entry.line, "value", key.name, " is a yes/no key: ", entry.value, " means ",
+                       read, read == 1 ? " second" : " seconds");
+    } else {
+        findings->warn(entry.line, "value", key.name, " = '", entry.value,
+                       "' is neither yes nor no: it means ", read != 0 ? "yes" : "no");
+    }
+}
+
+void check_port(const file_entry_t &entry, long port, findings_t *findings) {
+    if (port < 1 || port > MAX_PORT) {
+        findings->warn(entry.line, "port", "port ", entry.value,
+                       " is not within 1 and 65535: the line connects to port ",
+                       static_cast<int>(static_cast<uint16_t>(port)));
+    }
+}
+
+void check_log_level(const file_entry_t &entry, long level, findings_t *findings) {
+    if (level < 0) {
+        findings->warn(entry.line, "value", "log_level = ", entry.value,
+                       " lets everything through, as 5 does");
+    }
+}
+
+void check_number(const config_key_t &key, const file_entry_t &entry, findings_t *findings) {
+    const char *text = entry.value.c_str();
+    char *end = nullptr;
+    const long number = strtol(text, &end, 0);
+    const bool is_octal = text[0] == '0' && text[1] >= '0' && text[1] <= '9';
+    if (end == text) {
+        findings->warn(entry.line, "value", key.name, " = '", entry.value,
+                       "' is not a number: it means 0");
+    } else if (*end != '\0' || is_octal || number > INT_MAX || number < INT_MIN) {
+        findings->warn(entry.line, "value", key.name, " = ", entry.value,
+                       is_octal ? " is octal" : " is not a number", ": it means ",
+                       static_cast<int>(number));
+    }
+    if (key.name == std::string_view("port")) {
+        check_port(entry, static_cast<int>(number), findings);
+    } else {
+        check_log_level(entry, static_cast<int>(number), findings);
+    }
+}
+
+void check_value(const config_key_t &key, const file_entry_t &entry, findings_t *findings) {
+    if (key.reading == reading_t::NUMBER) {
+        check_number(key, entry, findings);
+    } else if (key.reading == reading_t::YES_NO) {
+        check_yes_no(key, entry, findings);
+    } else if (key.words[0] != '\0') {
+        check_word(key, entry, findings);
+    }
+    if (key.size > 0 && entry.value.size() >= key.size) {
+        findings->warn(entry.line, "too-long", entry.key, " is ", entry.value.size(),
+                       " characters long: it is cut at ", key.size - 1);
+    }
+}
+
+// What is legal and of no use.
+void check_use(const file_section_t &section, const file_entry_t &entry, findings_t *findings) {
+    if (section.kind == section_kind_t::PAGER && entry.key == "callscript") {
+        findings->note(entry.line, "unused", "callscript of a pager is used by nothing");
+        return;
+    }
+    const config_key_t *key = find_key(section.kind, entry.key);
+    if (key->reading != reading_t::TEMPLATE) {
+        return;
+    }
+    const int action = parse_action(section.text("action"));
+    const int wanted = entry.key == "callscript" ? SCRIPT : CALL;
+    if (action != wanted) {
+        findings->note(entry.line, "unused", entry.key,
+                       " is used by action = ", wanted == SCRIPT ? "script" : "call", " only");
+    }
+}
+
+void check_section(const file_section_t &section, findings_t *findings) {
+    for (const file_entry_t &entry : section.entries) {
+        const config_key_t *key = find_key(section.kind, entry.key);
+        if (section.name.empty()) {
+            findings->warn(entry.line, "no-section", entry.key,
+                           " stands before the first section: nothing reads it");
+        } else if (key != nullptr) {
+            check_value(*key, entry, findings);
+            check_use(section, entry, findings);
+        } else if (section.kind != section_kind_t::UNLISTED &&
+                   section.kind != section_kind_t::SKIPPED) {
+            check_unknown(section, entry, findings);
+        }
+    }
+}
+
+}  // namespace
+
+void check_keys(const site_t &site, findings_t *findings) {
+    int log_line = 1;
+    int log_level = DEFAULT_LOG_LEVEL;
+    for (const file_section_t &section : site.outline.sections) {
+        check_section(section, findings);
+        if (section.kind == section_kind_t::LOGGER) {
+            log_line = section.line_of("log_level");
+            const file_entry_t *entry = section.find("log_level");
+            log_level = entry != nullptr
+                            ? static_cast<int>(strtol(entry->value.c_str(), nullptr, 0))
+                            : log_level;
+        }
+    }
+    const bool is_noisy = log_level >= NOISY_LOG_LEVEL || log_level < 0;
+    if (is_noisy && !site.lines.empty()) {
+        findings->note(log_line, "log-level", "log_level ", log_level,
+                       log_line == 1 ? ", the default," : "",
+                       " writes 2 lines for every byte of a line");
+    }
+}

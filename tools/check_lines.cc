@@ -1,0 +1,112 @@
+#include <strings.h>
+
+#include <cstdio>
+
+#include "charset.h"
+#include "check.h"
+
+namespace {
+
+std::string seconds_text(double seconds) {
+    char text[32];
+    snprintf(text, sizeof text, "%.1f s", seconds);
+    return text;
+}
+
+void check_host(const site_line_t &line, findings_t *findings) {
+    if (line.pager != nullptr) {
+        return;
+    }
+    const int at = line.section->line_of("host");
+    if (line.host.name.empty()) {
+        findings->error(at, "host", "[", line.section->name,
+                        "] is taken for a pager and has no host: it is left out");
+    } else {
+        findings->error(at, "host", "host ", line.host.name, " does not resolve (",
+                        line.host.reason, ", after ", seconds_text(line.host.seconds),
+                        "): the line is left out until a reload finds it");
+    }
+}
+
+void check_charset(const file_section_t &section, findings_t *findings) {
+    const std::string name = section.text("charset");
+    if (!charset_t().open(name.c_str())) {
+        findings->error(section.line_of("charset"), "charset", "unknown charset ", name,
+                        ": messages are not converted (iconv -l lists those that are known)");
+    }
+}
+
+void check_spool(const site_line_t &line, findings_t *findings) {
+    const file_section_t &section = *line.section;
+    const std::string spool_dir = section.text("spool_dir");
+    if (!line.is_complete()) {
+        return;
+    }
+    if (spool_dir == "/tmp/" || spool_dir == "/tmp") {
+        findings->warn(section.line_of("spool_dir"), "spool-dir", "the spool_dir of [",
+                       section.name,
+                       "] is /tmp/: no PBX looks there, and the service has a /tmp "
+                       "of its own");
+    }
+}
+
+bool is_same_converter(const site_line_t &a, const site_line_t &b) {
+    if (a.pager == nullptr || b.pager == nullptr || a.pager->port != b.pager->port) {
+        return false;
+    }
+    const bool is_known = a.host.is_asked && b.host.is_asked;
+    return is_known ? a.pager->sin.sin_addr.s_addr == b.pager->sin.sin_addr.s_addr
+                    : strcasecmp(a.pager->host, b.pager->host) == 0;
+}
+
+void check_converter(const site_t &site, size_t index, findings_t *findings) {
+    const site_line_t &line = site.lines[index];
+    for (size_t i = 0; i < index; i++) {
+        const site_line_t &other = site.lines[i];
+        if (is_same_converter(line, other)) {
+            findings->warn(line.section->line_of("host"), "same-converter", "[", line.section->name,
+                           "] connects to the same host and port as [", other.section->name,
+                           "] (line ", other.section->line,
+                           "): a converter serves one of them, or both get half of the calls");
+            return;
+        }
+    }
+}
+
+// Whatever an ESPA line fails at makes it an ASCII line.
+void check_recovery(const site_line_t &line, findings_t *findings) {
+    if (line.pager != nullptr && line.pager->protocol == PROTOCOL_ESPA &&
+        line.pager->recover_link == 0) {
+        findings->note(line.section->line_of("recover_link"), "no-recovery", "[",
+                       line.section->name,
+                       "] becomes an ASCII line when its connection fails, until a reload: "
+                       "recover_link = yes keeps it an ESPA line");
+    }
+}
+
+}  // namespace
+
+void check_site(const site_t &site, findings_t *findings) {
+    check_keys(site, findings);
+    check_lines(site, findings);
+    check_rules(site, findings);
+    check_patterns(site, findings);
+    check_templates(site, findings);
+    check_files(site, findings);
+}
+
+void check_lines(const site_t &site, findings_t *findings) {
+    for (size_t i = 0; i < site.lines.size(); i++) {
+        check_host(site.lines[i], findings);
+        check_converter(site, i, findings);
+        check_recovery(site.lines[i], findings);
+        check_charset(*site.lines[i].section, findings);
+        check_spool(site.lines[i], findings);
+    }
+    for (const file_section_t *section : site.unread) {
+        const bool is_pager = site.last_read->kind == section_kind_t::PAGER;
+        findings->error(section->line, "not-read", "[", section->name, "] is not read: [",
+                        site.last_read->name, "] (line ", site.last_read->line, ") is the ",
+                        is_pager ? "16th pager" : "256th rule", " and ends the reading");
+    }
+}

@@ -1,0 +1,205 @@
+#include <algorithm>
+#include <cstring>
+#include <set>
+
+#include "check.h"
+#include "rule.h"
+
+namespace {
+
+constexpr std::string_view RULE_PREFIX = "rule_";
+
+// What a name in a list or a default rule finds.
+struct named_t {
+    std::string name;
+    rule_t *rule;  // null: nothing
+};
+
+// Looks a name up as the daemon would.
+rule_t *find(std::string_view name) {
+    return get_rule_by_name(std::string(name).c_str());
+}
+
+std::vector<named_t> names_of(std::string list) {
+    std::vector<named_t> names;
+    visit_rule_list(list.data(), [&](const char *name, rule_t *rule) {
+        names.push_back({name, rule});
+    });
+    return names;
+}
+
+// The checks of one line's choice of rules.
+class choice_checker_t {
+  public:
+    choice_checker_t(const site_t &site, const site_line_t &line, findings_t *findings)
+        : site_(site),
+          section_(*line.section),
+          is_complete_(line.is_complete()),
+          findings_(findings),
+          listed_(names_of(section_.text("rules"))),
+          default_{section_.text("default_rule"), find(section_.text("default_rule"))} {}
+
+    void check() const {
+        for (const named_t &named : listed_) {
+            check_name(named, "rules");
+        }
+        check_repetitions();
+        check_list();
+        check_default();
+    }
+    void note_reached(std::set<const rule_t *> *reached) const {
+        for (const named_t &named : listed_) {
+            reached->insert(named.rule);
+        }
+        reached->insert(default_.rule);
+    }
+
+  private:
+    void check_name(const named_t &named, const char *key) const {
+        const int at = section_.line_of(key);
+        if (named.rule == nullptr) {
+            findings_->warn(at, "name-finds-nothing", key, ": '", named.name,
+                            "' finds no rule and is passed over", hint_for(named.name));
+            return;
+        }
+        const std::string meant = lower_case(without_blanks(named.name));
+        if (meant == named.rule->name) {
+            return;
+        }
+        const auto own =
+            std::find_if(site_.rules.begin(), site_.rules.end(),
+                         [&](const site_rule_t &rule) { return rule.rule->name == meant; });
+        const bool is_shorter = meant.size() > strlen(named.rule->name);
+        const std::string why =
+            text_of(", because ", is_shorter ? "that rule's name" : "it", " is the beginning of ",
+                    is_shorter ? "it" : "that rule's name");
+        if (own == site_.rules.end()) {
+            findings_->warn(at, "other-rule", key, ": there is no [", meant, "], so '", meant,
+                            "' finds ", site_.place_of(named.rule), why);
+        } else {
+            findings_->warn(at, "other-rule", key, ": '", meant, "' finds ",
+                            site_.place_of(named.rule), why, ", and not ",
+                            site_.place_of(own->rule), ", which is behind it in the file");
+        }
+    }
+
+    // What would have been found.
+    std::string hint_for(const std::string &name) const {
+        const std::string trimmed(without_blanks(name));
+        if (trimmed != name && find(trimmed) != nullptr) {
+            return text_of("; the blank belongs to the name, without it it finds ",
+                           site_.place_of(find(trimmed)));
+        }
+        if (rule_t *rule = find(text_of(RULE_PREFIX, trimmed));
+            rule != nullptr && !trimmed.empty()) {
+            return text_of("; did you mean ", rule->name, "?");
+        }
+        std::vector<std::string> known;
+        for (const site_rule_t &rule : site_.rules) {
+            known.emplace_back(rule.rule->name + RULE_PREFIX.size());
+        }
+        const bool is_whole = trimmed.starts_with(RULE_PREFIX);
+        const std::string near =
+            nearest_name(trimmed.substr(is_whole ? RULE_PREFIX.size() : 0), known);
+        return near.empty() ? "" : text_of("; did you mean ", RULE_PREFIX, near, "?");
+    }
+
+    // Rules of the list that an earlier one always stands before.
+    void check_repetitions() const {
+        for (size_t i = 0; i < listed_.size(); i++) {
+            const rule_t *rule = listed_[i].rule;
+            for (size_t j = 0; j < i && rule != nullptr; j++) {
+                const rule_t *earlier = listed_[j].rule;
+                if (earlier == rule) {
+                    findings_->warn(section_.line_of("rules"), "listed-twice", "rules: '",
+                                    listed_[i].name, "' finds ", site_.place_of(rule),
+                                    " again, as '", listed_[j].name, "' did");
+                    break;
+                }
+                if (earlier != nullptr && rule->pattern.compiled != nullptr &&
+                    earlier->pattern.compiled == rule->pattern.compiled) {
+                    warn_of_tie(rule, earlier);
+                    break;
+                }
+            }
+        }
+    }
+    void warn_of_tie(const rule_t *rule, const rule_t *earlier) const {
+        findings_->warn(site_.section_of(rule)->line_of("pattern"), "same-pattern", rule->name,
+                        " is never chosen for [", section_.name, "]: ", site_.place_of(earlier),
+                        ", earlier in its list, has the same pattern");
+    }
+
+    void check_list() const {
+        const bool has_list = section_.find("rules") != nullptr;
+        const auto finds = [](const named_t &named) { return named.rule != nullptr; };
+        if (has_list && is_complete_ && std::none_of(listed_.begin(), listed_.end(), finds)) {
+            findings_->error(
+                section_.line_of("rules"), "no-rule",
+                "no name in rules finds a rule: every message of [", section_.name,
+                default_.rule != nullptr ? "] goes to the default rule" : "] is dropped");
+        }
+        if (!has_list && default_.name.empty() && is_complete_) {
+            findings_->warn(section_.line, "no-rule", "[", section_.name,
+                            "] has neither rules nor default_rule: its messages are dropped");
+        }
+    }
+
+    void check_default() const {
+        const config_key_t &actions = *find_key(section_kind_t::PAGER, "send_service_actions");
+        const std::string text = section_.text(actions.name);
+        const bool sends = !text.empty() && strchr("1yYtT", text[0]) != nullptr;
+        if (sends && default_.rule == nullptr) {
+            findings_->error(section_.line_of(actions.name), "no-default-rule",
+                             "send_service_actions without a default rule",
+                             default_.name.empty() ? "" : " that is found",
+                             ": no service alarm runs anything");
+        }
+        if (default_.name.empty()) {
+            return;
+        }
+        if (default_.rule != nullptr || !is_complete_) {
+            check_name(default_, "default_rule");
+        } else {
+            findings_->error(section_.line_of("default_rule"), "no-rule", "default_rule: '",
+                             default_.name,
+                             "' finds no rule: messages that no listed rule matches are dropped",
+                             hint_for(default_.name));
+        }
+    }
+
+    const site_t &site_;
+    const file_section_t &section_;
+    bool is_complete_;
+    findings_t *findings_;
+    std::vector<named_t> listed_;
+    named_t default_;
+};
+
+void check_reach(const site_t &site, const std::set<const rule_t *> &reached,
+                 findings_t *findings) {
+    for (const site_rule_t &rule : site.rules) {
+        if (reached.contains(rule.rule)) {
+            continue;
+        }
+        const rule_t *found = get_rule_by_name(rule.rule->name);
+        const std::string why =
+            found != rule.rule
+                ? text_of(": its name finds ", site.place_of(found), ", which is before it")
+                : "";
+        findings->warn(rule.section->line, "not-reached", "no list and no default rule reaches [",
+                       rule.section->name, "]", why);
+    }
+}
+
+}  // namespace
+
+void check_rules(const site_t &site, findings_t *findings) {
+    std::set<const rule_t *> reached;
+    for (const site_line_t &line : site.lines) {
+        const choice_checker_t checker(site, line, findings);
+        checker.check();
+        checker.note_reached(&reached);
+    }
+    check_reach(site, reached, findings);
+}

@@ -1,0 +1,42 @@
+// A configuration file as it is written: its sections and keys with their lines.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "findings.h"
+#include "ini.h"
+#include "keys.h"
+
+using unique_dictionary_t = std::unique_ptr<dictionary, dictionary_releaser_t>;
+
+struct file_entry_t {
+    std::string key;    // lower case
+    std::string value;  // the last one, which holds
+    int line;           // where that stands
+};
+
+struct file_section_t {
+    std::string name;  // lower case; empty: before the first section
+    section_kind_t kind;
+    int line;                           // where it is opened first
+    std::vector<file_entry_t> entries;  // in the order of their first appearance
+
+    // Null when the section does not have the key.
+    const file_entry_t *find(std::string_view key) const;
+    // The line of a key, or of the section that does not have it.
+    int line_of(std::string_view key) const;
+    // The text that the daemon takes for a text key, cut to its field.
+    std::string text(std::string_view key) const;
+};
+
+struct outline_t {
+    std::vector<file_section_t> sections;  // in the order of their first appearance
+    unique_dictionary_t dict;              // the same, as the daemon reads it
+};
+
+// Reads the file at `path` and finds what is wrong with its lines: forms, lengths, repetitions and
+// values that end too early. Returns 0, or -1 with errno set when the file cannot be opened.
+int read_outline(const char *path, outline_t *outline, findings_t *findings);

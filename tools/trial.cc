@@ -1,0 +1,140 @@
+#include "trial.h"
+
+#include <algorithm>
+
+#include "action.h"
+#include "espa.h"
+#include "findings.h"
+#include "rule.h"
+#include "summary.h"
+#include "vesperd.h"
+
+namespace {
+
+constexpr int GROUPS_SIZE = 256;
+
+std::string groups_of(const pattern_t &pattern, const std::string &message) {
+    char groups[GROUPS_SIZE] = "";
+    match_regex(&pattern, message.c_str(), groups, sizeof groups);
+    return groups;
+}
+
+std::vector<tried_rule_t> try_list(const pager_t &pager, const std::string &message) {
+    std::vector<tried_rule_t> tried;
+    std::string list(pager.rules);
+    visit_rule_list(list.data(), [&](const char *name, const rule_t *rule) {
+        tried_rule_t &one = tried.emplace_back(tried_rule_t{name, "", 0, ""});
+        if (rule != nullptr) {
+            one.name = rule->name;
+            one.index = match_regex(&rule->pattern, message.c_str(), nullptr, 0);
+            one.groups = groups_of(rule->pattern, message);
+        }
+    });
+    return tried;
+}
+
+std::string why_selected(const trial_t &trial) {
+    int best = 0;
+    int equals = 0;
+    for (const tried_rule_t &tried : trial.tried) {
+        equals = tried.index > best ? 0 : equals;
+        equals += tried.index >= best && tried.index > 0 ? 1 : 0;
+        best = std::max(best, tried.index);
+    }
+    if (best > 0) {
+        return text_of(equals > 1 ? "the first of those with the longest last match, "
+                                  : "its last match is the longest, ",
+                       best, best == 1 ? " character" : " characters");
+    }
+    const char *reason = trial.tried.empty() ? "the list names no rule" : "no listed rule matches";
+    return text_of(
+        reason, trial.selected.empty() ? ", and there is no default rule" : ": the default rule");
+}
+
+void expand(const pager_t &pager, const rule_t &rule, const placeholders_t &with, trial_t *trial) {
+    trial->action = action_name(rule.action);
+    for (const value_t &value : rule.values) {
+        if (value.name[0] == '\0') {
+            break;
+        }
+        trial->values.emplace_back(value.name, groups_of(value.pattern, with.message));
+    }
+    if (rule.action == CALL) {
+        call_text_t call;
+        compose_call(&call, &rule, with);
+        trial->file =
+            text_of(pager.spool_dir, "/", call.name, pager.staging_dir[0] != '\0' ? "_0" : "");
+        trial->text = call.content;
+    } else if (rule.action == SCRIPT) {
+        command_text_t command;
+        trial->is_run = compose_command(&command, &rule, with);
+        trial->text = command.line;
+    }
+}
+
+std::string with_line_ends(const std::string &text) {
+    std::string shown = "    ";
+    for (size_t i = 0; i < text.size(); i++) {
+        shown += text[i] == '\r' ? std::string("\\r") : std::string(1, text[i]);
+        shown += text[i] == '\n' && i + 1 < text.size() ? "    " : "";
+    }
+    return shown;
+}
+
+std::string action_text(const trial_t &trial) {
+    if (trial.action == "call") {
+        return text_of("  Call file ", trial.file, ":\n", with_line_ends(trial.text));
+    }
+    if (trial.action == "script") {
+        return text_of(trial.is_run ? "  Command:\n    " : "  Command, too long and not run:\n    ",
+                       trial.text, "\n");
+    }
+    return trial.selected.empty() ? "  The message is dropped\n" : "  Nothing is done\n";
+}
+
+}  // namespace
+
+trial_t try_message(const pager_t &pager, const std::string &received, const std::string &address) {
+    const bool is_ascii = pager.protocol == PROTOCOL_ASCII;
+    // A character of a character set can be several in UTF-8: how much fits cannot be told then.
+    const bool is_cut = !is_ascii && pager.charset[0] == '\0';
+    const std::string message =
+        is_cut ? received.substr(0, sizeof espa_record_t::display_message - 1) : received;
+    const std::string number =
+        is_ascii ? "" : address.substr(0, sizeof espa_record_t::call_address - 1);
+
+    trial_t trial{pager.name, try_list(pager, message), "", "", "", {}, "", "", true};
+    if (is_ascii && message.size() < MIN_ASCII_LENGTH) {
+        trial.why =
+            text_of("an ASCII line takes messages of ", MIN_ASCII_LENGTH, " characters and more");
+        return trial;
+    }
+    rule_t rule;
+    const bool found = choose_rule(&pager, message.c_str(), &rule);
+    trial.selected = found ? rule.name : "";
+    trial.why = why_selected(trial);
+    if (found) {
+        expand(pager, rule, {ALARM_MESSAGE, number.c_str(), message.c_str(), rule.values}, &trial);
+    }
+    return trial;
+}
+
+std::string trial_text(const trial_t &trial) {
+    std::string text = text_of("Line ", trial.line, ":\n");
+    for (const tried_rule_t &tried : trial.tried) {
+        text += text_of("  ", tried.listed);
+        if (tried.name.empty()) {
+            text += " finds no rule\n";
+            continue;
+        }
+        text += tried.name != tried.listed ? text_of(" (", tried.name, ")") : "";
+        text += text_of(": match index ", tried.index);
+        text += tried.groups.empty() ? "\n" : text_of(", groups '", tried.groups, "'\n");
+    }
+    text += text_of("  Selected: ", trial.selected.empty() ? "none" : trial.selected, ", ",
+                    trial.why, "\n");
+    for (const auto &[name, value] : trial.values) {
+        text += text_of("  $", name, " = '", value, "'\n");
+    }
+    return text + action_text(trial);
+}

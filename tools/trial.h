@@ -1,0 +1,34 @@
+// What a message would come to on a line. Nothing is executed.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tables.h"
+
+// A rule of the line's list, tried against the message.
+struct tried_rule_t {
+    std::string listed;  // the name in the list
+    std::string name;    // of the rule that it finds; empty: none
+    int index;           // the length of the last match, 0: none
+    std::string groups;  // what groups 1 to 9 hold, of all matches, one behind the other
+};
+
+struct trial_t {
+    std::string line;
+    std::vector<tried_rule_t> tried;
+    std::string selected;  // empty: none
+    std::string why;
+    std::string action;                                       // of the selected rule
+    std::vector<std::pair<std::string, std::string>> values;  // what its values come to
+    std::string file;                                         // "call": the call file's path
+    std::string text;  // "call": its content; "script": the command
+    bool is_run;       // false: a quoted command that is too long
+};
+
+// Tries a message with a call address, which an ASCII line has not. On a line with a charset both are
+// what they were converted to, UTF-8. What an ESPA record has no room for is cut.
+trial_t try_message(const pager_t &pager, const std::string &received, const std::string &address);
+
+// In lines of text, carriage returns as "\r".
+std::string trial_text(const trial_t &trial);
