@@ -23,14 +23,12 @@ struct searches_t {
 searches_t searches;
 
 host_t search(const char *name, in_addr *address) {
-    host_t host{name, inet_aton(name, address) != 0, true, "", 0};
-    if (host.is_found) {
-        return host;
-    }
+    host_t host{name, true, true, "", 0};
     if (!searches.asks_names && name[0] != '\0') {
-        host.is_found = true;
-        host.is_asked = false;
-        *address = {};
+        host.is_asked = inet_aton(name, address) != 0;
+        if (!host.is_asked) {
+            *address = {};
+        }
         return host;
     }
     const int64_t began = microseconds_passed();

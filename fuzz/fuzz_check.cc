@@ -1,0 +1,78 @@
+// What vespercheck says of any configuration: it comes to an end, and the sections that it has found
+// are the records that the daemon's load makes of the same file.
+
+#include "check.h"
+
+#include "conf.h"
+#include "conf_world.h"
+#include "report_json.h"
+#include "rule.h"
+
+namespace {
+
+constexpr size_t UNCUT = 200;  // longer names and texts are cut, and their keys not found
+
+void clear_tables() {
+    std::fill(std::begin(pagers), std::end(pagers), pager_t{});
+    std::fill(std::begin(rules), std::end(rules), rule_t{});
+    num_pagers = 0;
+}
+
+void require_same(const file_section_t &section, const pager_t &pager) {
+    require(section.name.substr(0, sizeof pager.name - 1) == pager.name);
+    if (section.name.size() < UNCUT) {
+        require(section.text("host") == pager.host && section.text("rules") == pager.rules &&
+                section.text("default_rule") == pager.default_rule &&
+                section.text("spool_dir") == pager.spool_dir &&
+                section.text("staging_dir") == pager.staging_dir);
+    }
+}
+
+void require_same(const file_section_t &section, const rule_t &rule) {
+    require(section.name.substr(0, sizeof rule.name - 1) == rule.name);
+    if (section.name.size() < UNCUT) {
+        require(section.text("context") == rule.context &&
+                section.text("channel") == rule.channel &&
+                parse_action(section.text("action")) == rule.action);
+    }
+}
+
+// After the daemon's own load of the same file.
+void require_same(const site_t &site, const summary_t &summary) {
+    int served = 0;
+    for (const site_line_t &line : site.lines) {
+        if (line.pager != nullptr) {
+            require(line.pager == &pagers[served++]);
+            require_same(*line.section, *line.pager);
+        }
+    }
+    require(served == num_pagers && summary == summarize());
+    for (const site_rule_t &rule : site.rules) {
+        require_same(*rule.section, *rule.rule);
+    }
+    require(std::ssize(site.rules) == summary.num_rules);
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    configuration = "[logger]\nlog_level = 0\n" + tamed(as_text(data, size));
+    clear_tables();
+    site_t site;
+    findings_t findings;
+    require(load_site(PATH, true, &site, &findings) == 0);
+    check_site(site, &findings);
+    const summary_t summary = summarize();
+    require(!report_json(PATH, findings.sorted(), true, summary).empty());
+    require(!summary_text(summary).empty());
+    for (const site_line_t &line : site.lines) {
+        if (line.pager != nullptr) {
+            require(!trial_text(try_message(*line.pager, "FIRE ZONE 3", "4711")).empty());
+        }
+    }
+    clear_tables();
+    free_confvals();
+    require(load_conf(PATH) == 0);
+    require_same(site, summary);
+    return 0;
+}
