@@ -3,15 +3,17 @@
 include(GNUInstallDirs)
 
 install(TARGETS vesperd DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(TARGETS espasend vesperstat DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS espasend vespercheck vesperstat DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES conf/quillet.conf DESTINATION ${CMAKE_INSTALL_SYSCONFDIR})
 install(PROGRAMS share/mkcall.sh DESTINATION ${CMAKE_INSTALL_DATADIR}/quillet)
 install(FILES share/prometheus/vesperd.rules.yml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/vesperd/prometheus)
 install(FILES man/vesperd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES man/quillet.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
-install(FILES man/espasend.1 man/vesperstat.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES completion/vesperd completion/espasend completion/vesperstat
+install(FILES man/espasend.1 man/vespercheck.1 man/vesperstat.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES completion/vesperd completion/espasend completion/vespercheck
+    completion/vesperstat
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES README.md docs/architecture.md docs/asterisk.md docs/monitoring.md docs/security.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR})

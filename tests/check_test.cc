@@ -1,0 +1,182 @@
+// What vespercheck finds in a configuration, what it says of a message, and what it exits with.
+
+#include "check.h"
+
+#include "support.h"
+
+namespace {
+
+// A line that is complete; it begins at line 1 and has six.
+const std::string LINE =
+    "[ward]\nhost = 127.0.0.1\nspool_dir = /var/spool\nrecover_link = 1\n"
+    "rules = rule_a\ndefault_rule = rule_d\n";
+const std::string RULES = "[rule_a]\npattern = FIRE\n[rule_d]\n";  // from line 7 on
+const std::string CALL = LINE + RULES + "action = call\n";         // the action is line 10
+const std::string SCRIPT_RULE = LINE + RULES + "action = script\n";
+const std::string QUOTED = SCRIPT_RULE + "quote = yes\n";
+
+std::string repeated(int count, const std::string &text) {
+    std::string all;
+    for (int i = 0; i < count; i++) {
+        all += std::regex_replace(text, std::regex("#"), std::to_string(i));
+    }
+    return all;
+}
+
+struct Check : Tables {
+    std::string findings_in(const std::string &text, bool asks_names = false) {
+        memset(pagers, 0, sizeof pagers);
+        memset(rules, 0, sizeof rules);
+        site_t site;
+        findings_t findings;
+        const std::string path = dir.write("conf", text);
+        EXPECT_EQ(load_site(path.c_str(), asks_names, &site, &findings), 0);
+        check_site(site, &findings);
+        std::string all = "\n";
+        for (const finding_t &finding : findings.sorted()) {
+            all += text_of(finding.line, " ", severity_name(finding.severity), " ", finding.kind,
+                           ": ", finding.text, "\n");
+        }
+        return all;
+    }
+};
+
+TEST_F(Check, FindsWithItsPlace) {
+    const std::string longer(300, 'x');
+    const std::pair<std::string, std::string> rows[] = {
+        {"[p]\nport = 1\n", "1 error host: .* has no host"},
+        {CALL + "pattern = (a\n", "11 error pattern: .*Unmatched"},
+        {CALL + "value[a] = (\n", "11 error pattern: value.a. does not"},
+        {"[p]\nhost = 1.2.3.4\nrules = a,b\n", "3 error no-rule: .* dropped"},
+        {"[p]\nhost = 1.2.3.4\ndefault_rule = x\n", "3 error no-rule: .*'x'"},
+        {"[p]\nhost = 1.2.3.4\n", "1 warning no-rule: .* neither rules"},
+        {repeated(17, "[p#]\nhost = 10.0.0.#\n"), "33 error not-read: .*p15.* 16th pager"},
+        {repeated(257, "[rule_#x]\n"), "257 error not-read: .* 256th rule"},
+        {LINE + "charset = KLINGON\n", "7 error charset: .* KLINGON"},
+        {"[p]\nhost = 1.2.3.4\nsend_service_actions = y\n", "3 error no-default-rule: "},
+        {"[p]\nhost 1.2.3.4\n", "2 warning no-form: 'host 1.2.3.4' "},
+        {"[p\n", "1 warning open-section: "},
+        {"[p] x\n", "1 warning no-form: 'x' behind"},
+        {"[p]\nrules =\n", "2 warning no-value: rules "},
+        {"[rule_a]\npattern = # 1\n", "2 warning no-value: .*'#' begins"},
+        {"; " + std::string(1022, 'x') + "\n[p\n", "1 warning long-line: .*\n.*2 warning open"},
+        {"[p]\nrecover_lnik = 1\n", "2 warning unknown-key: .* did you mean recover_link"},
+        {"[p]\nfrobnicate = 1\n", "2 warning unknown-key: .*nothing reads it"},
+        {"[p]\npattern = x\n", "2 warning wrong-section: .*rule_"},
+        {"port = 1\n", "1 warning no-section: "},
+        {"[p]\nport = 1\nPort = 2\n", "3 warning twice: port .*line 2.* port = 2"},
+        {"[p]\n[q]\n[P]\n", "3 warning twice: section .p. .*line 1"},
+        {LINE + "rules = rule_a, rule_d\n" + RULES, "7 warning name-finds.*blank.*rule_d .line 10"},
+        {LINE + "rules = rule_a,d\n" + RULES, "7 warning name-finds.*did you mean rule_d"},
+        {LINE + "rules = rule_ab,rule_a\n" + RULES + "[rule_ab]\n",
+         "7 warning other-rule: .*rule_a .line 8.*rule_ab .line 11"},
+        {LINE + "rules = rule_\n" + RULES, "7 warning other-rule: .*no .rule_.*rule_a"},
+        {LINE + "rules = rule_a,rule_a\n" + RULES, "7 warning listed-twice: "},
+        {LINE + RULES + "[rule_e]\n", "10 warning not-reached: .*rule_e"},
+        {LINE + RULES + "[rule_aa]\n", "10 warning not-reached: .*finds rule_a .line 7"},
+        {LINE + "protocol = ASCII\n", "7 warning value: .*capital.* espa"},
+        {LINE + "protocol = asc\n", "7 note value: .*ascii"},
+        {LINE + RULES + "action = Call\n", "10 warning value: .*means skip"},
+        {LINE + "read_timeout = 60\n", "7 warning value: .*60 means 30 seconds"},
+        {LINE + "read_timeout = 10\n", "7 warning value: .*10 means 1 second\n"},
+        {LINE + "espa_poll = on\n", "7 warning value: .*'on' is neither.*means no"},
+        {"[logger]\nlog_type = sys\n", "2 warning value: .*means file"},
+        {"[logger]\nlog_level = abc\n", "2 warning value: .*means 0"},
+        {LINE + "port = 010\n", "7 warning value: .*octal: it means 8"},
+        {LINE + "port = 70000\n", "7 warning port: .*port 4464"},
+        {LINE + RULES + "pattern = a;b\n", "10 warning cut: .*';' and is 'a'"},
+        {LINE + RULES + "callscript = a ; b\n", "10 warning cut: .*';' and is 'a'"},
+        {LINE + RULES + "pattern = 'it's'\n", "10 warning cut: .*second '.*s' is passed"},
+        {LINE + RULES + "pattern = \"a\n", "10 warning cut: .*no closing"},
+        {CALL + "context = " + longer + "\n", "11 warning too-long: context is 300.*255"},
+        {"[" + longer + "]\n", "1 warning section-name: .*cut at 63"},
+        {"[rule_" + longer + "]\n", "1 warning section-name: .*cut at 255"},
+        {"[a:b]\n", "1 warning section-name: .*colon"},
+        {"[loggers]\n", "1 warning section-name: .*skipped"},
+        {CALL + "context = %espa_if%\n", "11 warning placeholder: .*%espa_if% is no"},
+        {CALL + "context = %Number%\n", "11 warning placeholder: .*mean %number%"},
+        {CALL + "context = $zone\n", "11 warning placeholder: .*value.zone. for .zone"},
+        {CALL + "value[a] = (a)\nvalue[ab] = (b)\ncontext = $ab\n", "13 warning shadowed: "},
+        {CALL + "value[a] = (a)\ncontext = $a%number%\n", "12 warning placeholder: .*behind"},
+        {CALL + "value[] = (a)\nvalue[b] = (b)\n", "11 warning unnamed-value: .*behind it"},
+        {CALL + repeated(17, "value[v#] = (a)\n"), "27 warning too-many-values: value.v16"},
+        {CALL + "value[a] = b\n", "11 warning no-group: "},
+        {CALL + "pattern = ^(|a{0})$\n", "11 warning empty-match: "},
+        {CALL + "pattern = (a)\\1\n", "11 warning back-reference: "},
+        {LINE + "rules = rule_a,rule_d\n" + RULES + "pattern = FIRE\n",
+         "11 warning same-pattern: rule_d .*rule_a .line 8"},
+        {SCRIPT_RULE, "9 warning quoting: .*%number% stands there without"},
+        {SCRIPT_RULE + "callscript = x '%message%'\n", "11 warning quoting: .*in the text ends"},
+        {QUOTED + "callscript = x \"%message%\"\n", "12 warning quoting: .*quotes of its own"},
+        {"[p]\nhost = 1.2.3.4\n", "1 warning spool-dir: "},
+        {"[p]\nhost = ::1x\n[q]\nhost = ::1X\n", "4 warning same-converter: .*p. .line 1"},
+        {LINE + "callscript = x\n", "7 note unused: "},
+        {"[logger]\nlog_level = 5\n" + LINE, "2 note log-level: .*2 lines"},
+        {"[p]\nhost = 1.2.3.4\n", "1 note no-recovery: "},
+    };
+    for (const auto &[text, expected] : rows) {
+        EXPECT_THAT(findings_in(text), ContainsRegex("\n" + expected)) << text;
+    }
+    EXPECT_THAT(findings_in("[p]\nhost = no such host\n", true),
+                ContainsRegex("\n2 error host: .*does not resolve .*after [0-9.]+ s"));
+}
+
+TEST_F(Check, FindsNothingInWhatIsMeant) {
+    const std::string clean = findings_in(
+        "[logger]\nlog_type = Syslog ; a comment\nlog_level = 3\n" + LINE +
+        "port = 4001;two\nread_timeout = 30\n[rule_a]\npattern = 'a;b' ; c\naction = script\n"
+        "quote = 1\nvalue[ab] = (a)\nvalue[a] = (b)\n"
+        "callscript = x $HOME $(date +%H%M) %message% $ab '100 % of 10%' for i in $i\n[rule_d]\n");
+    EXPECT_THAT(clean, Not(ContainsRegex("warning|note|error [^d]")));
+}
+
+struct InstalledCheck : Check {};
+
+TEST_F(InstalledCheck, JudgesFilesAsTheAccount) {
+    if (!why_files_are_not_judged().empty()) {
+        GTEST_SKIP() << "needs root and the daemon's account";
+    }
+    fs::create_directory(dir.path("closed"));
+    const std::string closed = dir.path("closed");
+    dir.write("locked", "");
+    fs::permissions(dir.path("locked"), fs::perms(0600));
+    const std::string found =
+        findings_in("[logger]\nlog_file = " + dir.path("locked") + "\njournal_file = " + closed +
+                    "/j\nstatus_file = " + closed + "/s\n" + LINE + "spool_dir = " + closed +
+                    "\nstaging_dir = /none\n[q]\nhost = 1.2.3.4\nspool_dir = " + dir.path() +
+                    "\nstaging_dir = " + dir.path() + "\n");
+    for (const char *expected :
+         {"2 error directory: .*cannot write .*locked", "3 error directory: .*no .*j, and",
+          "4 error directory: .*closed: Perm", "11 error directory: .*closed: Perm",
+          "12 error directory: .*No such", "16 warning staging: .*itself"}) {
+        EXPECT_THAT(found, ContainsRegex("\n"s + expected));
+    }
+    fs::permissions(dir.path("conf"), fs::perms(0600));
+    const std::string said = run(3, "vespercheck --loadable " + dir.path("conf"));
+    EXPECT_THAT(said, HasSubstr("ovo cannot open " + dir.path("conf") + ": Permission denied"));
+    fs::permissions(dir.path("conf"), fs::perms(0644));
+    EXPECT_THAT(run(0, "vespercheck --loadable " + dir.path("conf")), HasSubstr("conf:11: error"));
+}
+
+TEST_F(Check, StatusAndReport) {
+    const std::string head =
+        "[logger]\nlog_file = /dev/null\nlog_level = 0\n[p]\nhost = 10.0.0.1\n";
+    const std::string rest = "spool_dir = " + dir.path() + "\nrecover_link = y\nrules = rule_f\n";
+    const std::string rule = "[rule_f]\naction = call\npattern = F([A-Z])\nextension = 9\n";
+    const std::string path = dir.write("conf", head + rest + rule);
+    EXPECT_THAT(run(0, "vespercheck " + path), HasSubstr("p: 10.0.0.1 port 2233, ESPA 4.4.4\n"
+                                                         "    1. rule_f (call)\n"));
+    EXPECT_THAT(run(0, "vespercheck --json " + path), HasSubstr("\"name\": \"rule_f\""));
+    EXPECT_THAT(run(0, "vespercheck -m 'FA FB' -l P -a 7 " + path),
+                ContainsRegex("match index 2, groups 'AB'\n  Selected: rule_f.*\n.*call_9_[0-9]+:\n"
+                              ".*Local/1234@users.r\n.*\n.*9.r\n.*\"7\" <7>"));
+    dir.write("conf", head + "port = 010\n" + rest + rule);
+    EXPECT_EQ(run(1, "vespercheck -q " + path),
+              path + ":6: warning: port = 010 is octal: it means 8\n");
+    dir.write("conf", head + "charset = x\n" + rest + rule);
+    run(2, "vespercheck " + path);
+    run(3, "vespercheck " + dir.path("missing"));
+    run(64, "vespercheck -m x -l nobody " + path);
+}
+
+}  // namespace
