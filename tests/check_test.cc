@@ -172,7 +172,7 @@ TEST_F(Check, StatusAndReport) {
                               ".*Local/1234@users.r\n.*\n.*9.r\n.*\"7\" <7>"));
     dir.write("conf", head + "port = 010\n" + rest + rule);
     EXPECT_EQ(run(1, "vespercheck -q " + path),
-              path + ":6: warning: port = 010 is octal: it means 8\n");
+              path + ":6: warning: port = '010' is octal: it means 8\n");
     dir.write("conf", head + "charset = x\n" + rest + rule);
     run(2, "vespercheck " + path);
     run(3, "vespercheck " + dir.path("missing"));

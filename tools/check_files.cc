@@ -20,7 +20,7 @@ namespace {
 constexpr const char *ACCOUNT = "ovo";
 constexpr const char *PIDFILE = "/run/vesperd.pid";
 
-// The groups of a process, from its status file; none when there is no such process.
+// The groups of the daemon with this process id, from its status file; none when it is no daemon.
 std::vector<gid_t> groups_of(int pid) {
     char path[PATH_SIZE];
     snprintf(path, sizeof path, "/proc/%d/status", pid);
@@ -28,8 +28,11 @@ std::vector<gid_t> groups_of(int pid) {
     std::vector<gid_t> groups;
     char line[PATH_SIZE];
     while (file && fgets(line, sizeof line, file.get()) != nullptr) {
-        const bool is_effective = strncmp(line, "Gid:", 4) == 0;
-        if (!is_effective && strncmp(line, "Groups:", 7) != 0) {
+        const std::string_view field(line);
+        if (field.starts_with("Name:") && field != "Name:\tvesperd\n") {
+            return {};
+        }
+        if (!field.starts_with("Gid:") && !field.starts_with("Groups:")) {
             continue;
         }
         unsigned group = 0;
@@ -73,21 +76,24 @@ class as_account_t {
         had_groups_.resize(static_cast<size_t>(std::max(getgroups(0, nullptr), 0)));
         getgroups(static_cast<int>(had_groups_.size()), had_groups_.data());
         had_gid_ = getegid();
-        is_changed_ = setgroups(wanted.size(), wanted.data()) == 0 &&
-                      setegid(wanted.empty() ? account->pw_gid : wanted[0]) == 0 &&
-                      seteuid(account->pw_uid) == 0;
+        is_begun_ = true;
+        is_taken_ = setgroups(wanted.size(), wanted.data()) == 0 &&
+                    setegid(wanted.empty() ? account->pw_gid : wanted[0]) == 0 &&
+                    seteuid(account->pw_uid) == 0;
     }
     as_account_t(const as_account_t &) = delete;
     as_account_t &operator=(const as_account_t &) = delete;
     ~as_account_t() {
-        const bool is_back =
-            !is_changed_ || (seteuid(0) == 0 && setegid(had_gid_) == 0 &&
-                             setgroups(had_groups_.size(), had_groups_.data()) == 0);
+        const bool is_back = !is_begun_ || (seteuid(0) == 0 && setegid(had_gid_) == 0 &&
+                                            setgroups(had_groups_.size(), had_groups_.data()) == 0);
         static_cast<void>(is_back);  // nothing is written with either rights
     }
 
+    bool is_taken() const { return is_taken_; }
+
   private:
-    bool is_changed_ = false;
+    bool is_begun_ = false;
+    bool is_taken_ = false;
     gid_t had_gid_ = 0;
     std::vector<gid_t> had_groups_;
 };
@@ -218,6 +224,9 @@ std::string why_files_are_not_judged() {
     }
     if (geteuid() != 0 && geteuid() != account->pw_uid) {
         return text_of("only root can tell what the account ", ACCOUNT, " may");
+    }
+    if (geteuid() == 0 && !as_account_t().is_taken()) {
+        return text_of("this root may not take the account ", ACCOUNT);
     }
     return "";
 }

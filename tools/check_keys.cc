@@ -1,13 +1,12 @@
 #include <strings.h>
 
-#include <climits>
 #include <cstdlib>
 
 #include "check.h"
 
 namespace {
 
-constexpr long MAX_PORT = 65535;
+constexpr int MAX_PORT = 65535;
 constexpr int NOISY_LOG_LEVEL = 5;
 
 const char *kind_name(section_kind_t kind) {
@@ -98,27 +97,8 @@ bool is_yes_or_no(const std::string &value) {
     return false;
 }
 
-int read_yes_no(const config_key_t &key, const std::string &value) {
-    switch (value.empty() ? '\0' : value[0]) {
-        case '1':
-        case 'y':
-        case 'Y':
-        case 't':
-        case 'T':
-            return 1;
-        case '0':
-        case 'n':
-        case 'N':
-        case 'f':
-        case 'F':
-            return 0;
-        default:
-            return key.number;
-    }
-}
-
-void check_yes_no(const config_key_t &key, const file_entry_t &entry, findings_t *findings) {
-    const int read = read_yes_no(key, entry.value);
+void check_yes_no(const config_key_t &key, const file_entry_t &entry, int read,
+                  findings_t *findings) {
     if (is_yes_or_no(entry.value) || entry.value == std::to_string(read)) {
         return;
     }
@@ -131,46 +111,38 @@ void check_yes_no(const config_key_t &key, const file_entry_t &entry, findings_t
     }
 }
 
-void check_port(const file_entry_t &entry, long port, findings_t *findings) {
-    if (port < 1 || port > MAX_PORT) {
+void check_range(const config_key_t &key, const file_entry_t &entry, int read,
+                 findings_t *findings) {
+    const bool is_port = key.name == std::string_view("port");
+    if (is_port && (read < 1 || read > MAX_PORT)) {
         findings->warn(entry.line, "port", "port ", entry.value,
                        " is not within 1 and 65535: the line connects to port ",
-                       static_cast<int>(static_cast<uint16_t>(port)));
-    }
-}
-
-void check_log_level(const file_entry_t &entry, long level, findings_t *findings) {
-    if (level < 0) {
+                       static_cast<int>(static_cast<uint16_t>(read)));
+    } else if (!is_port && read < 0) {
         findings->warn(entry.line, "value", "log_level = ", entry.value,
                        " lets everything through, as 5 does");
     }
 }
 
-void check_number(const config_key_t &key, const file_entry_t &entry, findings_t *findings) {
+void check_number(const config_key_t &key, const file_entry_t &entry, int read,
+                  findings_t *findings) {
     const char *text = entry.value.c_str();
     char *end = nullptr;
     const long number = strtol(text, &end, 0);
     const bool is_octal = text[0] == '0' && text[1] >= '0' && text[1] <= '9';
-    if (end == text) {
+    if (end == text || *end != '\0' || is_octal || number != read) {
         findings->warn(entry.line, "value", key.name, " = '", entry.value,
-                       "' is not a number: it means 0");
-    } else if (*end != '\0' || is_octal || number > INT_MAX || number < INT_MIN) {
-        findings->warn(entry.line, "value", key.name, " = ", entry.value,
-                       is_octal ? " is octal" : " is not a number", ": it means ",
-                       static_cast<int>(number));
+                       is_octal ? "' is octal" : "' is not a number", ": it means ", read);
     }
-    if (key.name == std::string_view("port")) {
-        check_port(entry, static_cast<int>(number), findings);
-    } else {
-        check_log_level(entry, static_cast<int>(number), findings);
-    }
+    check_range(key, entry, read, findings);
 }
 
-void check_value(const config_key_t &key, const file_entry_t &entry, findings_t *findings) {
+void check_value(const config_key_t &key, const file_entry_t &entry, int read,
+                 findings_t *findings) {
     if (key.reading == reading_t::NUMBER) {
-        check_number(key, entry, findings);
+        check_number(key, entry, read, findings);
     } else if (key.reading == reading_t::YES_NO) {
-        check_yes_no(key, entry, findings);
+        check_yes_no(key, entry, read, findings);
     } else if (key.words[0] != '\0') {
         check_word(key, entry, findings);
     }
@@ -198,14 +170,14 @@ void check_use(const file_section_t &section, const file_entry_t &entry, finding
     }
 }
 
-void check_section(const file_section_t &section, findings_t *findings) {
+void check_section(const outline_t &outline, const file_section_t &section, findings_t *findings) {
     for (const file_entry_t &entry : section.entries) {
         const config_key_t *key = find_key(section.kind, entry.key);
         if (section.name.empty()) {
             findings->warn(entry.line, "no-section", entry.key,
                            " stands before the first section: nothing reads it");
         } else if (key != nullptr) {
-            check_value(*key, entry, findings);
+            check_value(*key, entry, outline.number(section, *key), findings);
             check_use(section, entry, findings);
         } else if (section.kind != section_kind_t::UNLISTED &&
                    section.kind != section_kind_t::SKIPPED) {
@@ -220,13 +192,10 @@ void check_keys(const site_t &site, findings_t *findings) {
     int log_line = 1;
     int log_level = DEFAULT_LOG_LEVEL;
     for (const file_section_t &section : site.outline.sections) {
-        check_section(section, findings);
+        check_section(site.outline, section, findings);
         if (section.kind == section_kind_t::LOGGER) {
             log_line = section.line_of("log_level");
-            const file_entry_t *entry = section.find("log_level");
-            log_level = entry != nullptr
-                            ? static_cast<int>(strtol(entry->value.c_str(), nullptr, 0))
-                            : log_level;
+            log_level = site.outline.number(section, *find_key(section.kind, "log_level"));
         }
     }
     const bool is_noisy = log_level >= NOISY_LOG_LEVEL || log_level < 0;

@@ -147,8 +147,7 @@ class choice_checker_t {
 
     void check_default() const {
         const config_key_t &actions = *find_key(section_kind_t::PAGER, "send_service_actions");
-        const std::string text = section_.text(actions.name);
-        const bool sends = !text.empty() && strchr("1yYtT", text[0]) != nullptr;
+        const bool sends = site_.outline.number(section_, actions) != 0;
         if (sends && default_.rule == nullptr) {
             findings_->error(section_.line_of(actions.name), "no-default-rule",
                              "send_service_actions without a default rule",

@@ -176,6 +176,13 @@ std::string file_section_t::text(std::string_view key) const {
     return row != nullptr && row->size > 0 ? entry->value.substr(0, row->size - 1) : entry->value;
 }
 
+int outline_t::number(const file_section_t &section, const config_key_t &key) const {
+    const std::string name = text_of(section.name, ":", key.name);
+    return key.reading == reading_t::YES_NO
+               ? iniparser_getboolean(dict.get(), name.c_str(), key.number)
+               : iniparser_getint(dict.get(), name.c_str(), key.number);
+}
+
 int read_outline(const char *path, outline_t *outline, findings_t *findings) {
     outline->dict.reset(dictionary_new(0));
     outliner_t outliner(outline, findings);

@@ -35,6 +35,9 @@ struct file_section_t {
 struct outline_t {
     std::vector<file_section_t> sections;  // in the order of their first appearance
     unique_dictionary_t dict;              // the same, as the daemon reads it
+
+    // What a number or yes/no key comes to.
+    int number(const file_section_t &section, const config_key_t &key) const;
 };
 
 // Reads the file at `path` and finds what is wrong with its lines: forms, lengths, repetitions and

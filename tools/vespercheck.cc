@@ -141,7 +141,10 @@ int try_on_lines(const options_t &options, const site_t &site) {
         const bool is_wanted =
             options.lines.empty() || std::find(options.lines.begin(), options.lines.end(),
                                                line.section->name) != options.lines.end();
-        if (is_wanted && line.pager != nullptr) {
+        if (is_wanted && line.pager == nullptr) {
+            fprintf(stderr, "vespercheck: line %s has no host and is left out\n",
+                    line.section->name.c_str());
+        } else if (is_wanted) {
             trials.push_back(try_message(*line.pager, options.message, options.address));
         }
     }
