@@ -42,10 +42,13 @@ std::vector<finding_t> findings_t::sorted() const {
     std::stable_sort(sorted.begin(), sorted.end(),
                      [](const finding_t &a, const finding_t &b) { return a.line < b.line; });
     std::vector<finding_t> once;
+    size_t line_begins = 0;
     for (const finding_t &finding : sorted) {
-        const auto same_line = std::find_if(
-            once.begin(), once.end(), [&](const finding_t &f) { return f.line == finding.line; });
-        if (std::find(same_line, once.end(), finding) == once.end()) {
+        if (!once.empty() && once.back().line != finding.line) {
+            line_begins = once.size();
+        }
+        const auto of_line = once.begin() + static_cast<std::ptrdiff_t>(line_begins);
+        if (std::find(of_line, once.end(), finding) == once.end()) {
             once.push_back(finding);
         }
     }
