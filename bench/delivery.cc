@@ -83,9 +83,12 @@ class pbx_t {
         const size_t at = text.find("CallerID: CALL ");
         const bool complete = at != std::string::npos && text.ends_with("\r\nMaxRetries: 0\r\n");
         std::error_code gone;
-        if (fs::remove(path, gone) && complete) {
+        if (!fs::remove(path, gone)) {
+            return;  // with the directory
+        }
+        if (complete) {
             taken_[atoi(text.c_str() + at + 15)]++;
-        } else if (!gone) {
+        } else {
             incomplete_++;
         }
     }
