@@ -77,14 +77,18 @@ class pbx_t {
         }
     }
     void take(const fs::path &path) {
+        std::ifstream file(path, std::ios::binary);
+        if (!file) {
+            return;  // gone with the directory
+        }
         std::ostringstream content;
-        content << std::ifstream(path, std::ios::binary).rdbuf();
+        content << file.rdbuf();
         const std::string text = content.str();
         const size_t at = text.find("CallerID: CALL ");
         const bool complete = at != std::string::npos && text.ends_with("\r\nMaxRetries: 0\r\n");
         std::error_code gone;
         if (!fs::remove(path, gone)) {
-            return;  // with the directory
+            return;
         }
         if (complete) {
             taken_[atoi(text.c_str() + at + 15)]++;
