@@ -35,7 +35,7 @@ TEST_F(Monitoring, FaultsComeAndGo) {
     daemon.listeners[0].reset();
     child_t process = daemon.start();
     unique_fd_t lines[4];
-    for (size_t i : {1, 2, 3}) {
+    for (size_t i = 1; i < 4; i++) {
         lines[i] = daemon.accept(i);
     }
     send_bytes(lines[1], faults[1].sent);
@@ -51,7 +51,7 @@ TEST_F(Monitoring, FaultsComeAndGo) {
     kill(std::stoi(daemon.dir.read("pid")), SIGTERM);
     lines[0] = daemon.accept(0);
     kill(process.pid, SIGHUP);  // makes an ESPA line of the one that fell back
-    for (size_t i : {0, 1, 2, 3}) {
+    for (size_t i = 0; i < 4; i++) {
         send(lines[i].get(), "\n\x04", 2, MSG_NOSIGNAL);
         lines[i] = daemon.accept(i);
     }
