@@ -82,8 +82,7 @@ outcome_t store_call_file(const pager_t *pager, const char *name, std::string_vi
 
 outcome_t place_call(const pager_t *pager, const rule_t *rule, const placeholders_t &with) {
     call_text_t call;
-    compose_call(&call, rule, with);
-    if (rule->quote != 0 && std::string_view(call.name).find("/../") != std::string_view::npos) {
+    if (!compose_call(&call, rule, with)) {
         LOG_AS(LEVEL_ERROR, "call_action",
                "Extension of rule %s leads out of the spool directory\n", rule->name);
         return {false, false, "", -1};
@@ -211,7 +210,7 @@ void process_status(const pager_t *pager, std::string_view name) {
 
 }  // namespace
 
-void compose_call(call_text_t *call, const rule_t *rule, const placeholders_t &with) noexcept {
+bool compose_call(call_text_t *call, const rule_t *rule, const placeholders_t &with) noexcept {
     const bool quotes = rule->quote != 0;
     const quoting_t of_names = quotes ? quoting_t::NAME : quoting_t::NONE;
     const quoting_t of_caller = quotes ? quoting_t::CALLER_ID : quoting_t::NONE;
@@ -226,6 +225,7 @@ void compose_call(call_text_t *call, const rule_t *rule, const placeholders_t &w
              "Channel: %s\r\nContext: %s\r\nExtension: %s\r\nCallerID: %s\r\n"
              "Priority: 1\r\nMaxRetries: 0\r\n",
              channel.text, context.text, extension.text, callerid.text);
+    return !quotes || std::string_view(call->name).find("/../") == std::string_view::npos;
 }
 
 bool compose_command(command_text_t *command, const rule_t *rule,

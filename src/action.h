@@ -28,11 +28,13 @@ outcome_t perform_action(const pager_t *pager, int alrm, const char *number, con
                          const rule_t *rule) noexcept;
 
 // The call file that a CALL rule comes to now: its name, which staging makes longer, and its bytes.
+// Returns whether it would be written: with the rule's `quote` one whose name leads out of the spool
+// directory is not.
 struct call_text_t {
     char name[288];
     char content[1152];
 };
-void compose_call(call_text_t *call, const rule_t *rule, const placeholders_t &with) noexcept;
+bool compose_call(call_text_t *call, const rule_t *rule, const placeholders_t &with) noexcept;
 
 // The command line that a SCRIPT rule comes to, cut where it is too long. Returns whether it would be
 // run: with the rule's `quote` a cut one is not.

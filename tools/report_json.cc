@@ -53,9 +53,10 @@ json_t as_json(const trial_t &trial) {
         object["values"].emplace(name, value);
     }
     if (trial.action == "call") {
-        object["call_file"] = {{"path", trial.file}, {"content", trial.text}};
+        object["call_file"] = {
+            {"path", trial.file}, {"content", trial.text}, {"is_written", trial.is_done}};
     } else if (trial.action == "script") {
-        object["command"] = {{"line", trial.text}, {"is_run", trial.is_run}};
+        object["command"] = {{"line", trial.text}, {"is_run", trial.is_done}};
     }
     return object;
 }

@@ -61,13 +61,13 @@ void expand(const pager_t &pager, const rule_t &rule, const placeholders_t &with
     }
     if (rule.action == CALL) {
         call_text_t call;
-        compose_call(&call, &rule, with);
+        trial->is_done = compose_call(&call, &rule, with);
         trial->file =
             text_of(pager.spool_dir, "/", call.name, pager.staging_dir[0] != '\0' ? "_0" : "");
         trial->text = call.content;
     } else if (rule.action == SCRIPT) {
         command_text_t command;
-        trial->is_run = compose_command(&command, &rule, with);
+        trial->is_done = compose_command(&command, &rule, with);
         trial->text = command.line;
     }
 }
@@ -83,11 +83,14 @@ std::string with_line_ends(const std::string &text) {
 
 std::string action_text(const trial_t &trial) {
     if (trial.action == "call") {
-        return text_of("  Call file ", trial.file, ":\n", with_line_ends(trial.text));
+        return text_of(
+            trial.is_done ? "  Call file " : "  Call file outside of spool_dir, not written, ",
+            trial.file, ":\n", with_line_ends(trial.text));
     }
     if (trial.action == "script") {
-        return text_of(trial.is_run ? "  Command:\n    " : "  Command, too long and not run:\n    ",
-                       trial.text, "\n");
+        return text_of(
+            trial.is_done ? "  Command:\n    " : "  Command, too long and not run:\n    ",
+            trial.text, "\n");
     }
     return trial.selected.empty() ? "  The message is dropped\n" : "  Nothing is done\n";
 }

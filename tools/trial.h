@@ -23,7 +23,7 @@ struct trial_t {
     std::vector<std::pair<std::string, std::string>> values;  // what its values come to
     std::string file;                                         // "call": the call file's path
     std::string text;  // "call": its content; "script": the command
-    bool is_run;       // false: a quoted command that is too long
+    bool is_done;      // false: a quoted command that is too long, a quoted name that leads out
 };
 
 // Tries a message with a call address, which an ASCII line has not. On a line with a charset both are
