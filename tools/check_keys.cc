@@ -80,8 +80,13 @@ void check_word(const config_key_t &key, const file_entry_t &entry, findings_t *
         return;
     }
     const std::string words(key.words);
-    const bool is_word =
-        (" " + words + " ").find(" " + lower_case(entry.value) + " ") != std::string::npos;
+    const auto spaced = [](const std::string &text) {
+        std::string between = " ";
+        between += text;
+        between += ' ';
+        return between;
+    };
+    const bool is_word = spaced(words).find(spaced(lower_case(entry.value))) != std::string::npos;
     findings->warn(entry.line, "value", key.name, " = ", entry.value,
                    is_word ? " is not read in capital letters" : " is none of its words",
                    ": it means ", meant, " (", words, ")");

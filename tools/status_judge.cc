@@ -39,9 +39,14 @@ class judge_t {
             std::transform(name.begin(), name.end(), name.begin(),
                            [](unsigned char c) { return static_cast<char>(toupper(c)); });
             const double seconds = line.protocol_since > 0 ? since(line.protocol_since) : 0;
-            add(level_t::WARNING, "fell_back", seconds,
-                "fell back to " + name +
-                    (line.protocol_since > 0 ? " " + duration_words(seconds) + " ago" : ""));
+            std::string words = "fell back to ";
+            words += name;
+            if (line.protocol_since > 0) {
+                words += ' ';
+                words += duration_words(seconds);
+                words += " ago";
+            }
+            add(level_t::WARNING, "fell_back", seconds, words);
         }
         judge_silence(line, start);
     }
