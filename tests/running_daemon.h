@@ -43,7 +43,7 @@ struct daemon_t {
         }
         configure(lines, rest);
         name = "vesper-" + ports[0];
-        fs::create_symlink(PROGRAM_DIR "/vesperd", dir.path(name));
+        fs::copy_file(PROGRAM_DIR "/vesperd", dir.path(name));  // the account may not enter there
     }
     daemon_t(const std::string &keys, const std::string &rest) : daemon_t({{"line", keys}}, rest) {}
     ~daemon_t() {
