@@ -174,14 +174,15 @@ TEST_F(Daemon, AcknowledgesWhatIsDone) {
     EXPECT_EQ(daemon.dir.read("note"), "NOTE 'x'\n");
 }
 
-// The spool directory is on another file system.
+// The spool directory is on another file system, and neither journal nor status can be written.
 TEST_F(Daemon, WritesDirectlyWhatItCannotStage) {
     const temp_dir_t elsewhere;
     const std::string spool = "/dev/shm" + elsewhere.path_;
     fs::create_directories(spool);
     fs::permissions(spool, fs::perms(0777));
     daemon_t daemon("staging_dir = @\nrules = rule_x\nspool_dir = " + spool + "\n",
-                    "[rule_x]\npattern = FIRE\naction = call\n");
+                    "[rule_x]\npattern = FIRE\naction = call\n"
+                    "[logger]\njournal_file = /dev/full\nstatus_file = @missing/status\n");
     daemon.run_in_foreground();
     const unique_fd_t line = daemon.accept();
     control_station_t station(line.get(), 30, nullptr);
@@ -191,6 +192,10 @@ TEST_F(Daemon, WritesDirectlyWhatItCannotStage) {
     EXPECT_TRUE(station.end_transmission());
     EXPECT_EQ(std::distance(fs::directory_iterator(spool), {}), 3);
     EXPECT_EQ(daemon.count("Unable to stage call files"), 1);
+    // Of each file that cannot be written the log says so once.
+    EXPECT_EQ(daemon.count("Unable to write journal /dev/full: No space left on device"), 1);
+    daemon.expect_logged("Unable to write status file " + daemon.dir.path("missing/status"));
+    EXPECT_EQ(daemon.count("Unable to write status file"), 1);
     fs::remove_all(spool);
 }
 
