@@ -13,6 +13,7 @@
 
 #include "charset.h"
 #include "ini.h"
+#include "instance.h"
 #include "journal.h"
 #include "keys.h"
 #include "logger.h"
@@ -42,7 +43,7 @@ class section_t {
 
     const char *text(known_key_t<KIND> known) const {
         const char *found = iniparser_getstr(dict_, entry(known).c_str());
-        return found != nullptr ? found : known.key->text;
+        return found != nullptr ? found : absent_text(*known.key);
     }
     int integer(known_key_t<KIND> known) const { return number(known, iniparser_getint); }
     // Decided by the first character: 1, y, t or 0, n, f in either case; else as if absent.

@@ -18,8 +18,8 @@ using host_finder_t = hostent *(*)(const char *name);
 extern host_finder_t find_host;
 
 // Reads the file at `path` into `pagers`, `num_pagers`, `rules`, `logfile`, `logtype` and
-// `loglevel`, starts the logger with what it found, and sets the status file and the journal. The earlier `logfile` is not released: call
-// free_confvals() first. Records go to the tables in file order; the slot behind the last one
+// `loglevel`, starts the logger with what it found, and sets the status file and the journal. The
+// earlier `logfile` is not released: call free_confvals() first. Records go to the tables in file order; the slot behind the last one
 // loaded is emptied, later ones keep what an earlier load put there. The 16th pager or the 256th
 // rule ends the loading. Returns 0, or -1 when the file cannot be opened.
 int load_conf(const char *path) noexcept;

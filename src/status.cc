@@ -16,6 +16,7 @@
 #include "alarm.h"
 #include "clock.h"
 #include "fd.h"
+#include "instance.h"
 #include "line_state.h"
 #include "logger.h"
 #include "stats.h"
@@ -111,9 +112,13 @@ class exposition_t {
 
   private:
     void append(const std::string &labels, const std::string &value) {
-        text_ += name_ + (labels.empty() ? "" : "{" + labels + "}") + " " + value + "\n";
+        const std::string all = labels + (labels.empty() ? daemon_ : "," + daemon_);
+        const std::string &shown = daemon_.empty() ? labels : all;
+        text_ += name_ + (shown.empty() ? "" : "{" + shown + "}") + " " + value + "\n";
     }
 
+    // Tells the files of several instances apart in a monitoring system.
+    std::string daemon_ = instance().empty() ? "" : "daemon=\"" + instance() + "\"";
     std::string name_;
     std::string text_;
 };

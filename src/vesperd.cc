@@ -4,6 +4,7 @@
 #include <libgen.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +23,7 @@
 #include "conf.h"
 #include "daemon.h"
 #include "espa.h"
+#include "instance.h"
 #include "journal.h"
 #include "link.h"
 #include "logger.h"
@@ -36,7 +38,6 @@ std::atomic<int> doexit;
 
 namespace {
 
-constexpr const char *DEFAULT_CONFIG_FILE = "/etc/quillet.conf";
 constexpr const char *ACCOUNT = "ovo";
 
 constexpr long CONNECT_PAUSE_US = 3'000'000;
@@ -475,6 +476,20 @@ void go_to_background(const char *program) {
     }
 }
 
+// Does nothing for the daemon without a name.
+void become_instance() {
+    const char *name = getenv(INSTANCE_VARIABLE);
+    if (name == nullptr || name[0] == '\0') {
+        return;
+    }
+    if (!is_instance_name(name)) {
+        fprintf(stderr, "No instance can have the name %s\n", name);
+        exit(0);
+    }
+    set_instance(name);
+    prctl(PR_SET_NAME, process_name().c_str());  // cut to 15 characters
+}
+
 // A line's socket must not come out as a descriptor that the log is written to.
 void occupy_standard_descriptors() {
     int fd = 0;
@@ -537,8 +552,9 @@ void vesperd_run(int argc, char **argv) noexcept {
     if (argc > 1) {
         get_options(argc, argv);
     }
+    become_instance();
     if (config_file == nullptr) {
-        config_file = strdup(DEFAULT_CONFIG_FILE);
+        config_file = strdup(config_path_of(instance()).c_str());
     }
     const passwd *account = getpwnam(ACCOUNT);
     if (account == nullptr) {

@@ -14,6 +14,9 @@ void check_keys(const site_t &site, findings_t *findings);
 // were left as they are, sections behind a full table.
 void check_lines(const site_t &site, findings_t *findings);
 
+// Lines that another daemon of this machine serves too.
+void check_neighbours(const site_t &site, findings_t *findings);
+
 // Rule lists and default rules, and the rules that neither reaches.
 void check_rules(const site_t &site, findings_t *findings);
 

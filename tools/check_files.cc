@@ -14,11 +14,11 @@
 #include "conf.h"
 #include "fd.h"
 #include "files.h"
+#include "instance.h"
 
 namespace {
 
 constexpr const char *ACCOUNT = "ovo";
-constexpr const char *PIDFILE = "/run/vesperd.pid";
 
 // The groups of the daemon with this process id, from its status file; none when it is no daemon.
 std::vector<gid_t> groups_of(int pid) {
@@ -29,7 +29,7 @@ std::vector<gid_t> groups_of(int pid) {
     char line[PATH_SIZE];
     while (file && fgets(line, sizeof line, file.get()) != nullptr) {
         const std::string_view field(line);
-        if (field.starts_with("Name:") && field != "Name:\tvesperd\n") {
+        if (field.starts_with("Name:") && !field.starts_with("Name:\tvesperd")) {
             return {};
         }
         if (!field.starts_with("Gid:") && !field.starts_with("Groups:")) {
@@ -46,7 +46,8 @@ std::vector<gid_t> groups_of(int pid) {
 }
 
 int running_daemon() {
-    const unique_file_t file(fopen(PIDFILE, "re"));
+    const std::string pidfile = "/run/" + process_name() + ".pid";
+    const unique_file_t file(fopen(pidfile.c_str(), "re"));
     int pid = 0;
     return file && fscanf(file.get(), "%d", &pid) == 1 ? pid : 0;
 }
@@ -197,21 +198,17 @@ void check_log(int at, const char *key, const std::string &path, findings_t *fin
     }
 }
 
-void check_logger(const file_section_t *logger, findings_t *findings) {
+void check_logger(const file_section_t &logger, findings_t *findings) {
     if (logtype != 1) {
-        check_log(logger != nullptr ? logger->line_of("log_file") : 1, "log_file",
-                  from_root(logfile), findings);
+        check_log(logger.line_of("log_file"), "log_file", from_root(logfile), findings);
     }
-    if (logger == nullptr) {
-        return;
-    }
-    const std::string journal = logger->text("journal_file");
+    const std::string journal = logger.text("journal_file");
     if (!journal.empty()) {
-        check_log(logger->line_of("journal_file"), "journal_file", from_root(journal), findings);
+        check_log(logger.line_of("journal_file"), "journal_file", from_root(journal), findings);
     }
-    const std::string status = logger->text("status_file");
+    const std::string status = logger.text("status_file");
     if (!status.empty()) {
-        check_directory(*logger, "status_file", directory_of(from_root(status)), findings);
+        check_directory(logger, "status_file", directory_of(from_root(status)), findings);
     }
 }
 
@@ -242,11 +239,12 @@ void check_files(const site_t &site, findings_t *findings) {
         findings->error(1, "not-loadable", why, ": a reload ends the daemon");
     }
     const as_account_t account;
-    const file_section_t *logger = nullptr;
+    const file_section_t absent{"logger", section_kind_t::LOGGER, 1, {}};
+    const file_section_t *logger = &absent;
     for (const file_section_t &section : site.outline.sections) {
         logger = section.kind == section_kind_t::LOGGER ? &section : logger;
     }
-    check_logger(logger, findings);
+    check_logger(*logger, findings);
     for (const site_line_t &line : site.lines) {
         check_line(*line.section, findings);
     }

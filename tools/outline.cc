@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "instance.h"
+
 namespace {
 
 bool is_remark(std::string_view text) {
@@ -171,7 +173,8 @@ std::string file_section_t::text(std::string_view key) const {
     const config_key_t *row = find_key(kind, key);
     const file_entry_t *entry = find(key);
     if (entry == nullptr) {
-        return row != nullptr && row->text != nullptr ? row->text : "";
+        const char *absent = row != nullptr ? absent_text(*row) : nullptr;
+        return absent != nullptr ? absent : "";
     }
     return row != nullptr && row->size > 0 ? entry->value.substr(0, row->size - 1) : entry->value;
 }

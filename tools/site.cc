@@ -4,10 +4,12 @@
 #include <netdb.h>
 
 #include <cstring>
+#include <filesystem>
 #include <map>
 
 #include "clock.h"
 #include "conf.h"
+#include "instance.h"
 #include "logger.h"
 
 namespace {
@@ -94,6 +96,21 @@ const file_section_t *site_t::section_of(const rule_t *rule) const {
 std::string site_t::place_of(const rule_t *rule) const {
     const file_section_t *section = section_of(rule);
     return text_of(rule->name, " (line ", section != nullptr ? section->line : 0, ")");
+}
+
+std::vector<std::string> configurations_beside(const std::string &path) {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    std::vector<std::string> others = {config_path_of("")};
+    for (const auto &entry : fs::directory_iterator("/etc/quillet", error)) {
+        if (!instance_of_config(entry.path().string()).empty()) {
+            others.push_back(entry.path().string());
+        }
+    }
+    const auto is_asked = [&](const std::string &other) {
+        return fs::equivalent(other, path, error);
+    };
+    return std::erase_if(others, is_asked) > 0 ? others : std::vector<std::string>();
 }
 
 int load_site(const char *path, bool asks_names, site_t *site, findings_t *findings) {

@@ -33,6 +33,7 @@ struct site_rule_t {
 
 struct site_t {
     std::string path;
+    std::vector<std::string> neighbours;  // configurations of the other daemons on this machine
     outline_t outline;
     std::vector<site_line_t> lines;
     std::vector<site_rule_t> rules;
@@ -43,6 +44,10 @@ struct site_t {
     // "rule_fire (line 12)".
     std::string place_of(const rule_t *rule) const;
 };
+
+// The configurations of this machine's other daemons: /etc/quillet.conf and those of instances, when
+// `path` is one of them, else none.
+std::vector<std::string> configurations_beside(const std::string &path);
 
 // Reads and loads the file into the tables, without writing anything anywhere. The tables must be
 // zero.

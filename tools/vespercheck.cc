@@ -8,10 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "check.h"
+#include "instance.h"
 #include "report_json.h"
 
 namespace {
@@ -21,11 +23,10 @@ constexpr int EXIT_ERRORS = 2;
 constexpr int EXIT_UNREADABLE = 3;
 constexpr int EXIT_USAGE = 64;
 
-constexpr const char *DEFAULT_CONFIG_FILE = "/etc/quillet.conf";
 constexpr const char *DEFAULT_ADDRESS = "1000";  // as vesperd -m has it
 
 struct options_t {
-    const char *path = DEFAULT_CONFIG_FILE;
+    std::string path;
     bool quiet = false;
     bool json = false;
     bool loadable = false;
@@ -37,24 +38,27 @@ struct options_t {
 
 enum : int { LOADABLE = 256, NO_RESOLVE };
 
-constexpr std::array<option, 9> longopts = {{{"quiet", no_argument, nullptr, 'q'},
-                                             {"json", no_argument, nullptr, 'j'},
-                                             {"loadable", no_argument, nullptr, LOADABLE},
-                                             {"no-resolve", no_argument, nullptr, NO_RESOLVE},
-                                             {"message", required_argument, nullptr, 'm'},
-                                             {"line", required_argument, nullptr, 'l'},
-                                             {"address", required_argument, nullptr, 'a'},
-                                             {"help", no_argument, nullptr, 'h'},
-                                             {nullptr, 0, nullptr, 0}}};
+constexpr std::array<option, 10> longopts = {{{"quiet", no_argument, nullptr, 'q'},
+                                              {"json", no_argument, nullptr, 'j'},
+                                              {"instance", required_argument, nullptr, 'i'},
+                                              {"loadable", no_argument, nullptr, LOADABLE},
+                                              {"no-resolve", no_argument, nullptr, NO_RESOLVE},
+                                              {"message", required_argument, nullptr, 'm'},
+                                              {"line", required_argument, nullptr, 'l'},
+                                              {"address", required_argument, nullptr, 'a'},
+                                              {"help", no_argument, nullptr, 'h'},
+                                              {nullptr, 0, nullptr, 0}}};
 
 constexpr const char *HELP =
-    "Usage: vespercheck [options] [FILE]\n"
+    "Usage: vespercheck [options] [-i INSTANCE | FILE]\n"
     "       vespercheck -m MESSAGE [-l LINE]... [-a ADDRESS] [options] [FILE]\n"
-    "       vespercheck --loadable [FILE]\n"
+    "       vespercheck --loadable [-i INSTANCE | FILE]\n"
     "\n"
     "Tells what a configuration of vesperd does (/etc/quillet.conf): what is wrong with\n"
     "it, line by line, and what would be served. Nothing is changed and nothing is run.\n"
     "\n"
+    "  -i, --instance NAME    the configuration of the instance vesperd@NAME,\n"
+    "                         /etc/quillet/NAME.conf\n"
     "  -q, --quiet            print what is wrong only\n"
     "  -j, --json             print JSON, for programs\n"
     "      --no-resolve       do not look up the names of hosts\n"
@@ -83,6 +87,12 @@ void set_option(options_t *options, int letter) {
         case 'j':
             options->json = true;
             break;
+        case 'i':
+            if (!is_instance_name(optarg)) {
+                refuse(std::string("no instance can have the name '") + optarg + "'");
+            }
+            options->path = config_path_of(optarg);
+            break;
         case LOADABLE:
             options->loadable = true;
             break;
@@ -109,14 +119,17 @@ void set_option(options_t *options, int letter) {
 options_t parse_options(int argc, char **argv) {
     options_t options;
     int letter = 0;
-    while ((letter = getopt_long(argc, argv, "qjm:l:a:h", longopts.data(), nullptr)) != -1) {
+    while ((letter = getopt_long(argc, argv, "qjm:l:a:i:h", longopts.data(), nullptr)) != -1) {
         set_option(&options, letter);
     }
-    if (optind < argc) {
+    if (optind < argc && options.path.empty()) {
         options.path = argv[optind++];
     }
     if (optind < argc) {
         refuse(std::string("one file at a time, not ") + argv[optind] + " too");
+    }
+    if (options.path.empty()) {
+        options.path = config_path_of("");
     }
     if (options.message == nullptr && !options.lines.empty()) {
         refuse("--line needs --message");
@@ -124,8 +137,8 @@ options_t parse_options(int argc, char **argv) {
     return options;
 }
 
-int unreadable(const char *path) {
-    fprintf(stderr, "vespercheck: cannot read %s: %s\n", path, strerror(errno));
+int unreadable(const std::string &path) {
+    fprintf(stderr, "vespercheck: cannot read %s: %s\n", path.c_str(), strerror(errno));
     return EXIT_UNREADABLE;
 }
 
@@ -165,8 +178,8 @@ std::vector<finding_t> check(const site_t &site, findings_t *findings) {
 
 void print_findings(const options_t &options, const std::vector<finding_t> &findings) {
     for (const finding_t &finding : findings) {
-        printf("%s:%d: %s: %s\n", options.path, finding.line, severity_name(finding.severity),
-               printable(finding.text).c_str());
+        printf("%s:%d: %s: %s\n", options.path.c_str(), finding.line,
+               severity_name(finding.severity), printable(finding.text).c_str());
     }
 }
 
@@ -198,7 +211,7 @@ int status_of(const std::vector<finding_t> &findings) {
 
 // For a reload: whatever else is wrong, the daemon goes on with it.
 int check_loadable(const options_t &options) {
-    const std::string why = why_not_loadable(options.path);
+    const std::string why = why_not_loadable(options.path.c_str());
     if (!why.empty()) {
         fprintf(stderr, "vespercheck: %s. Not reloaded: the daemon goes on with what it has\n",
                 why.c_str());
@@ -206,9 +219,10 @@ int check_loadable(const options_t &options) {
     }
     site_t site;
     findings_t findings;
-    if (load_site(options.path, false, &site, &findings) != 0) {
+    if (load_site(options.path.c_str(), false, &site, &findings) != 0) {
         return unreadable(options.path);
     }
+    site.neighbours = configurations_beside(options.path);
     print_findings(options, check(site, &findings));
     return EXIT_SUCCESS;
 }
@@ -217,15 +231,18 @@ int check_loadable(const options_t &options) {
 
 int main(int argc, char **argv) {
     const options_t options = parse_options(argc, argv);
+    const auto absolute = std::filesystem::absolute(options.path).lexically_normal();
+    set_instance(instance_of_config(absolute.string()));
     if (options.loadable) {
         return check_loadable(options);
     }
     site_t site;
     findings_t findings;
     const bool asks_names = options.resolve && options.message == nullptr;
-    if (load_site(options.path, asks_names, &site, &findings) != 0) {
+    if (load_site(options.path.c_str(), asks_names, &site, &findings) != 0) {
         return unreadable(options.path);
     }
+    site.neighbours = configurations_beside(options.path);
     if (options.message != nullptr) {
         return try_on_lines(options, site);
     }

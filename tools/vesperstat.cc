@@ -9,20 +9,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "status_check.h"
 #include "status_json.h"
 #include "status_report.h"
+#include "status_sources.h"
 #include "status_table.h"
 
 namespace {
 
 constexpr int EXIT_UNKNOWN = 3;  // a monitoring system takes lower ones for an answer
-constexpr const char *DEFAULT_FILE = "/run/vesperd/status.prom";
 constexpr int MAX_SECONDS = 366 * 86400;
 constexpr unsigned WATCH_SECONDS = 1;
 
@@ -53,9 +51,9 @@ constexpr const char *HELP =
     "\n"
     "Shows the lines of vesperd, what is wrong first.\n"
     "\n"
-    "  -s, --status-file FILE       what status_file of the daemon says\n"
-    "                               (/run/vesperd/status.prom); repeat it for several\n"
-    "                               daemons\n"
+    "  -s, --status-file FILE       what status_file of a daemon says; repeat it for\n"
+    "                               several (/run/vesperd/status.prom and those of all\n"
+    "                               instances, /run/vesperd/NAME.prom)\n"
     "      --watch                  show it again every second\n"
     "      --json                   print one JSON object\n"
     "      --check                  be a plugin of a monitoring system\n"
@@ -138,22 +136,7 @@ options_t parse_options(int argc, char **argv) {
     if (options.watch && options.output == output_t::CHECK) {
         refuse("--check is done once, without --watch");
     }
-    if (options.files.empty()) {
-        options.files.emplace_back(DEFAULT_FILE);
-    }
     return options;
-}
-
-// What tells the files apart: their names without directory and extension, if these differ.
-std::vector<std::string> instance_names(const std::vector<std::string> &files) {
-    if (files.size() == 1) {
-        return {""};
-    }
-    std::vector<std::string> names;
-    for (const std::string &file : files) {
-        names.push_back(std::filesystem::path(file).stem());
-    }
-    return std::set(names.begin(), names.end()).size() == names.size() ? names : files;
 }
 
 double now() {
@@ -163,10 +146,12 @@ double now() {
 }
 
 std::vector<report_t> make_reports(const options_t &options, double time) {
-    const std::vector<std::string> names = instance_names(options.files);
+    const std::vector<std::string> files =
+        options.files.empty() ? find_status_files() : options.files;
+    const std::vector<std::string> names = instance_names(files);
     std::vector<report_t> reports;
-    for (size_t i = 0; i < options.files.size(); i++) {
-        reports.push_back(make_report(options.files[i], options.limits, time));
+    for (size_t i = 0; i < files.size(); i++) {
+        reports.push_back(make_report(files[i], options.limits, time));
         reports.back().instance = names[i];
     }
     return reports;
