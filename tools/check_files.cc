@@ -139,9 +139,18 @@ void note_unit(int at, const char *key, const std::string &path, findings_t *fin
     }
 }
 
+// What an instance has by default its unit makes, when it is started for the first time.
+bool is_made_later(const file_section_t &section, const char *key, const std::string &path) {
+    return !instance().empty() && section.find(key) == nullptr &&
+           access_fault(path, F_OK) == ENOENT;
+}
+
 bool check_directory(const file_section_t &section, const char *key, const std::string &path,
                      findings_t *findings) {
     const int fault = directory_fault(path);
+    if (is_made_later(section, key, path)) {
+        return false;
+    }
     if (fault == 0) {
         note_unit(section.line_of(key), key, path, findings);
         return true;
@@ -182,7 +191,12 @@ void check_line(const file_section_t &section, findings_t *findings) {
 }
 
 // A file that is opened for every line written to it.
-void check_log(int at, const char *key, const std::string &path, findings_t *findings) {
+void check_log(const file_section_t &section, const char *key, const std::string &path,
+               findings_t *findings) {
+    const int at = section.line_of(key);
+    if (is_made_later(section, key, path)) {
+        return;
+    }
     struct stat status {};
     const bool exists = stat(path.c_str(), &status) == 0;
     const int fault =
@@ -200,11 +214,11 @@ void check_log(int at, const char *key, const std::string &path, findings_t *fin
 
 void check_logger(const file_section_t &logger, findings_t *findings) {
     if (logtype != 1) {
-        check_log(logger.line_of("log_file"), "log_file", from_root(logfile), findings);
+        check_log(logger, "log_file", from_root(logfile), findings);
     }
     const std::string journal = logger.text("journal_file");
     if (!journal.empty()) {
-        check_log(logger.line_of("journal_file"), "journal_file", from_root(journal), findings);
+        check_log(logger, "journal_file", from_root(journal), findings);
     }
     const std::string status = logger.text("status_file");
     if (!status.empty()) {
