@@ -20,7 +20,7 @@ class performance_t {
         if (report.status.written <= 0) {
             return;
         }
-        add_seconds(report, "age", now - report.status.written, NO_LIMIT, MAX_AGE_SECONDS);
+        add_seconds(report, "age", now - report.status.written, NO_LIMIT, limits_.age);
         if (!is_running(report.problems)) {
             return;
         }

@@ -21,10 +21,10 @@ class judge_t {
         const double age = since(status.written);
         if (!status.is_up) {
             add(level_t::CRITICAL, "stopped", age, "vesperd ended " + duration_words(age) + " ago");
-        } else if (age > MAX_AGE_SECONDS) {
+        } else if (age > limits_.age) {
             add(level_t::CRITICAL, "gone", age,
                 "vesperd is gone, its status is " + duration_words(age) + " old");
-        } else if (age < -MAX_AGE_SECONDS) {
+        } else if (age < -limits_.age) {
             add(level_t::CRITICAL, "gone", 0,
                 "vesperd is gone or the clock was set, its status is " + duration_words(-age) +
                     " ahead");
@@ -120,6 +120,16 @@ level_t worst_level(const std::vector<problem_t> &problems, const std::string *l
         }
     }
     return worst;
+}
+
+bool is_out(const status_t &status, const std::vector<problem_t> &problems) {
+    if (!is_running(problems)) {
+        return worst_level(problems) == level_t::CRITICAL;
+    }
+    return !status.lines.empty() &&
+           std::all_of(status.lines.begin(), status.lines.end(), [&](const line_status_t &line) {
+               return worst_level(problems, &line.line) == level_t::CRITICAL;
+           });
 }
 
 bool is_running(const std::vector<problem_t> &problems) noexcept {

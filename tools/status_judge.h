@@ -13,12 +13,10 @@
 enum class level_t { OK, NOTICE, WARNING, UNKNOWN, CRITICAL };
 constexpr std::array<const char *, 5> LEVELS = {"ok", "notice", "warning", "unknown", "critical"};
 
-// A file that is older than this belongs to a daemon that is gone: it writes one every 15 seconds.
-constexpr double MAX_AGE_SECONDS = 60;
-
 struct limits_t {
     double down = 60;    // seconds without connection, in one packet or in one action
     double silence = 0;  // seconds without a message; 0: any time
+    double age = 60;     // of the file of a daemon that runs: it writes one every 15 seconds
 };
 
 struct problem_t {
@@ -35,6 +33,9 @@ std::vector<problem_t> judge(const status_t &status, const limits_t &limits, dou
 
 // The worst level of those problems that belong to `line`, or of all with a null pointer.
 level_t worst_level(const std::vector<problem_t> &problems, const std::string *line = nullptr);
+
+// Whether nothing works: the daemon is known not to run, or each of its lines is critical.
+bool is_out(const status_t &status, const std::vector<problem_t> &problems);
 
 // Whether the daemon runs and its file tells how its lines are: no problem is its own.
 bool is_running(const std::vector<problem_t> &problems) noexcept;

@@ -33,6 +33,21 @@ report_t make_report(const std::string &file, const limits_t &limits, double now
     return report;
 }
 
+void soften_unless_all_are_out(std::vector<report_t> *reports) {
+    if (std::all_of(reports->begin(), reports->end(), [](const report_t &report) {
+            return is_out(report.status, report.problems);
+        })) {
+        return;
+    }
+    for (report_t &report : *reports) {
+        for (problem_t &problem : report.problems) {
+            if (problem.level == level_t::CRITICAL) {
+                problem.level = level_t::WARNING;
+            }
+        }
+    }
+}
+
 level_t worst_level(const std::vector<report_t> &reports) {
     level_t worst = level_t::OK;
     for (const report_t &report : reports) {

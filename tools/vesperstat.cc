@@ -31,17 +31,20 @@ struct options_t {
     output_t output = output_t::TABLE;
     bool watch = false;
     limits_t limits;
+    bool critical_all = false;
 };
 
-enum : int { WATCH = 256, JSON, CHECK, WARN_SILENCE, CRITICAL_DOWN };
+enum : int { WATCH = 256, JSON, CHECK, WARN_SILENCE, CRITICAL_DOWN, CRITICAL_ALL, MAX_AGE };
 
-constexpr std::array<option, 8> longopts = {
+constexpr std::array<option, 10> longopts = {
     {{"status-file", required_argument, nullptr, 's'},
      {"watch", no_argument, nullptr, WATCH},
      {"json", no_argument, nullptr, JSON},
      {"check", no_argument, nullptr, CHECK},
      {"warn-silence", required_argument, nullptr, WARN_SILENCE},
      {"critical-down", required_argument, nullptr, CRITICAL_DOWN},
+     {"critical-all", no_argument, nullptr, CRITICAL_ALL},
+     {"max-age", required_argument, nullptr, MAX_AGE},
      {"help", no_argument, nullptr, 'h'},
      {nullptr, 0, nullptr, 0}}};
 
@@ -63,6 +66,10 @@ constexpr const char *HELP =
     "                               (never)\n"
     "      --critical-down SECONDS  a line that has no connection, is in a packet or\n"
     "                               runs a command for longer is critical (60)\n"
+    "      --critical-all           what is critical is so only when no line works,\n"
+    "                               and else a warning\n"
+    "      --max-age SECONDS        a status that is older is that of a daemon that is\n"
+    "                               gone (60)\n"
     "  -h, --help                   show this text\n"
     "\n"
     "Examples:\n"
@@ -116,6 +123,12 @@ void set_option(options_t *options, int letter) {
         case CRITICAL_DOWN:
             options->limits.down = parse_seconds("critical-down", optarg);
             break;
+        case CRITICAL_ALL:
+            options->critical_all = true;
+            break;
+        case MAX_AGE:
+            options->limits.age = parse_seconds("max-age", optarg);
+            break;
         case 'h':
             fputs(HELP, stdout);
             exit(EXIT_SUCCESS);
@@ -153,6 +166,9 @@ std::vector<report_t> make_reports(const options_t &options, double time) {
     for (size_t i = 0; i < files.size(); i++) {
         reports.push_back(make_report(files[i], options.limits, time));
         reports.back().instance = names[i];
+    }
+    if (options.critical_all) {
+        soften_unless_all_are_out(&reports);
     }
     return reports;
 }
