@@ -8,6 +8,9 @@ install(FILES conf/quillet.conf DESTINATION ${CMAKE_INSTALL_SYSCONFDIR})
 install(PROGRAMS share/mkcall.sh DESTINATION ${CMAKE_INSTALL_DATADIR}/quillet)
 install(FILES share/prometheus/vesperd.rules.yml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/vesperd/prometheus)
+install(FILES share/ha/keepalived.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/vesperd/ha)
+install(PROGRAMS share/ha/vesperd-health share/ha/vesperd-notify
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/vesperd/ha)
 install(FILES man/vesperd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES man/quillet.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
 install(FILES man/espasend.1 man/vespercheck.1 man/vesperstat.1
