@@ -27,7 +27,8 @@ namespace {
 
 using std::chrono::steady_clock;
 
-constexpr std::chrono::seconds CALL_EVERY(1);
+constexpr std::chrono::milliseconds CALL_EVERY(1000);
+constexpr int STEPS = 16;
 constexpr int ANSWER_SECONDS = 2;
 constexpr int NUMBERS_PER_LINE = 1'000'000;
 
@@ -38,12 +39,14 @@ void note(FILE *events, int line, int number, const char *what) {
 }
 
 // The station's end of a line whose other end is `link`. Raw from the beginning: an echo would be
-// taken for an answer.
+// taken for an answer. Not blocking: a converter that closes and opens its end between a poll and a read
+// takes away what there was to read.
 unique_fd_t make_line(const std::string &link) {
     unique_fd_t station(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     termios settings{};
     if (!station || grantpt(station.get()) != 0 || unlockpt(station.get()) != 0 ||
-        tcgetattr(station.get(), &settings) != 0) {
+        tcgetattr(station.get(), &settings) != 0 ||
+        fcntl(station.get(), F_SETFL, O_NONBLOCK) != 0) {
         give_up("cannot make a pseudo-terminal");
     }
     cfmakeraw(&settings);
@@ -65,7 +68,9 @@ bool call(int fd, const std::string &packet) {
     return false;
 }
 
+// The lines begin at different moments: what happens to them finds each at another point.
 [[noreturn]] void play(int line, int fd, FILE *events) {
+    std::this_thread::sleep_for(CALL_EVERY * (line % STEPS) / STEPS);
     for (int number = line * NUMBERS_PER_LINE;; number++) {
         const auto next = steady_clock::now() + CALL_EVERY;
         const std::string packet =

@@ -30,15 +30,23 @@ $1 == "call" { lines[$3] }
 $1 == "file" { files[$2]++ }
 $1 == "journal" { entries[$2]++ }
 
-$1 == "connected" && $2 > fault {
-    looks++
-    if ($2 == looked_at[$3] && $4 != holder[$3]) {
-        both++
-    } else if (holder[$3] != "" && $4 != holder[$3]) {
-        changes[$3]++
+$1 == "connected" {
+    if ($2 > fault) {
+        look($3, $2, $4)
     }
     looked_at[$3] = $2
     holder[$3] = $4
+}
+
+function look(port, time, node) {
+    if (time != looked_at[port]) {
+        looks++
+    } else if (node != holder[port]) {
+        both++
+    }
+    if (holder[port] != "" && node != holder[port]) {
+        changes[port]++
+    }
 }
 
 function pass(line, time) {
@@ -51,9 +59,9 @@ function pass(line, time) {
 
 END {
     for (line in lines) {
-        if (end - last[line] > INTERRUPTED + 1) {
-            never = 1
-        }
+        silent = end - last[line]
+        longest = silent > longest ? silent : longest
+        never = never || silent > INTERRUPTED + 1
     }
     for (number in line_of) {
         acknowledged++
