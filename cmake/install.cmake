@@ -8,7 +8,8 @@ install(FILES conf/quillet.conf DESTINATION ${CMAKE_INSTALL_SYSCONFDIR})
 install(PROGRAMS share/mkcall.sh DESTINATION ${CMAKE_INSTALL_DATADIR}/quillet)
 install(FILES share/prometheus/vesperd.rules.yml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/vesperd/prometheus)
-install(FILES share/ha/keepalived.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/vesperd/ha)
+install(FILES share/ha/active-only.conf share/ha/keepalived.conf share/ha/restart.conf
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/vesperd/ha)
 install(PROGRAMS share/ha/vesperd-health share/ha/vesperd-notify
     DESTINATION ${CMAKE_INSTALL_DATADIR}/vesperd/ha)
 install(FILES man/vesperd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
