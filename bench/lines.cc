@@ -84,7 +84,7 @@ struct log_lines_t {
 };
 
 std::vector<std::string> floor_command(const site_t &site, log_lines_t log_lines) {
-    std::vector<std::string> command = {"bench_floor", site.dir(), site.log_file(),
+    std::vector<std::string> command = {"bench_floor", site.spool_dir(), site.log_file(),
                                         std::to_string(log_lines.per_byte),
                                         std::to_string(log_lines.per_packet)};
     for (const std::string &port : site.ports()) {
@@ -150,10 +150,8 @@ void compare_keys(const char *name, int lines, const std::string &pager_keys,
                                 "quote = " + (sections.empty() ? "no" : "yes") + "\n")};
         const result_t changed = measure(with, &site, lines, messages);
         std::filesystem::remove(site.journal_file());
-        for (const auto &entry : std::filesystem::directory_iterator(site.dir())) {
-            if (entry.path().filename().string().starts_with("call_")) {
-                std::filesystem::remove(entry.path());
-            }
+        for (const auto &entry : std::filesystem::directory_iterator(site.spool_dir())) {
+            std::filesystem::remove(entry.path());
         }
         const result_t plain = measure(daemon_command(site, 0), &site, lines, messages);
         ratios.push_back(changed.cpu_microseconds / plain.cpu_microseconds);

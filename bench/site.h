@@ -21,6 +21,7 @@ class site_t {
     ~site_t();
 
     const std::string &dir() const { return dir_; }
+    std::string spool_dir() const { return dir_ + "/spool"; }
     std::string log_file() const { return dir_ + "/log"; }
     std::string journal_file() const { return dir_ + "/journal"; }
     std::string status_file() const { return dir_ + "/status.prom"; }
@@ -46,15 +47,19 @@ class site_t {
     int listener(int line) const { return listeners_[static_cast<size_t>(line)].get(); }
     // The running program, -1 when it has ended.
     pid_t pid() const { return pid_; }
-    // Peak and present resident memory of the running program, and the CPU seconds so far.
-    usage_t usage() const;
+    // The CPU seconds of the running program so far.
+    double cpu_seconds() const;
+    // Its resident memory; the same with its share only of what other processes use too; its open
+    // descriptors.
     long resident_kilobytes() const;
+    long proportional_kilobytes() const;
+    long descriptors() const;
     // Ends the program with a signal, SIGTERM when none is given, and waits for it.
     usage_t stop();
     usage_t stop(int signo);
 
   private:
-    long status_kilobytes(const std::string &field) const;
+    long kilobytes(const std::string &file, const std::string &field) const;
 
     std::string dir_;
     std::vector<unique_fd_t> listeners_;
@@ -62,3 +67,6 @@ class site_t {
 };
 
 [[noreturn]] void give_up(const std::string &why);
+
+// Lets the calling thread go before every program, as what stands on another machine would.
+void go_first();
