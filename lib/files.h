@@ -5,7 +5,9 @@
 
 #include <cstdio>
 #include <memory>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "text.h"
 
@@ -27,4 +29,14 @@ inline void join_path(char (&path)[PATH_SIZE], std::string_view directory,
     writer.append(directory);
     writer.append("/");
     writer.append(name);
+}
+
+// The names in a directory, in any order; none when it cannot be read.
+inline std::vector<std::string> names_in(const std::string &directory) {
+    const unique_dir_t opened(opendir(directory.c_str()));
+    std::vector<std::string> names;
+    while (const dirent *entry = opened ? readdir(opened.get()) : nullptr) {
+        names.emplace_back(entry->d_name);
+    }
+    return names;
 }

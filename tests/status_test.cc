@@ -79,6 +79,11 @@ TEST(Status, IsShown) {
               "INSTANCE  LINE  ADDRESS  STATE           PROTOCOL  MESSAGES  LAST MESSAGE  ERRORS\n"
               "south     Süd   h:4001   connecting 2 h  espa      17        3 h ago       -\n"
               "north     a     h:4001   idle 2 min      espa      17        3 h ago       -\n");
+    // None of the lines that are known works.
+    const auto empty = dir.write("empty.prom", served(1, 2));
+    const std::string all = "vesperstat --check --critical-all -s " + south + " -s " + empty;
+    EXPECT_THAT(run(2, all + " -s " + dir.path("none")), StartsWith("VESPERD CRITICAL - "));
+    EXPECT_THAT(run(1, all + " -s " + north), StartsWith("VESPERD WARNING - "));
     EXPECT_THAT(run(3, "vesperstat --json -s " + south + " -s " + dir.path("none")),
                 AllOf(HasSubstr("\"level\":\"critical\",\"instances\":[{"),
                       HasSubstr("\"kind\":\"unreadable\""), HasSubstr("\"messages\":17,")));

@@ -9,6 +9,7 @@
 
 #include "clock.h"
 #include "conf.h"
+#include "files.h"
 #include "instance.h"
 #include "logger.h"
 
@@ -102,9 +103,9 @@ std::vector<std::string> configurations_beside(const std::string &path) {
     namespace fs = std::filesystem;
     std::error_code error;
     std::vector<std::string> others = {config_path_of("")};
-    for (const auto &entry : fs::directory_iterator("/etc/quillet", error)) {
-        if (!instance_of_config(entry.path().string()).empty()) {
-            others.push_back(entry.path().string());
+    for (const std::string &name : names_in("/etc/quillet")) {
+        if (!instance_of_config("/etc/quillet/" + name).empty()) {
+            others.push_back("/etc/quillet/" + name);
         }
     }
     const auto is_asked = [&](const std::string &other) {

@@ -122,13 +122,10 @@ level_t worst_level(const std::vector<problem_t> &problems, const std::string *l
     return worst;
 }
 
-bool is_out(const status_t &status, const std::vector<problem_t> &problems) {
-    if (!is_running(problems)) {
-        return worst_level(problems) == level_t::CRITICAL;
-    }
-    return !status.lines.empty() &&
-           std::all_of(status.lines.begin(), status.lines.end(), [&](const line_status_t &line) {
-               return worst_level(problems, &line.line) == level_t::CRITICAL;
+bool has_working_line(const status_t &status, const std::vector<problem_t> &problems) {
+    return is_running(problems) &&
+           std::any_of(status.lines.begin(), status.lines.end(), [&](const line_status_t &line) {
+               return worst_level(problems, &line.line) != level_t::CRITICAL;
            });
 }
 

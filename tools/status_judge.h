@@ -34,8 +34,8 @@ std::vector<problem_t> judge(const status_t &status, const limits_t &limits, dou
 // The worst level of those problems that belong to `line`, or of all with a null pointer.
 level_t worst_level(const std::vector<problem_t> &problems, const std::string *line = nullptr);
 
-// Whether nothing works: the daemon is known not to run, or each of its lines is critical.
-bool is_out(const status_t &status, const std::vector<problem_t> &problems);
+// Whether the daemon runs and one of its lines at least is not critical.
+bool has_working_line(const status_t &status, const std::vector<problem_t> &problems);
 
 // Whether the daemon runs and its file tells how its lines are: no problem is its own.
 bool is_running(const std::vector<problem_t> &problems) noexcept;

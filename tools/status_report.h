@@ -20,8 +20,8 @@ struct report_t {
 // Reads and judges a status file at the time `now`.
 report_t make_report(const std::string &file, const limits_t &limits, double now);
 
-// Turns what is critical into warnings, unless nothing works in any of the reports.
-void soften_unless_all_are_out(std::vector<report_t> *reports);
+// Turns what is critical into warnings when a line of any of the reports works.
+void soften_while_a_line_works(std::vector<report_t> *reports);
 
 // The worst level of all reports.
 level_t worst_level(const std::vector<report_t> &reports);

@@ -4,23 +4,14 @@
 #include <set>
 #include <string_view>
 
-namespace {
+#include "files.h"
 
-namespace fs = std::filesystem;
+namespace {
 
 constexpr std::string_view EXTENSION = ".prom";
 constexpr std::string_view PLAIN = "status";  // of the daemon without a name
 constexpr std::string_view UNIT_PREFIX = "vesperd@";
 constexpr std::string_view UNIT_SUFFIX = ".service";
-
-std::vector<std::string> names_in(const std::string &directory) {
-    std::error_code error;
-    std::vector<std::string> names;
-    for (const auto &entry : fs::directory_iterator(directory, error)) {
-        names.push_back(entry.path().filename());
-    }
-    return names;
-}
 
 }  // namespace
 
@@ -57,7 +48,7 @@ std::vector<std::string> instance_names(const std::vector<std::string> &files) {
     }
     std::vector<std::string> names;
     for (const std::string &file : files) {
-        names.push_back(fs::path(file).stem());
+        names.push_back(std::filesystem::path(file).stem());
     }
     return std::set(names.begin(), names.end()).size() == names.size() ? names : files;
 }

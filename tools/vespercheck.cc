@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,7 @@ constexpr int EXIT_USAGE = 64;
 constexpr const char *DEFAULT_ADDRESS = "1000";  // as vesperd -m has it
 
 struct options_t {
+    std::optional<std::string> asked_path;
     std::string path;
     bool quiet = false;
     bool json = false;
@@ -51,7 +53,8 @@ constexpr std::array<option, 10> longopts = {{{"quiet", no_argument, nullptr, 'q
 
 constexpr const char *HELP =
     "Usage: vespercheck [options] [-i INSTANCE | FILE]\n"
-    "       vespercheck -m MESSAGE [-l LINE]... [-a ADDRESS] [options] [FILE]\n"
+    "       vespercheck -m MESSAGE [-l LINE]... [-a ADDRESS] [options]\n"
+    "                   [-i INSTANCE | FILE]\n"
     "       vespercheck --loadable [-i INSTANCE | FILE]\n"
     "\n"
     "Tells what a configuration of vesperd does (/etc/quillet.conf): what is wrong with\n"
@@ -91,7 +94,7 @@ void set_option(options_t *options, int letter) {
             if (!is_instance_name(optarg)) {
                 refuse(std::string("no instance can have the name '") + optarg + "'");
             }
-            options->path = config_path_of(optarg);
+            options->asked_path = config_path_of(optarg);
             break;
         case LOADABLE:
             options->loadable = true;
@@ -122,15 +125,13 @@ options_t parse_options(int argc, char **argv) {
     while ((letter = getopt_long(argc, argv, "qjm:l:a:i:h", longopts.data(), nullptr)) != -1) {
         set_option(&options, letter);
     }
-    if (optind < argc && options.path.empty()) {
-        options.path = argv[optind++];
+    if (optind < argc && !options.asked_path) {
+        options.asked_path = argv[optind++];
     }
     if (optind < argc) {
         refuse(std::string("one file at a time, not ") + argv[optind] + " too");
     }
-    if (options.path.empty()) {
-        options.path = config_path_of("");
-    }
+    options.path = options.asked_path.value_or(config_path_of(""));
     if (options.message == nullptr && !options.lines.empty()) {
         refuse("--line needs --message");
     }
@@ -231,7 +232,8 @@ int check_loadable(const options_t &options) {
 
 int main(int argc, char **argv) {
     const options_t options = parse_options(argc, argv);
-    const auto absolute = std::filesystem::absolute(options.path).lexically_normal();
+    std::error_code error;  // without a working directory a relative path names no instance
+    const auto absolute = std::filesystem::absolute(options.path, error).lexically_normal();
     set_instance(instance_of_config(absolute.string()));
     if (options.loadable) {
         return check_loadable(options);
