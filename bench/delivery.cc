@@ -107,7 +107,8 @@ class pbx_t {
 // One line's station, which repeats a call until it is acknowledged.
 class station_t {
   public:
-    station_t(const site_t &site, int line) : site_(site), line_(line), random_(line + 1U) {}
+    station_t(const site_t &site, int line)
+        : site_(site), line_(line), random_(static_cast<unsigned>(line) + 1) {}
 
     void deliver(int number) {
         const std::string message = "CALL " + std::to_string(number) + ".";
