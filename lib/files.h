@@ -1,14 +1,18 @@
-// Owners of open files and directories, and the forming of paths.
+// Owners of open files and directories, the forming of paths, and the opening of files that somebody
+// else may have put there.
 #pragma once
 
 #include <dirent.h>
+#include <sys/types.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "fd.h"
 #include "text.h"
 
 // Longer paths are cut.
@@ -20,6 +24,20 @@ struct file_closer_t {
 };
 using unique_file_t = std::unique_ptr<FILE, file_closer_t>;
 using unique_dir_t = std::unique_ptr<DIR, file_closer_t>;
+
+// errno for what is neither a regular file nor a directory.
+constexpr int NOT_REGULAR = EMEDIUMTYPE;
+
+// Opens a regular file. Whatever has the name, a FIFO or a device included, the call does not wait for
+// it and takes no terminal.
+//   flags, mode  of open()
+// Returns no descriptor when it cannot be opened or is something else, with errno set: EISDIR for a
+// directory, else NOT_REGULAR.
+unique_fd_t open_regular(const char *path, int flags, mode_t mode = 0) noexcept;
+
+// The same for reading it as text; null instead of no descriptor.
+//   flags  O_NOFOLLOW, or 0
+unique_file_t open_text(const char *path, int flags = 0) noexcept;
 
 // Forms "directory/name".
 inline void join_path(char (&path)[PATH_SIZE], std::string_view directory,

@@ -2,10 +2,7 @@
 
 #include <cstdint>
 
-namespace {
-
-// The length of the valid sequence that `text` begins with, 0 when there is none.
-size_t sequence_length(std::string_view text) {
+size_t utf8_length(std::string_view text) noexcept {
     const auto byte = [text](size_t i) { return static_cast<uint8_t>(text[i]); };
     const uint8_t first = byte(0);
     if (first < 0x80) {
@@ -29,9 +26,11 @@ size_t sequence_length(std::string_view text) {
     return length;
 }
 
+namespace {
+
 bool is_valid(std::string_view text) {
     while (!text.empty()) {
-        const size_t length = sequence_length(text);
+        const size_t length = utf8_length(text);
         if (length == 0) {
             return false;
         }

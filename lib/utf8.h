@@ -4,5 +4,9 @@
 #include <string>
 #include <string_view>
 
-// The text as it is when it is valid UTF-8 (RFC 3629), else read as ISO 8859-1.
+// The length in bytes of the valid character that `text`, which is not empty, begins with (RFC 3629); 0
+// when it begins with none.
+size_t utf8_length(std::string_view text) noexcept;
+
+// The text as it is when it is valid UTF-8, else read as ISO 8859-1.
 std::string as_utf8(std::string_view text);

@@ -6,6 +6,7 @@
 
 #include "daemon.h"
 #include "ini.h"
+#include "printable.h"
 #include "sig.h"
 #include "support.h"
 
@@ -121,6 +122,35 @@ TEST(Logger, Syslog) {
     }
     EXPECT_EXIT(log_to_syslog(), ExitedWithCode(0),
                 MatchesRegex("<31>.* quillet\\[[0-9]+\\]:  VERBOSE\\[[0-9]+\\]: text"));
+}
+
+TEST(Printable, ShowsWhatIsHidden) {
+    const struct {
+        std::string text, shown, escaped;
+    } rows[] = {
+        {"Süd \xE2\x82\xAC \xF0\x9F\x98\x80", "Süd \xE2\x82\xAC \xF0\x9F\x98\x80",
+         "Süd \xE2\x82\xAC \xF0\x9F\x98\x80"},
+        {"a\tb\r\n", "a?b??", "a\tb\\x0D\\x0A"},
+        {"\x1B]0;x\x7F\0"s, "?]0;x??", "\\x1B]0;x\\x7F\\x00"},
+        {"\xC2\x9B"
+         "2J",
+         "?2J", "\\xC2\\x9B2J"},  // C1 as UTF-8
+        {"\x9B"
+         "2J\xE4",
+         "?2J?", "\\x9B2J\xE4"},  // and as a byte; a Latin letter is none
+        {"\xC2\xA0\xC2", "\xC2\xA0?", "\xC2\xA0\xC2"},
+        {"a\xE2\x80\xAE"
+         "b\xE2\x81\xA6\xD8\x9C\xE2\x80\xA8",
+         "a?b???",
+         "a\xE2\x80\xAE"
+         "b\xE2\x81\xA6\xD8\x9C\xE2\x80\xA8"},
+    };
+    for (const auto &[text, shown, escaped] : rows) {
+        EXPECT_EQ(printable(text), shown);
+        std::string pieces;
+        escape_controls(text, [&](std::string_view piece) { pieces += piece; });
+        EXPECT_EQ(pieces, escaped);
+    }
 }
 
 struct Ini : Test {

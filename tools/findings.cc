@@ -89,11 +89,3 @@ std::string_view without_blanks(std::string_view text) {
     }
     return text;
 }
-
-std::string printable(std::string_view text) {
-    std::string shown(text);
-    std::replace_if(
-        shown.begin(), shown.end(), [](char c) { return iscntrl(static_cast<unsigned char>(c)); },
-        '.');
-    return shown;
-}

@@ -69,6 +69,3 @@ std::string nearest_name(std::string_view name, const std::vector<std::string> &
 
 std::string lower_case(std::string_view text);
 std::string_view without_blanks(std::string_view text);
-
-// The text with control characters written as ".".
-std::string printable(std::string_view text);

@@ -4,6 +4,8 @@
 #include <array>
 #include <cmath>
 
+#include "printable.h"
+
 namespace {
 
 // The words of plugins, by level.

@@ -81,9 +81,3 @@ std::string make_summary(const std::vector<report_t> &reports, double now) {
     return lines + ", vesperd " + status.version + " runs for " +
            duration_words(now - status.start);
 }
-
-std::string printable(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
-    return text;
-}

@@ -35,7 +35,3 @@ std::vector<sentence_t> make_sentences(const std::vector<report_t> &reports);
 
 // "2 lines, vesperd 1.1.0 runs for 4 d", or "5 lines of 2 daemons".
 std::string make_summary(const std::vector<report_t> &reports, double now);
-
-// The text with "?" in the place of control characters: a line can have any name, and none may move
-// the cursor or end a line of a report.
-std::string printable(std::string text);

@@ -4,6 +4,8 @@
 #include <array>
 #include <string_view>
 
+#include "printable.h"
+
 namespace {
 
 constexpr std::string_view RED = "\033[1;31m";

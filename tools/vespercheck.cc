@@ -15,6 +15,7 @@
 
 #include "check.h"
 #include "instance.h"
+#include "printable.h"
 #include "report_json.h"
 
 namespace {
