@@ -252,6 +252,7 @@ void load_logger_settings(const dictionary *dict) noexcept {
 }
 
 void load_tables(const dictionary *dict) noexcept {
+    begin_patterns();
     publish(stage_sections(dict));
 }
 

@@ -15,7 +15,20 @@ namespace {
 constexpr int MAX_POSITIONS = 10;  // the whole match and groups 1 to 9
 constexpr size_t ERROR_SIZE = 1024;
 
-using compilations_t = std::map<std::string, regex_t, std::less<>>;
+constexpr int64_t MAX_FILE_US = 10'000'000;
+constexpr size_t MAX_FILE_BYTES = 512 << 20;
+constexpr const char *TOO_LARGE = "Too large together with the patterns before it";
+
+// What is known of a text.
+struct compilation_t {
+    regex_t compiled;
+    bool is_compiled = false;
+    std::string fault;     // why not, where that does not depend on other patterns
+    size_t bytes = 0;      // that the compilation keeps or would keep; 0: nobody has tried
+    unsigned counted = 0;  // the configuration in whose count they are
+};
+
+using compilations_t = std::map<std::string, compilation_t, std::less<>>;
 
 // Node-based, so that a compilation keeps its address; never destroyed, because service threads may
 // still be matching while the process exits.
@@ -24,14 +37,68 @@ compilations_t &compilations() {
     return known;
 }
 
-int compile(regex_t *compiled, const char *text) {
-    return fits_memory(text) ? regcomp(compiled, text, REG_EXTENDED | REG_NEWLINE) : REG_ESPACE;
-}
+// What the patterns of the configuration that is being loaded have taken so far.
+struct {
+    unsigned number = 1;
+    int64_t us = 0;
+    size_t bytes = 0;
+} file;
 
 std::string reason_of(int error, const regex_t *compiled) {
     char reason[ERROR_SIZE];
     regerror(error, compiled, reason, sizeof reason);
     return reason;
+}
+
+bool has_room(const compilation_t &known) {
+    return known.counted == file.number || file.bytes + known.bytes <= MAX_FILE_BYTES;
+}
+
+void count(compilation_t *known) {
+    if (known->counted != file.number) {
+        known->counted = file.number;
+        file.bytes += known->bytes;
+    }
+}
+
+// Compiles a text of which nothing is known, or too little. Half of the time is for trying it, and half
+// for having it.
+void compile(const char *text, compilation_t *known) {
+    const regex_cost_t cost = regex_cost(text, (MAX_FILE_US - file.us) / 2);
+    file.us += cost.us;
+    if (cost.error != 0) {
+        known->fault = cost.is_final ? reason_of(cost.error, nullptr) : "";
+        return;
+    }
+    known->bytes = cost.bytes;
+    if (!has_room(*known)) {
+        return;
+    }
+    const int error = regcomp(&known->compiled, text, REG_EXTENDED | REG_NEWLINE);
+    file.us += cost.us;  // of a trial that succeeded
+    known->is_compiled = error == 0;
+    known->fault = error != 0 ? reason_of(error, &known->compiled) : "";
+}
+
+// What is known of a text once it was searched for: the one search for all who ask.
+compilation_t &find_or_compile(const char *text) {
+    compilation_t &known = compilations()[text];
+    const bool is_decided = known.is_compiled || !known.fault.empty();
+    if (!is_decided && has_room(known)) {
+        compile(text, &known);
+    }
+    if (known.is_compiled && has_room(known)) {
+        count(&known);
+    }
+    return known;
+}
+
+// Why a text cannot be used; null when it can.
+const char *fault_of(const compilation_t &known) {
+    if (!known.fault.empty()) {
+        return known.fault.c_str();
+    }
+    return known.counted == file.number ? nullptr : TOO_LARGE;
 }
 
 std::string_view piece(const char *text, const regmatch_t &position) {
@@ -40,31 +107,26 @@ std::string_view piece(const char *text, const regmatch_t &position) {
 
 }  // namespace
 
+void begin_patterns() noexcept {
+    file.number++;
+    file.us = 0;
+    file.bytes = 0;
+}
+
 int compile_regex(pattern_t *compiled, const char *text) noexcept {
-    compilations_t &known = compilations();
-    const auto [entry, is_new] = known.try_emplace(text);
-    if (is_new) {
-        const int error = compile(&entry->second, text);
-        if (error != 0) {
-            LOG(LEVEL_ERROR, "Regex error compiling '%s': %s\n", text,
-                reason_of(error, &entry->second).c_str());
-            known.erase(entry);
-            compiled->compiled = nullptr;
-            return 1;
-        }
+    const compilation_t &known = find_or_compile(text);
+    const char *fault = fault_of(known);
+    compiled->compiled = fault == nullptr ? &known.compiled : nullptr;
+    if (fault != nullptr) {
+        LOG(LEVEL_ERROR, "Regex error compiling '%s': %s\n", text, fault);
+        return 1;
     }
-    compiled->compiled = &entry->second;
     return 0;
 }
 
 std::string regex_fault(const char *text) noexcept {
-    regex_t compiled;
-    const int error = compile(&compiled, text);
-    if (error != 0) {
-        return reason_of(error, &compiled);
-    }
-    regfree(&compiled);
-    return "";
+    const char *fault = fault_of(find_or_compile(text));
+    return fault != nullptr ? fault : "";
 }
 
 int match_regex(const pattern_t *pattern, const char *text, char *out, int size) noexcept {

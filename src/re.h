@@ -12,13 +12,19 @@ struct pattern_t {
     const regex_t *compiled;
 };
 
+// Begins with the patterns of another configuration. Those of one can take 10 seconds and 512 MB
+// altogether; patterns that other configurations had count again, but take no time.
+void begin_patterns() noexcept;
+
 // Compiles `text` (POSIX extended syntax, case-sensitive, newline-aware: REG_EXTENDED |
 // REG_NEWLINE). Returns 0, or 1 after logging an ERROR when the text does not compile; `compiled`
-// then matches nothing. A pattern whose repetitions would take more than 256 MB is refused in the
-// same way, as "Memory exhausted". For the loading thread only.
+// then matches nothing. A pattern that would take more than 256 MB or 2 seconds is refused in the
+// same way, as "Memory exhausted", and one for which the configuration leaves no room as "Too large
+// together with the patterns before it". Equal texts are compiled once, and refused ones tried once.
+// For the loading thread only.
 int compile_regex(pattern_t *compiled, const char *text) noexcept;
 
-// Why `text` does not compile, in the C library's words; empty when it does. Nothing is logged.
+// Why compile_regex() refuses `text` in this configuration; empty when it does not. Nothing is logged.
 std::string regex_fault(const char *text) noexcept;
 
 // Scans `text` for successive matches, from left to right; "^" matches at the start of every

@@ -1,7 +1,10 @@
 #include "re_memory.h"
 
 #include <fcntl.h>
+#include <malloc.h>
+#include <poll.h>
 #include <regex.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "clock.h"
 #include "fd.h"
 #include "files.h"
 
@@ -21,8 +25,9 @@ namespace {
 constexpr rlim_t MAX_BYTES = 256 << 20;
 constexpr rlim_t MAX_SECONDS = 2;
 
-// So many pieces written out take less than 100 MB.
-constexpr double SURELY_FITS = 1'000'000;
+// What is written out in so many pieces takes less than a millisecond.
+constexpr double HARMLESS_PIECES = 1'000;
+constexpr size_t BYTES_PER_PIECE = 200;
 
 // The position of the ']' that ends the bracket expression opened at `at`. A ']' that comes first is
 // a member, and [:class:], [.element.] and [=class=] hold theirs.
@@ -56,34 +61,52 @@ struct group_t {
     double before = 1;  // everything in the group but its last piece
     double last = 0;
     bool is_repeated = false;  // the last piece, or what stands in it
+    bool has_place = false;    // the last piece is or holds a "^", "$", "\\b" or nothing at all
+    bool had_place = false;    // one before it does
 };
 
-// Repetitions of what is repeated already take the compiler time that grows exponentially.
+// Repetitions of what is repeated already take the compiler time that grows exponentially, and those of
+// places even more.
 void repeat(group_t *group) {
     group->last *= group->is_repeated ? 8 : 2;
+    group->last *= group->has_place ? HARMLESS_PIECES : 1;
     group->is_repeated = true;
 }
 
-void begin_piece(group_t *group) {
+void begin_piece(group_t *group, bool is_place = false) {
     group->before += group->last;
     group->last = 1;
     group->is_repeated = false;
+    group->had_place = group->had_place || group->has_place;
+    group->has_place = is_place;
 }
 
 // The innermost group becomes the last piece of the one around it.
 void end_group(std::vector<group_t> *groups) {
     const group_t inside = groups->back();
     groups->pop_back();
-    begin_piece(&groups->back());
+    begin_piece(&groups->back(), inside.has_place || inside.had_place);
     groups->back().last = inside.before + inside.last;
     groups->back().is_repeated = inside.is_repeated;
+}
+
+// Whether a character, behind a backslash or not, stands for a place.
+bool is_place(char c, bool is_escaped) {
+    constexpr std::string_view PLACES = "^$";
+    constexpr std::string_view ESCAPED_PLACES = "bB<>`'";
+    return (is_escaped ? ESCAPED_PLACES : PLACES).find(c) != std::string_view::npos;
 }
 
 // A bound for the pieces that `text` comes to once its repetitions are written out.
 double written_out(std::string_view text) {
     std::vector<group_t> groups(1);
+    bool is_at_branch = true;  // nothing yet between "(" or "|" and here
     for (size_t i = 0; i < text.size(); i++) {
         const char c = text[i];
+        if (is_at_branch && (c == '|' || c == ')')) {
+            groups.back().had_place = true;  // nothing is a place as well
+        }
+        is_at_branch = c == '|' || c == '(';
         if (c == '{') {
             const double bound = interval_bound(text, i);
             repeat(&groups.back());
@@ -96,8 +119,9 @@ double written_out(std::string_view text) {
         } else if (c == ')' && groups.size() > 1) {
             end_group(&groups);
         } else {
-            begin_piece(&groups.back());
-            i = c == '[' ? end_of_brackets(text, i) : i + (c == '\\' ? 1 : 0);
+            const bool is_escaped = c == '\\' && i + 1 < text.size();
+            i = c == '[' ? end_of_brackets(text, i) : i + (is_escaped ? 1 : 0);
+            begin_piece(&groups.back(), c != '[' && is_place(text[i], is_escaped));
         }
     }
     double total = 0;
@@ -125,40 +149,74 @@ bool set_limit(decltype(RLIMIT_AS) resource, rlim_t wanted) {
     return setrlimit(resource, &limit) == 0;
 }
 
-// The child's side: returns whether the text compiles within the limits, or the system ends it.
-bool compiles_within_limits(const char *text) {
+// A sanitizer's memory is known to the kernel alone.
+size_t bytes_in_use() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks > 0 ? info.uordblks + info.hblkhd : address_space();
+}
+
+// The child's side: what the text takes within the limits, or the system ends it.
+regex_cost_t cost_within_limits(const char *text) {
     const rlim_t used = address_space();
+    if (used == 0 || !set_limit(RLIMIT_CORE, 0) || !set_limit(RLIMIT_AS, used + MAX_BYTES) ||
+        !set_limit(RLIMIT_CPU, MAX_SECONDS)) {
+        return {REG_ESPACE, false, 0, 0};
+    }
+    const size_t bytes_before = bytes_in_use();
     regex_t unused;
-    return used > 0 && set_limit(RLIMIT_AS, used + MAX_BYTES) &&
-           set_limit(RLIMIT_CPU, MAX_SECONDS) &&
-           regcomp(&unused, text, REG_EXTENDED | REG_NEWLINE) != REG_ESPACE;
+    const int error = regcomp(&unused, text, REG_EXTENDED | REG_NEWLINE);
+    return {error, true, bytes_in_use() - bytes_before, 0};
+}
+
+// What the child has said when it has ended, or when `us_left` is over. One that ended without a word
+// was ended by its limits.
+regex_cost_t heard_from(const unique_fd_t &child, int64_t us_left) {
+    pollfd waiting{child.get(), POLLIN, 0};
+    const int64_t until = microseconds_passed() + us_left;
+    int ready = 0;
+    do {
+        const int64_t left = std::max<int64_t>(until - microseconds_passed(), 0);
+        ready = poll(&waiting, 1, static_cast<int>(left / 1000));
+    } while (ready < 0 && errno == EINTR);
+    regex_cost_t cost{};
+    if (ready > 0 && read(child.get(), &cost, sizeof cost) == sizeof cost) {
+        return cost;
+    }
+    return {REG_ESPACE, ready > 0, 0, 0};
 }
 
 // The answer comes through a pipe: a process that ignores SIGCHLD learns no exit status.
-bool compiles_in_child(const char *text) {
+regex_cost_t cost_in_child(const char *text, int64_t us_left) {
+    const int64_t began = microseconds_passed();
     int answer[2];
-    if (pipe2(answer, O_CLOEXEC) != 0) {
-        return false;
+    if (us_left <= 0 || pipe2(answer, O_CLOEXEC) != 0) {
+        return {REG_ESPACE, false, 0, 0};
     }
-    unique_fd_t from_child(answer[0]);
+    const unique_fd_t from_child(answer[0]);
     unique_fd_t to_parent(answer[1]);
     const pid_t child = fork();
     if (child == 0) {
-        _exit(compiles_within_limits(text) && write(to_parent.get(), "", 1) == 1 ? 0 : 1);
+        const regex_cost_t cost = cost_within_limits(text);
+        _exit(write(to_parent.get(), &cost, sizeof cost) == sizeof cost ? 0 : 1);
+    }
+    if (child < 0) {
+        return {REG_ESPACE, false, 0, 0};
     }
     to_parent.reset();
-    char byte = 0;
-    ssize_t got = 0;
-    do {
-        got = child > 0 ? read(from_child.get(), &byte, 1) : 0;
-    } while (got < 0 && errno == EINTR);
-    while (child > 0 && waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    regex_cost_t cost = heard_from(from_child, us_left);
+    kill(child, SIGKILL);  // it has nothing more to say
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
     }
-    return got == 1;
+    cost.us = microseconds_passed() - began;
+    return cost;
 }
 
 }  // namespace
 
-bool fits_memory(const char *text) noexcept {
-    return written_out(text) <= SURELY_FITS || compiles_in_child(text);
+regex_cost_t regex_cost(const char *text, int64_t us_left) noexcept {
+    const double pieces = written_out(text);
+    if (pieces <= HARMLESS_PIECES) {
+        return {0, true, static_cast<size_t>(pieces) * BYTES_PER_PIECE, 0};
+    }
+    return cost_in_child(text, us_left);
 }

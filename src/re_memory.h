@@ -1,10 +1,21 @@
-// Whether a regular expression can be compiled without harm.
+// What the compilation of a regular expression takes.
 //
-// The C library writes repetitions out: "+" doubles its piece, an optional repetition costs up to
-// the square of its bound. "x{0,32767}" or thirty "+" in a row ask for more memory than the machine
-// has.
+// The C library writes repetitions out: "+" doubles its piece, an optional repetition costs up to the
+// square of its bound, and a place such as "\b" in what is repeated again and again multiplies with
+// every round. "x{0,32767}" or thirty "+" in a row ask for more memory than the machine has, and
+// "(|\b)?{0,7}*b?" for more time than anybody has.
 #pragma once
 
-// Whether regcomp() can do with 256 MB for `text` (POSIX extended syntax) and comes to an end. A
-// pattern that does not surely do is tried in a child process with limits on memory and time.
-bool fits_memory(const char *text) noexcept;
+#include <cstddef>
+#include <cstdint>
+
+struct regex_cost_t {
+    int error;      // that regcomp() would return; REG_ESPACE also for a text that takes too much
+    bool is_final;  // false: it was given up for want of time or processes
+    size_t bytes;   // that the compilation keeps, about
+    int64_t us;     // that the trial took; 0 when there was none
+};
+
+// What regcomp() takes for `text` (POSIX extended syntax). What is not plainly harmless is tried in a
+// child process, which can have 256 MB, 2 seconds of CPU time, and `us_left` microseconds altogether.
+regex_cost_t regex_cost(const char *text, int64_t us_left) noexcept;

@@ -55,18 +55,45 @@ TEST(Pattern, LongRepetitionsCompile) {
 TEST_F(Tables, PatternsThatDoNotCompileMatchNothing) {
     pattern_t pattern{};
     const std::string pluses = "x" + std::string(30, '+');  // each doubles what stands before it
-    const texts_t texts = {"(",   "a{2", "x{0,10000}", "x{0,32767}", "0+??????????????++++++++",
-                           pluses};
+    const texts_t texts = {
+        "(",
+        "a{2",
+        "x{0,10000}",
+        "x{0,32767}",
+        "0+??????????????++++++++",
+        pluses,
+        "(|\\b)?{0,7}*b?",
+    };
+    begin_patterns();
     for (const std::string &text : texts) {
         EXPECT_EQ(compile_regex(&pattern, text.c_str()), 1) << text;
         EXPECT_EQ(match_regex(&pattern, "xxxx", nullptr, 0), 0) << text;
     }
     EXPECT_THAT(log(), StartsWith("ERROR: Regex error compiling '(': Unmatched ( or \\(\n"));
+    begin_patterns();
     pattern_t same{};  // equal texts share a compilation, or reloads would grow without end
     for (pattern_t *p : {&pattern, &same}) {
         EXPECT_EQ(compile_regex(p, "[^]{999}{999}]{3}\\{x{200}"), 0);
     }
     EXPECT_EQ(same.compiled, pattern.compiled);
+}
+
+TEST_F(Tables, PatternsOfOneConfigurationShareWhatThereIs) {
+    const auto compiles = [](int number) {
+        pattern_t pattern{};
+        const std::string text = "(a|b){0,1500}" + std::to_string(number);
+        return compile_regex(&pattern, text.c_str()) == 0;
+    };
+    begin_patterns();
+    int first_refused = 0;
+    while (compiles(first_refused)) {
+        first_refused++;
+    }
+    EXPECT_THAT(first_refused, AllOf(Ge(1), Le(8)));
+    EXPECT_TRUE(compiles(0));  // is counted once
+    EXPECT_THAT(log(), HasSubstr(": Too large together with the patterns before it"));
+    begin_patterns();
+    EXPECT_TRUE(compiles(first_refused));
 }
 
 TEST_F(Tables, LongestLastMatchWinsElseTheDefaultRule) {
