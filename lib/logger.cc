@@ -1,13 +1,16 @@
 #include "logger.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cstdarg>
@@ -15,10 +18,13 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <string>
 #include <string_view>
 
 #include "fd.h"
 #include "kept_text.h"
+#include "printable.h"
+#include "rights.h"
 
 namespace {
 
@@ -27,6 +33,8 @@ constexpr size_t TIME_SIZE = 32;
 constexpr size_t MAX_PATH_LENGTH = 1023;
 constexpr int THRESHOLD = 5;
 constexpr std::chrono::seconds SYSLOG_PATIENCE(1);
+constexpr int WRITE_PATIENCE_MS = 1000;
+constexpr std::string_view LOG_DIR = "/var/log";  // where root makes a file for its owner
 
 constexpr std::array<std::string_view, 6> levels = {"DEBUG",   "EVENT", "NOTICE",
                                                     "WARNING", "ERROR", "VERBOSE"};
@@ -37,6 +45,7 @@ constexpr std::array<int, 7> syslog_level_map = {LOG_DEBUG, LOG_INFO,  LOG_NOTIC
 std::atomic<int> log_level = 1;
 std::atomic<int> log_to_syslog = 0;
 std::atomic<int> dont_log = 0;
+std::atomic<bool> escapes = false;
 std::atomic<const char *> logfile = "";
 
 struct owner_t {
@@ -123,27 +132,77 @@ class log_line_t {
     char text_[TIME_SIZE + MESSAGE_SIZE + 1];
 };
 
-int open_log_file(const char *path) {
-    constexpr int FLAGS = O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC;
-    constexpr mode_t MODE = 0666;
-    if (owner.uid != NOBODY) {
-        const int made = open(path, FLAGS | O_EXCL, MODE);
-        if (made >= 0) {
-            const int given = fchown(made, owner.uid, owner.gid);
-            static_cast<void>(given);  // on a file system without owners it does not matter
-            return made;
+// Without waiting for whatever the path leads to.
+constexpr int LOG_FLAGS = O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+constexpr mode_t LOG_MODE = 0666;
+
+bool is_roots_alone(const unique_fd_t &directory) {
+    struct stat status {};
+    return directory && fstat(directory.get(), &status) == 0 && status.st_uid == 0 &&
+           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// Opens the directory of a path below LOG_DIR, step by step. None where a step is a link, or where
+// somebody else than root can change names.
+unique_fd_t open_roots_directory(std::string_view path, std::string *name) {
+    constexpr int FLAGS = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    if (!path.starts_with(LOG_DIR) || !path.substr(LOG_DIR.size()).starts_with('/')) {
+        return unique_fd_t();
+    }
+    unique_fd_t directory(open(std::string(LOG_DIR).c_str(), FLAGS));
+    path.remove_prefix(LOG_DIR.size() + 1);
+    for (size_t end = path.find('/'); end != std::string_view::npos && is_roots_alone(directory);
+         end = path.find('/')) {
+        const std::string step(path.substr(0, end));
+        path.remove_prefix(end + 1);
+        directory.reset(step == ".." ? -1
+                                     : openat(directory.get(), step.c_str(), FLAGS | O_NOFOLLOW));
+    }
+    *name = path;
+    return is_roots_alone(directory) ? std::move(directory) : unique_fd_t();
+}
+
+// The new file is its owner's before anything is in it.
+int make_log_file(const char *path) {
+    std::string name;
+    const unique_fd_t directory = open_roots_directory(path, &name);
+    const int file =
+        directory ? openat(directory.get(), name.c_str(), LOG_FLAGS | O_EXCL | O_NOFOLLOW, LOG_MODE)
+                  : -1;
+    if (file >= 0) {
+        const int given = fchown(file, owner.uid, owner.gid);
+        static_cast<void>(given);  // on a file system without owners it does not matter
+    }
+    return file;
+}
+
+// Whoever has the account can have put anything there, and can have chosen the path.
+int open_for_owner(const char *path) {
+    {
+        const rights_t of_owner(owner.uid, owner.gid);
+        const int file = of_owner.are_taken() ? open(path, LOG_FLAGS, LOG_MODE) : -1;
+        if (file >= 0) {
+            return file;
         }
     }
-    return open(path, FLAGS, MODE);
+    return make_log_file(path);
+}
+
+int open_log_file(const char *path) {
+    return owner.uid == NOBODY ? open(path, LOG_FLAGS, LOG_MODE) : open_for_owner(path);
 }
 
 // One write per line keeps the lines of different threads whole.
 void write_line(std::string_view line) {
     const char *path = logfile;
-    unique_fd_t file(path[0] != '\0' ? open_log_file(path) : -1);
-    if (write(file ? file.get() : STDERR_FILENO, line.data(), line.size()) < 0) {
-        return;  // nowhere left to report it
+    const unique_fd_t file(path[0] != '\0' ? open_log_file(path) : -1);
+    const int target = file ? file.get() : STDERR_FILENO;
+    ssize_t written = write(target, line.data(), line.size());
+    pollfd waiting{target, POLLOUT, 0};
+    if (written < 0 && errno == EAGAIN && poll(&waiting, 1, WRITE_PATIENCE_MS) > 0) {
+        written = write(target, line.data(), line.size());
     }
+    static_cast<void>(written);  // nowhere left to report it
 }
 
 // closelog() forgets the name for every thread, so a record must not come between. A fault signal
@@ -154,6 +213,14 @@ void write_syslog(int level, const char *message) {
     openlog("quillet", LOG_PID | LOG_NDELAY, LOG_DAEMON);
     syslog(syslog_level_map.at(static_cast<size_t>(level)), "%s", message);
     closelog();
+}
+
+// The line ends by itself, so an end that the format has is none of the text.
+void append_escaped(log_line_t *line, std::string_view fmt, std::string_view text) {
+    if (fmt.ends_with('\n') && text.ends_with('\n')) {
+        text.remove_suffix(1);
+    }
+    escape_controls(text, [line](std::string_view piece) { *line << piece; });
 }
 
 }  // namespace
@@ -168,6 +235,10 @@ int logger_init(const char *file, int start_level, int do_syslog, int disable_lo
 
 void logger_own_files(unsigned uid, unsigned gid) noexcept {
     owner = {uid, gid};
+}
+
+void logger_escape(bool does_escape) noexcept {
+    escapes = does_escape;
 }
 
 void set_log_level(int level) noexcept {
@@ -187,7 +258,14 @@ void write_log(int level, const char *file, int line, const char *function, cons
     }
     va_list arguments;
     va_start(arguments, fmt);
-    text.format(fmt, arguments);
+    if (!escapes) {
+        text.format(fmt, arguments);
+    } else {
+        char raw[MESSAGE_SIZE];
+        const int wanted = vsnprintf(raw, sizeof raw, fmt, arguments);
+        const int length = std::clamp(wanted, 0, static_cast<int>(sizeof raw) - 1);
+        append_escaped(&text, fmt, {raw, static_cast<size_t>(length)});
+    }
     va_end(arguments);
 
     if (log_to_syslog != 0) {

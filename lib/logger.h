@@ -27,10 +27,16 @@ enum : int {
 // Returns 0.
 int logger_init(const char *file, int start_level, int do_syslog, int disable_log) noexcept;
 
-// While the process runs as root: gives every log file that the logger makes to an account from its
-// first line on. With NOBODY for both, the files belong to whom the process runs as again.
+// While the process has root's rights and one thread: log files are opened with the rights of an account,
+// and are that account's from their first line on. One that the account cannot make is made for it
+// below /var/log alone, in a directory where nobody but root can change names; what has its name
+// already is left alone. With NOBODY for both, files are opened with the rights of the process again.
 constexpr unsigned NOBODY = static_cast<unsigned>(-1);
 void logger_own_files(unsigned uid, unsigned gid) noexcept;
+
+// Whether control characters other than TAB come as "\xNN", so that every line is one line and none can
+// change a terminal; a line end behind the text is left out then. Not so at first.
+void logger_escape(bool escapes) noexcept;
 
 // Sets the log level alone.
 void set_log_level(int level) noexcept;
@@ -41,7 +47,8 @@ void set_log_level(int level) noexcept;
 //   function        the caller's place; VERBOSE lines do not show it
 //   fmt, ...        printf format and arguments
 // Prefix and text together are cut at 1023 characters; a newline is always added. A log file that
-// cannot be opened sends the line to standard error; errors of writing are ignored.
+// cannot be opened sends the line to standard error; errors of writing are ignored. A FIFO or terminal
+// that takes nothing for a second loses the line.
 void write_log(int level, const char *file, int line, const char *function, const char *fmt,
                ...) noexcept __attribute__((format(printf, 5, 6)));
 

@@ -1,10 +1,7 @@
 #include "action.h"
 
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -12,6 +9,7 @@
 #include "alarm.h"
 #include "callfile.h"
 #include "clock.h"
+#include "command.h"
 #include "files.h"
 #include "journal.h"
 #include "logger.h"
@@ -36,11 +34,10 @@ struct expanded_t {
     }
 };
 
-// Once per load: the staging directory fails every call in the same way.
+// The staging directory fails every call in the same way.
 void warn_of_direct_writing(const staged_call_t &call) {
-    static std::atomic<unsigned> warned_for = ~0U;
-    const unsigned load = table_generation.number();
-    if (warned_for.exchange(load) != load) {
+    static once_per_load_t warning;
+    if (warning.is_first()) {
         LOG_AS(LEVEL_WARNING, "call_action",
                "Unable to stage call files in %s: %s. Writing them directly\n", call.staging_dir,
                strerror(call.staging_error));
@@ -90,14 +87,6 @@ outcome_t place_call(const pager_t *pager, const rule_t *rule, const placeholder
     return store_call_file(pager, call.name, call.content);
 }
 
-// 128 and the signal for a shell that a signal ended, as the shell says it of its commands.
-int exit_status_of(int status) {
-    if (status == -1) {
-        return -1;
-    }
-    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-}
-
 outcome_t run_command(const rule_t *rule, const placeholders_t &with) {
     command_text_t command;
     if (!compose_command(&command, rule, with)) {
@@ -106,7 +95,7 @@ outcome_t run_command(const rule_t *rule, const placeholders_t &with) {
         return {false, false, "", -1};
     }
     LOG_AS(LEVEL_DEBUG, "call_action", "Calling cmd line: %s\n", command.line);
-    const int status = exit_status_of(system(command.line));
+    const int status = command_run(command.line);
     return {status == 0, true, "", status};  // whether it succeeds is its own business
 }
 
@@ -140,7 +129,7 @@ class spool_file_t {
   public:
     spool_file_t(const pager_t *pager, std::string_view name) {
         spool_path(path_, pager, name);
-        file_.reset(fopen(path_, "re"));
+        file_ = open_text(path_);
     }
     bool is_open() const { return file_ != nullptr; }
     // The next line, at most 255 bytes, in a buffer padded with zeros.

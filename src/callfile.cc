@@ -9,9 +9,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
-#include <map>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
+#include <utility>
 
 #include "fd.h"
 
@@ -19,7 +21,6 @@ namespace {
 
 constexpr mode_t CALL_FILE_MODE = 0666;
 constexpr std::string_view STAGED_PREFIX = "vesperd-call-";
-constexpr time_t NUMBERS_KEPT_SECONDS = 60;
 
 // Writes the whole content and removes the file if that fails; it stays open.
 call_file_result_t fill(const unique_fd_t &file, const char *path, std::string_view content) {
@@ -33,7 +34,7 @@ call_file_result_t fill(const unique_fd_t &file, const char *path, std::string_v
 }
 
 call_file_result_t write_with(int flags, const char *path, std::string_view content) {
-    unique_fd_t file(open(path, O_WRONLY | O_CREAT | O_CLOEXEC | flags, CALL_FILE_MODE));
+    unique_fd_t file = open_regular(path, O_WRONLY | O_CREAT | flags, CALL_FILE_MODE);
     if (!file) {
         return {call_file_t::NOT_OPENED, errno};
     }
@@ -46,22 +47,38 @@ call_file_result_t write_with(int flags, const char *path, std::string_view cont
     return result;
 }
 
+// The numbers that names have come to. A name holds the second of its call, so what is older than a
+// period is of no use any more; a period's names are forgotten together.
+class name_counter_t {
+  public:
+    int next(const std::string &name) {
+        counts_t forgotten;  // goes when the lock has gone
+        const std::lock_guard lock(mutex_);
+        const time_t now = time(nullptr);
+        if (now - since_ > PERIOD_SECONDS || now < since_) {
+            forgotten = std::exchange(before_, std::exchange(current_, {}));
+            since_ = now;
+        }
+        const auto earlier = before_.find(name);
+        return current_.try_emplace(name, earlier != before_.end() ? earlier->second : 0)
+            .first->second++;
+    }
+
+  private:
+    using counts_t = std::unordered_map<std::string, int>;
+    static constexpr time_t PERIOD_SECONDS = 60;
+
+    std::mutex mutex_;
+    time_t since_ = time(nullptr);
+    counts_t current_;
+    counts_t before_;
+};
+
 // The next number of a name. Counted rather than looked for: the PBX may have taken the files with
 // the earlier ones already.
 int next_number(const std::string &name) {
-    struct counter_t {
-        int next = 0;
-        time_t since = time(nullptr);
-    };
-    static std::mutex mutex;
-    static std::map<std::string, counter_t> &counters =
-        *std::make_unique<std::map<std::string, counter_t>>().release();
-    const std::lock_guard lock(mutex);
-    const time_t now = time(nullptr);
-    std::erase_if(counters, [now](const auto &counter) {
-        return now - counter.second.since > NUMBERS_KEPT_SECONDS;
-    });
-    return counters[name].next++;
+    static name_counter_t &counter = *std::make_unique<name_counter_t>().release();
+    return counter.next(name);
 }
 
 // Forms the next path of a call. Returns whether it fits.

@@ -147,6 +147,7 @@ void load_values(const dictionary *dict, const char *section, rule_t *rule) {
 void start_logging(const dictionary *dict) {
     logger_init(logfile, loglevel, logtype == 1, 0);
     const section_t<section_kind_t::LOGGER> logger(dict, "logger");
+    logger_escape(logger.boolean("log_escape") != 0);
     status_init(logger.text("status_file"));
     journal_init(logger.text("journal_file"));
 }
@@ -297,6 +298,7 @@ int load_rule(const dictionary *dict, const char *section, rule_t *rule) noexcep
     }
     compile_regex(&fresh.pattern, keys.text("pattern"));
     fresh.quote = keys.boolean("quote");
+    fresh.ack_when_run = keys.boolean("ack_when_run");
     *rule = fresh;
     return 0;
 }

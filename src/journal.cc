@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -15,6 +16,7 @@
 #include "fd.h"
 #include "kept_text.h"
 #include "logger.h"
+#include "printable.h"
 #include "utf8.h"
 
 namespace {
@@ -58,19 +60,26 @@ class object_t {
   private:
     static constexpr size_t RESERVED = 512;
 
+    // A quick look that spares most characters a closer one.
+    static bool can_begin_control(char c) {
+        return (c >= 0 && c < ' ') || c == '\x7F' || c == '\xC2';
+    }
+
     void add_string(std::string_view text) {
         text_ += '"';
-        for (const char c : text) {
-            if (c >= 0 && c < ' ') {
-                char escaped[8];
-                snprintf(escaped, sizeof escaped, "\\u%04x", c);
+        while (!text.empty()) {
+            const char c = text[0];
+            const size_t control = can_begin_control(c) ? control_length(text) : 0;
+            if (control > 0) {
+                char escaped[8];  // the last byte of a control character of C1 is its number
+                snprintf(escaped, sizeof escaped, "\\u%04x",
+                         static_cast<unsigned char>(text[control - 1]));
                 text_ += escaped;
-                continue;
+            } else {
+                text_ += c == '"' || c == '\\' ? "\\" : "";
+                text_ += c;
             }
-            if (c == '"' || c == '\\') {
-                text_ += '\\';
-            }
-            text_ += c;
+            text.remove_prefix(std::max<size_t>(control, 1));
         }
         text_ += '"';
     }
@@ -166,7 +175,8 @@ void journal_write(const journal_entry_t &entry) noexcept {
     // What a full disk has cut is at least not continued.
     std::string line(torn.exchange(false) ? "\n" : "");
     line += as_json(entry);
-    const unique_fd_t file(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
+    constexpr int FLAGS = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    const unique_fd_t file(open(path, FLAGS, 0640));
     const ssize_t written = file ? write(file.get(), line.data(), line.size()) : -1;
     if (written != std::ssize(line)) {
         report_failure(path, written < 0 ? errno : ENOSPC);

@@ -8,7 +8,8 @@
 // `event` is "message" or the alarm's own name, whatever its table position says; `address` and
 // `text` belong to messages; `rule` and `action` are null where there was none; `result` is "ok",
 // "failed", or "none" for skip and for no rule; `file` belongs to call files, `exit` to commands;
-// `ms` is the time from the last byte of the message to the end of the action.
+// `ms` is the time from the last byte of the message to the end of the action. Control characters are
+// escaped, DEL and those of C1 too.
 #pragma once
 
 #include "action.h"
@@ -30,6 +31,6 @@ struct journal_entry_t {
     int64_t began_us;  // by clock.h's monotonic clock
 };
 
-// Appends an entry, in one write. Without a journal does nothing; one that cannot be written is
+// Appends an entry, in one write; a file that is not there is made for its owner and group alone. Without a journal does nothing; one that cannot be written is
 // logged as an ERROR once per load.
 void journal_write(const journal_entry_t &entry) noexcept;

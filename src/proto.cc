@@ -131,10 +131,21 @@ int read_block(int sock, char *packet, int maxlen, const espa_options_t &options
     return stored;
 }
 
+// Logs on behalf of alarm_time().
+void warn_of_no_file(const char *path) {
+    static once_per_load_t warning;
+    if (warning.is_first()) {
+        LOG_AS(LEVEL_WARNING, "alarm_time", "%s is no regular file and suppresses nothing\n", path);
+    }
+}
+
 // The number that an operator wrote into a suppression file; 0 when there is none.
 int suppression_number(const char *path) {
     char line[SUPPRESSION_LINE_SIZE];
-    const unique_file_t file(fopen(path, "re"));
+    const unique_file_t file = open_text(path);
+    if (!file && errno == NOT_REGULAR) {
+        warn_of_no_file(path);
+    }
     if (!file || fgets(line, sizeof line, file.get()) == nullptr) {
         return 0;
     }

@@ -233,10 +233,22 @@ std::string content_of(bool is_up) {
     return std::move(out.text());
 }
 
+// A new file, whatever had the name.
+unique_fd_t make_file(const char *path) {
+    constexpr int FLAGS = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
+    constexpr mode_t MODE = 0644;
+    unique_fd_t file(open(path, FLAGS, MODE));
+    if (!file && errno == EEXIST) {
+        unlink(path);
+        file.reset(open(path, FLAGS, MODE));
+    }
+    return file;
+}
+
 // Returns 0 or errno.
 int write_file(const std::string &path, const std::string &content) {
     const std::string temporary = path + ".new";
-    unique_fd_t file(open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    unique_fd_t file = make_file(temporary.c_str());
     if (!file) {
         return errno;
     }

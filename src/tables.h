@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string_view>
 
@@ -62,7 +63,8 @@ struct rule_t {
     char context[256];
     char extension[256];
     char channel[256];
-    int quote;  // replacements cannot change the meaning of the text around them
+    int quote;         // replacements cannot change the meaning of the text around them
+    int ack_when_run;  // a command's exit status answers the packet, with the pager's ack_when_done
 };
 
 // One pager interface.
@@ -100,6 +102,19 @@ extern rule_t rules[MAX_RULES];  // no count: a slot with an empty name is unuse
 
 // The rewritings of the tables.
 extern generation_t table_generation;
+
+// Tells the first time since a load of the configuration from later ones: for what would be logged with
+// every message.
+class once_per_load_t {
+  public:
+    bool is_first() noexcept {
+        const unsigned load = table_generation.number();
+        return last_.exchange(load) != load;
+    }
+
+  private:
+    std::atomic<unsigned> last_ = ~0U;
+};
 
 // Calls `read`, and again if the tables were rewritten meanwhile: what it copied last belongs
 // together.

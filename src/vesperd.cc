@@ -201,8 +201,17 @@ void count_message() {
     my_stats().last_message_ms.store(milliseconds_now(), std::memory_order_relaxed);
 }
 
-// process_message(), on whose behalf it logs. A packet is answered when its call file is complete;
-// whatever else its message leads to may take long and comes after the answer.
+// A packet is answered when its call file is complete, and where the rule wants it when its command has
+// succeeded; whatever else its message leads to may take long and comes after the answer.
+bool is_answered_before(const rule_t &rule) {
+    return rule.action != CALL && (rule.action != SCRIPT || rule.ack_when_run == 0);
+}
+
+bool is_acknowledged(const rule_t &rule, const outcome_t &outcome) {
+    return rule.action == SCRIPT ? outcome.succeeded : outcome.was_done;
+}
+
+// process_message(), on whose behalf it logs.
 void dispatch_message(pager_t *pager, int alrm, const char *number, const char *message,
                       owed_answer_t *answer) {
     count_message();
@@ -214,11 +223,11 @@ void dispatch_message(pager_t *pager, int alrm, const char *number, const char *
         journal_write({pager, alrm, number, message, nullptr, {}, answer->received_us()});
         return;
     }
-    if (rule.action != CALL) {
+    if (is_answered_before(rule)) {
         answer->give(true);
     }
     const outcome_t outcome = perform_action(pager, alrm, number, message, &rule);
-    answer->give(outcome.was_done);
+    answer->give(is_acknowledged(rule, outcome));
     journal_write({pager, alrm, number, message, &rule, outcome, answer->received_us()});
     raise_if_not_done(pager, outcome);
 }
@@ -408,10 +417,15 @@ void install_signal_handlers() {
     }
 }
 
+bool answers_by_exit_status() {
+    return std::any_of(std::begin(rules), std::end(rules),
+                       [](const rule_t &rule) { return rule.ack_when_run != 0; });
+}
+
 // A process that ignores the signal never learns how its commands ended.
 void heed_children() {
     static bool heeds = false;
-    const bool tells = status_is_kept() || journal_is_kept();
+    const bool tells = status_is_kept() || journal_is_kept() || answers_by_exit_status();
     if (tells != heeds) {
         signal_set_handler(SIGCHLD, 0, tells ? SIG_DFL : SIG_IGN);
     }

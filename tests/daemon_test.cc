@@ -29,6 +29,15 @@ TEST_F(Daemon, CommandLinesOfBothPrograms) {
             "\n[p]\nhost = 127.0.0.1\nrules = rule_script,rule_skip\n"
             "[rule_skip]\npattern = SKIP\n[rule_script]\npattern = SCRIPT\naction = script\n"
             "callscript = %number% %alarm% %message%\n");
+    const auto logging_to = [](const std::string &file) {
+        return "[logger]\nlog_file = " + file + "\n[p]\nhost = 127.0.0.1\n";
+    };
+    fs::create_directory(dir.path("locked"));  // of root's alone
+    fs::create_symlink("locked/linked", dir.path("link"));
+    const std::string only_root =
+        "unshare -m sh -c 'mount -t tmpfs -o mode=755 none /var/log && cd /var/log && mkdir -m 755 "
+        "x && "
+        "mkdir -m 775 open; umask 027; exec \"$@\"' sh ";
     const std::string usage = "\t-h, --help\t\t\tshow this text\n\n\n";
     const std::string head = "' at pager 'p'\nRules: rule_script,rule_skip\ndefault rule: \n";
     const struct {
@@ -53,6 +62,15 @@ TEST_F(Daemon, CommandLinesOfBothPrograms) {
          "No user ovo\n"},
         {0, "setpriv --reuid=nobody --clear-groups vesperd -fdc " + conf,
          "Unable to set uid to user ovo\n\n"},
+        {0, only_root + "vesperd -m x -c " + dir.write("linked", logging_to(dir.path("link"))),
+         "No matching rules found. Just skip\n"},
+        {0, only_root + "vesperd -m x -c " + dir.write("named", logging_to(dir.path("locked/x"))),
+         "No matching rules found. Just skip\n"},
+        {0,
+         only_root + "sh -c 'vesperd -m x -c " + dir.write("system", logging_to("/var/log/x/log")) +
+             "; vesperd -m x -c " + dir.write("open", logging_to("/var/log/open/log")) +
+             "; cd /var/log; find -type f -printf \"%p %u %m\\\\n\"'",
+         "./x/log ovo 640\n"},
         {2, "espasend --message x", "give either --listen or --device (try --help)\n"},
         {2, "espasend --listen 70000", "not '70000' (try --help)\n"},
         {1, "espasend --listen 0 --wait 1 --message x", "nobody connected within 1 seconds\n"},
@@ -64,6 +82,7 @@ TEST_F(Daemon, CommandLinesOfBothPrograms) {
     struct stat log {};
     EXPECT_EQ(stat(log_file.c_str(), &log), 0);  // made by root
     EXPECT_EQ(log.st_uid, getpwnam("ovo")->pw_uid);
+    EXPECT_TRUE(fs::is_empty(dir.path("locked")));
 }
 
 TEST_F(Daemon, FromRequestToActionAndEveryLineOfItsLog) {
@@ -73,7 +92,8 @@ TEST_F(Daemon, FromRequestToActionAndEveryLineOfItsLog) {
         "[rule_fire]\npattern = ^FIRE\naction = call\nextension = 1$zone\nchannel = C/%number%\n"
         "context = x\ncallerid = '%message%'\nvalue[zone] = ZONE ([0-9]+)\n"
         "[rule_script]\npattern = SCRIPT\naction = script\n"
-        "callscript = 'ls -l /proc/self/fd > @fds; exit 3'\n"
+        "callscript = 'ls -l /proc/self/fd > @fds; cut -d\" \" -f1,6 /proc/$$/stat > @ids; exit "
+        "3'\n"
         "[rule_rest]\naction = script\ncallscript = 'echo %alarm% %message% >> @rest'\n");
     const std::string before = std::to_string(time(nullptr));
     daemon.run_in_foreground();
@@ -90,7 +110,12 @@ TEST_F(Daemon, FromRequestToActionAndEveryLineOfItsLog) {
     line = daemon.accept();
     send_bytes(line, wire("SCRIPT<E9>\r\nfour\n<SOH>1234\n12345\n"));
     daemon.expect_logged("message=12345");
-    EXPECT_THAT(daemon.dir.read("fds"), Not(HasSubstr("socket:")));  // scripts do not hold the line
+    EXPECT_THAT(daemon.dir.read("fds"),
+                AllOf(Not(HasSubstr("socket:")),
+                      ContainsRegex(" 0 -> /dev/null\n")));  // scripts do not hold the line
+    int shell = 0, session = -1;
+    std::istringstream(daemon.dir.read("ids")) >> shell >> session;
+    EXPECT_EQ(shell, session);
     EXPECT_EQ(daemon.dir.read("rest"), "started\nmessage\n\nconnected\nmessage 12345\n");
     std::string log = messages(daemon.log());
     const std::pair<std::string, std::string> edits[] = {
@@ -136,11 +161,13 @@ std::string answer_to(const unique_fd_t &line, const std::string &packet) {
 TEST_F(Daemon, AcknowledgesWhatIsDone) {
     daemon_t daemon(
         "ack_when_done = yes\nspool_dir = @spool\nstaging_dir = @staging\n"
-        "charset = DIN_66003\nrules = rule_x,rule_y\n",
+        "charset = DIN_66003\nrules = rule_x,rule_y,rule_z\n",
         "[rule_x]\npattern = FEUER\naction = call\nextension = %number%\n"
         "callerid = %message%\nquote = yes\n"
         "[rule_y]\npattern = NOTE.*\naction = script\nquote = yes\n"
-        "callscript = 'sleep 1; echo %message% >@note; exit 3'\n");
+        "callscript = 'sleep 1; echo %message% >@note; exit 3'\n"
+        "[rule_z]\npattern = RUN\naction = script\nack_when_run = yes\n"
+        "callscript = 'echo >> @ran; rm @allowed'\n");
     const fs::path spool = daemon.dir.path("spool");
     for (const char *name : {"staging", "spool"}) {
         fs::create_directory(daemon.dir.path(name));
@@ -172,6 +199,10 @@ TEST_F(Daemon, AcknowledgesWhatIsDone) {
     EXPECT_EQ(daemon.dir.read("note"), "");  // a command comes after the answer
     EXPECT_EQ(answer_to(line, wire("<SOH>2<ETX>1")), wire("<ACK>"));
     EXPECT_EQ(daemon.dir.read("note"), "NOTE 'x'\n");
+    EXPECT_EQ(answer_to(line, compose_packet(to("1", "RUN"))), wire("<NAK>"));
+    daemon.dir.write("allowed", "");
+    EXPECT_EQ(answer_to(line, compose_packet(to("1", "RUN"))), wire("<ACK>"));
+    EXPECT_EQ(daemon.dir.read("ran"), "\n\n");
 }
 
 // The spool directory is on another file system, and neither journal nor status can be written.

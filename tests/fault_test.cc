@@ -1,6 +1,10 @@
 // Misbehaving lines and broken surroundings, many at once against one daemon: whatever happens on
 // one line, it, or where it stays broken every other one, delivers the next message.
 
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
 #include "running_daemon.h"
 
 namespace {
@@ -141,43 +145,52 @@ TEST_F(Faults, ConnectionRefused) {
 TEST_F(Faults, AroundTheDaemon) {
     daemon_t daemon({{"missing", LISTED + "spool_dir = @missing"},
                      {"locked", LISTED + "spool_dir = @locked"},
+                     {"odd", LISTED + "spool_dir = @odd"},
                      {"full", LISTED + "spool_dir = @full"},
                      {"endless", LISTED}},
                     RULES);
     const fs::path spool = daemon.dir.path("");
-    for (const char *name : {"locked", "full"}) {
+    for (const char *name : {"locked", "full", "odd"}) {
         fs::create_directory(spool / name);
     }
+    // Nobody else sees what is mounted here.
+    const std::string full = spool / "full";
+    ASSERT_EQ(unshare(CLONE_NEWNS) + mount("", "/", "", MS_REC | MS_PRIVATE, ""), 0);
+    ASSERT_EQ(mount("tmpfs", full.c_str(), "tmpfs", 0, "size=4k,mode=777"), 0);
+    daemon.dir.write("full/rest", std::string(4096, 'x'));
     for (time_t now = time(nullptr), later = 0; later < 300; later++) {
-        fs::create_symlink("/dev/full", spool / "full/call_1_" += std::to_string(now + later));
+        const std::string name = spool / "odd/call_1_" += std::to_string(now + later);
+        EXPECT_EQ(mkfifo(name.c_str(), 0666), 0);  // holds nobody up
     }
     daemon.run_in_foreground();
-    unique_fd_t lines[4];
-    for (size_t i = 0; i < 4; i++) {
+    unique_fd_t lines[5];
+    for (size_t i = 0; i < 5; i++) {
         lines[i] = daemon.accept(i);
     }
-    send_bytes(lines[3], compose_packet(to("1", "ENDLESS")));
+    send_bytes(lines[4], compose_packet(to("1", "ENDLESS")));
     EXPECT_TRUE(eventually([&] { return daemon.dir.read("pid").ends_with("\n"); }));
     const auto deliver_to_all = [&] {
-        for (size_t i = 0; i < 3; i++) {
+        for (size_t i = 0; i < 4; i++) {
             control_station_t station(lines[i].get(), 60, nullptr);
             EXPECT_TRUE(station.send_call(to("1", "GOOD 1"))) << station.error();
         }
     };
     deliver_to_all();
-    EXPECT_EQ(daemon.count("Unable to open file for writing\n"), 2);
+    EXPECT_EQ(daemon.count("Unable to open file for writing\n"), 3);
     EXPECT_EQ(daemon.count("No space left on device"), 1);
-    EXPECT_EQ(daemon.count("Call service action general_error\n"), 3);
-    for (const char *name : {"missing", "locked", "full"}) {  // mended
+    EXPECT_EQ(daemon.count("Call service action general_error\n"), 4);
+    fs::remove(spool / "full/rest");
+    for (const char *name : {"missing", "locked", "odd"}) {  // mended
         fs::remove_all(spool / name);
         fs::create_directory(spool / name);
         fs::permissions(spool / name, fs::perms(0777));
     }
     deliver_to_all();
-    for (const char *name : {"missing", "locked", "full"}) {
+    for (const char *name : {"missing", "locked", "odd", "full"}) {
         EXPECT_TRUE(eventually([&] { return !fs::is_empty(spool / name); })) << name;
     }
     kill(std::stoi(daemon.dir.read("pid")), SIGKILL);
+    EXPECT_EQ(umount(full.c_str()), 0);
 }
 
 }  // namespace

@@ -90,6 +90,18 @@ TEST_F(Tables, LogLinesAreCut) {
     EXPECT_EQ(dir.read("log").size(), strlen("11/15/26 12:14:45: \n") + 1023);
 }
 
+TEST_F(Tables, LogLinesAreLines) {
+    logger_escape(true);
+    LOG(LEVEL_VERBOSE, "\ta%sz\n", "\r\n\x1B[2J");
+    LOG(LEVEL_VERBOSE, "%s", "b\n");
+    LOG(LEVEL_VERBOSE, "%s\n", std::string(2000, '\x01').c_str());
+    logger_escape(false);
+    LOG(LEVEL_VERBOSE, "c\x7F\n");
+    EXPECT_THAT(log(),
+                StartsWith("VERBOSE: \ta\\x0D\\x0A\\x1B[2Jz\nVERBOSE: b\\x0A\nVERBOSE: \\x01"));
+    EXPECT_THAT(log(), EndsWith("\nVERBOSE: c\x7F\n\n"));
+}
+
 void log_without_a_start() {
     log_every_level();
     exit(0);

@@ -1,5 +1,7 @@
 // What the daemon tells about its lines while something is wrong with them, and what it notes down.
 
+#include <sys/stat.h>
+
 #include "running_daemon.h"
 
 namespace {
@@ -81,10 +83,13 @@ TEST_F(Monitoring, CountersAndJournal) {
                         "callscript = 'kill -9 $$; exit 0'\n");
     fs::create_directory(daemon.dir.path("spool"));
     fs::permissions(daemon.dir.path("spool"), fs::perms(0777));
+    for (const char *name : {"spool/started", "spool/message", "status.new"}) {
+        EXPECT_EQ(mkfifo(daemon.dir.path(name).c_str(), 0666), 0);  // holds nobody up
+    }
     const child_t process = daemon.start();
     const unique_fd_t line = daemon.accept();
     control_station_t station(line.get(), 30, nullptr);
-    EXPECT_TRUE(station.send_call(to("47\x11", "CALL \xC3\xA4 \"")));
+    EXPECT_TRUE(station.send_call(to("47\x11", "CALL \xC3\xA4 \"\x7F\xC2\x9B")));
     EXPECT_TRUE(station.send_call(to("", "EXIT \xFF")));
     EXPECT_TRUE(station.send_call(to("1", "other")));
     EXPECT_TRUE(station.send_packet(wire("<SOH>1<STX>2<US>CALL<ETX><07>")));
@@ -99,6 +104,8 @@ TEST_F(Monitoring, CountersAndJournal) {
                               label + ",action=\"script\",result=\"failed\"} 1"}));
     EXPECT_THAT(samples(daemon, "line_alarms_total"),
                 Contains(label + ",event=\"transmission_error\",result=\"raised\"} 1"));
+    EXPECT_EQ(fs::status(daemon.dir.path("journal")).permissions(), fs::perms(0640));
+    EXPECT_EQ(daemon.count("is no regular file and suppresses nothing"), 1);
     const std::string head = "\"line\":\"a\\\"\\\\\xC3\xA9\",\"event\":\"";
     std::string journal = daemon.dir.read("journal");
     const std::pair<const char *, const char *> edits[] = {
@@ -113,15 +120,15 @@ TEST_F(Monitoring, CountersAndJournal) {
     const std::string none = ",\"rule\":null,\"action\":null,\"result\":\"none\"\n";
     const std::string espa = "\",\"protocol\":\"espa\"";
     const std::string message = head + "message" + espa + ",\"address\":\"";
-    EXPECT_EQ(journal,
-              head + "started" + espa + none + head + "connected" + espa + none + message +
-                  "47\\u0011\",\"text\":\"CALL \xC3\xA4 \\\"\",\"rule\":\"rule_call\",\"action\":"
-                  "\"call\",\"result\":\"ok\",\"file\":\"FILE\"\n" +
-                  message +
-                  "\",\"text\":\"EXIT \xC3\xBF\",\"rule\":\"rule_exit\",\"action\":"
-                  "\"script\",\"result\":\"failed\",\"exit\":137\n" +
-                  message + "1\",\"text\":\"other\"" + none + head + "transmission_error" + espa +
-                  none);
+    EXPECT_EQ(journal, head + "started" + espa + none + head + "connected" + espa + none + message +
+                           "47\\u0011\",\"text\":\"CALL \xC3\xA4 "
+                           "\\\"\\u007f\\u009b\",\"rule\":\"rule_call\",\"action\":"
+                           "\"call\",\"result\":\"ok\",\"file\":\"FILE\"\n" +
+                           message +
+                           "\",\"text\":\"EXIT \xC3\xBF\",\"rule\":\"rule_exit\",\"action\":"
+                           "\"script\",\"result\":\"failed\",\"exit\":137\n" +
+                           message + "1\",\"text\":\"other\"" + none + head + "transmission_error" +
+                           espa + none);
 }
 
 }  // namespace
