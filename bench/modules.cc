@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "action.h"
+#include "callfile.h"
 #include "control_station.h"
 #include "espa.h"
 #include "logger.h"
@@ -94,5 +95,21 @@ void log_line(benchmark::State &state) {
     unlink("/dev/shm/vesper-bench.log");
 }
 BENCHMARK(log_line)->ArgName("level")->Arg(0)->Arg(5);
+
+// Calls for one extension, or each for another one.
+void stage_call(benchmark::State &state) {
+    char directory[] = "/dev/shm/vesper-bench-XXXXXX";
+    const char *path = mkdtemp(directory);
+    int64_t number = 0;
+    for (auto _ : state) {
+        number += state.range(0);
+        const std::string name = "call_" + std::to_string(number) + "_1795273340";
+        staged_call_t call{path, path, name.c_str(), "", 0};
+        call_file_stage(&call, "Channel: Local/1234@users\r\n");
+        unlink(call.path);
+    }
+    rmdir(path);
+}
+BENCHMARK(stage_call)->ArgName("distinct")->Arg(0)->Arg(1);
 
 }  // namespace

@@ -4,9 +4,13 @@
 // separated by zero bytes.
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstring>
 #include <map>
 
@@ -30,6 +34,14 @@ spool_t::iterator find_file(std::string_view path) {
                                    : spool.end();
 }
 
+// A file without a name, open at its beginning.
+int file_with(const std::string &content) {
+    const int file = memfd_create("content", MFD_CLOEXEC);
+    require(write(file, content.data(), content.size()) == std::ssize(content));
+    require(lseek(file, 0, SEEK_SET) == 0);
+    return file;
+}
+
 // An open spool directory: the name that was read last.
 std::string last_name;
 
@@ -41,13 +53,17 @@ DIR *spool_directory() {
 
 extern "C" {
 
-FILE *fopen(const char *path, const char *mode) {
-    static const auto real = in_libc(&fopen, "fopen");
+int open(const char *path, int flags, ...) {
+    static const auto real = in_libc(&open, "open");
     if (!std::string_view(path).starts_with(SPOOL)) {
-        return real(path, mode);
+        va_list arguments;
+        va_start(arguments, flags);
+        const int mode = va_arg(arguments, int);
+        va_end(arguments);
+        return real(path, flags, mode);
     }
     const auto file = find_file(path);
-    return file != spool.end() ? fmemopen(file->second.data(), file->second.size(), mode) : nullptr;
+    return file != spool.end() ? file_with(file->second) : -1;
 }
 
 int unlink(const char *path) {
