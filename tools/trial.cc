@@ -6,8 +6,8 @@
 #include "espa.h"
 #include "findings.h"
 #include "rule.h"
+#include "service.h"
 #include "summary.h"
-#include "vesperd.h"
 
 namespace {
 

@@ -1,0 +1,105 @@
+#include "connection.h"
+
+#include <unistd.h>
+
+#include "action.h"
+#include "clock.h"
+#include "link.h"
+#include "service_log.h"
+#include "stats.h"
+#include "text.h"
+
+namespace {
+
+constexpr long CONNECT_PAUSE_US = 3'000'000;
+constexpr long SOCKET_FAILURE_PAUSE_US = 1'000'000;
+constexpr int CONNECT_LIMIT_SECONDS = 10;  // with recover_link
+
+void set_socket(connection_t *connection, int sock) {
+    connection->sock = sock;
+    store_shared(&connection->pager->socket, sock);
+}
+
+void close_socket(connection_t *connection) {
+    close(connection->sock);
+    set_socket(connection, -1);
+}
+
+void close_abandoned(connection_t *connection) {
+    for (const int sock : connection->abandoned) {
+        close(sock);
+    }
+    connection->abandoned.clear();
+}
+
+}  // namespace
+
+endpoint_t endpoint_of(const pager_t *pager) noexcept {
+    endpoint_t endpoint{};
+    read_tables([&] {
+        copy_text(endpoint.host, text_copy_t(pager->host).text);
+        endpoint.shown_port = static_cast<unsigned>(load_shared(pager->port));
+        copy_shared(&endpoint.address, pager->sin);
+    });
+    endpoint.address.sin_family = AF_INET;  // an emptied record has none: it means "disconnect"
+    return endpoint;
+}
+
+bool connection_recovers(const connection_t *connection) noexcept {
+    return load_shared(connection->pager->recover_link) != 0;
+}
+
+bool connection_is_reloaded(const connection_t *connection) noexcept {
+    return load_shared(connection->pager->socket) != connection->sock;
+}
+
+bool connection_open(connection_t *connection) noexcept {
+    pager_t *pager = connection->pager;
+    enter_state(line_state_t::CONNECTING);
+    set_socket(connection, link_socket());
+    if (link_is_short_of_descriptors(connection->sock)) {
+        close_abandoned(connection);
+    }
+    pause_us(CONNECT_PAUSE_US);
+    const endpoint_t to = endpoint_of(pager);
+    if (connection->sock < 0) {
+        call_service_action(pager, ALARM_GENERAL_ERROR);
+        LOG_SERVICE(LEVEL_ERROR, "Error connecting to %s:%u\n", to.host, to.shown_port);
+        pause_us(SOCKET_FAILURE_PAUSE_US);
+        return false;
+    }
+    LOG_SERVICE(LEVEL_VERBOSE, "Trying to connect %s:%u\n", to.host, to.shown_port);
+    if (!link_connect(connection->sock, to.address,
+                      connection_recovers(connection) ? CONNECT_LIMIT_SECONDS
+                                                      : AS_LONG_AS_THE_SYSTEM_TRIES)) {
+        LOG_SERVICE(LEVEL_ERROR, "Error connecting to %s:%u\n", to.host, to.shown_port);
+        call_service_action(pager, ALARM_NO_RESPONSE);
+        close_socket(connection);
+        pause_us(CONNECT_PAUSE_US);
+        return false;
+    }
+    if (connection_is_reloaded(connection)) {
+        close_socket(connection);  // perhaps connected to where the pager no longer is
+        return false;
+    }
+    store_shared(&pager->last_packet, seconds_now());
+    my_stats().connects.add();
+    enter_state(line_state_t::IDLE);
+    call_service_action(pager, ALARM_CONNECTED);
+    return true;
+}
+
+void connection_drop(connection_t *connection, int alrm) noexcept {
+    call_service_action(connection->pager, alrm);
+    close_socket(connection);
+}
+
+void connection_abandon(connection_t *connection) noexcept {
+    if (connection->sock >= 0) {
+        connection->abandoned.push_back(connection->sock);
+    }
+    connection->sock = -1;
+    if (connection_recovers(connection)) {
+        close_abandoned(connection);
+    }
+}

@@ -1,0 +1,40 @@
+// A service thread's connection to the converter of its pager.
+//
+// The thread knows it by `sock`. A record whose `socket` differs has been loaded again, and what became of
+// the connection says nothing about the new one: it is abandoned, and stays open unused for as long as
+// descriptors allow.
+#pragma once
+
+#include <vector>
+
+#include "tables.h"
+
+struct connection_t {
+    pager_t *pager;
+    int sock;  // -1: none
+    std::vector<int> abandoned = {};
+};
+
+// Where a pager's converter is, read from its record.
+struct endpoint_t {
+    char host[sizeof pager_t::host];
+    unsigned shown_port;  // in the log: a signed 16-bit number printed as unsigned
+    sockaddr_in address;
+};
+endpoint_t endpoint_of(const pager_t *pager) noexcept;
+
+// Whether the pager asks for a line that comes back whatever happens to it.
+bool connection_recovers(const connection_t *connection) noexcept;
+
+// Whether the pager was loaded again since the connection was made.
+bool connection_is_reloaded(const connection_t *connection) noexcept;
+
+// Waits three seconds and connects; raises connected, or why it could not. Returns whether there is a
+// connection now.
+bool connection_open(connection_t *connection) noexcept;
+
+// Raises an alarm for the connection and closes it.
+void connection_drop(connection_t *connection, int alrm) noexcept;
+
+// Leaves the connection of a pager that was loaded again.
+void connection_abandon(connection_t *connection) noexcept;
