@@ -20,7 +20,8 @@
 
 namespace {
 
-constexpr int ROUNDS = 15;  // many short ones: the machine's own speed moves by the second
+constexpr int USUAL_MESSAGES = 2000;
+constexpr int USUAL_ROUNDS = 15;  // many short ones: the machine's own speed moves by the second
 constexpr int MAX_LINES = 16;
 constexpr int WAIT_SECONDS = 60;
 constexpr const char *MESSAGE = "FIRE ZONE 12 FLOOR 3 ROOM 311 SMOKE DETECTOR 17 WEST WING   ";
@@ -112,17 +113,23 @@ double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
+// How much is measured: the messages of a run, and the runs of which the median counts.
+struct effort_t {
+    int messages;
+    int rounds;
+};
+
 void compare(int lines, int log_level, log_lines_t log_lines, const char *floor_name,
-             int messages) {
+             effort_t effort) {
     std::vector<double> ratios;
     std::vector<double> daemon_cpu;
     std::vector<double> floor_cpu;
     result_t daemon;
     result_t floor;
     site_t site(lines);
-    for (int round = 0; round < ROUNDS; round++) {
-        daemon = measure(daemon_command(site, log_level), &site, lines, messages);
-        floor = measure(floor_command(site, log_lines), &site, lines, messages);
+    for (int round = 0; round < effort.rounds; round++) {
+        daemon = measure(daemon_command(site, log_level), &site, lines, effort.messages);
+        floor = measure(floor_command(site, log_lines), &site, lines, effort.messages);
         daemon_cpu.push_back(daemon.cpu_microseconds);
         floor_cpu.push_back(floor.cpu_microseconds);
         ratios.push_back(daemon.cpu_microseconds / floor.cpu_microseconds);
@@ -135,25 +142,25 @@ void compare(int lines, int log_level, log_lines_t log_lines, const char *floor_
 
 // What keys cost: the daemon with them against the daemon without, at log level 0.
 void compare_keys(const char *name, int lines, const std::string &pager_keys,
-                  const std::string &sections, int messages) {
+                  const std::string &sections, effort_t effort) {
     std::vector<double> ratios;
     site_t site(lines);
     std::filesystem::create_directory(site.dir() + "/staging");
     std::filesystem::permissions(site.dir() + "/staging", std::filesystem::perms::all);
     const std::string keys =
         std::regex_replace(pager_keys, std::regex("@"), site.dir() + "/staging");
-    for (int round = 0; round < ROUNDS; round++) {
+    for (int round = 0; round < effort.rounds; round++) {
         const std::vector<std::string> with = {
             "vesperd", "-f", "-c",
             site.write_conf(0, PAGER_KEYS + keys,
                             (sections.empty() ? site.monitoring() : sections) + RULES +
                                 "quote = " + (sections.empty() ? "no" : "yes") + "\n")};
-        const result_t changed = measure(with, &site, lines, messages);
+        const result_t changed = measure(with, &site, lines, effort.messages);
         std::filesystem::remove(site.journal_file());
         for (const auto &entry : std::filesystem::directory_iterator(site.spool_dir())) {
             std::filesystem::remove(entry.path());
         }
-        const result_t plain = measure(daemon_command(site, 0), &site, lines, messages);
+        const result_t plain = measure(daemon_command(site, 0), &site, lines, effort.messages);
         ratios.push_back(changed.cpu_microseconds / plain.cpu_microseconds);
     }
     printf("%5d  %-48s %6.3f times the CPU time without\n", lines, name, median(ratios));
@@ -227,9 +234,10 @@ void print_memory() {
 }  // namespace
 
 int main(int argc, char **argv) {
-    const int messages = argc > 1 ? atoi(argv[1]) : 2000;
+    const effort_t effort{argc > 1 ? atoi(argv[1]) : USUAL_MESSAGES,
+                          argc > 2 ? atoi(argv[2]) : USUAL_ROUNDS};
     printf("%u cores, %d messages of %zu bytes in a run, median of %d runs\n",
-           std::thread::hardware_concurrency(), messages, packet.size(), ROUNDS);
+           std::thread::hardware_concurrency(), effort.messages, packet.size(), effort.rounds);
     const long verbose = (count_log_lines(0, 60) - count_log_lines(0, 10)) / 50;
     const long all = (count_log_lines(5, 60) - count_log_lines(5, 10)) / 50;
     const int bytes = static_cast<int>(packet.size());
@@ -240,16 +248,16 @@ int main(int argc, char **argv) {
         "lines level  floor                  daemon us  floor us   ratio   daemon/s   floor/s  "
         "peak kB\n");
     for (const int lines : {1, MAX_LINES}) {
-        compare(lines, 0, {0, 0}, "without log", messages);
-        compare(lines, 0, at_0, "with the same log", messages);
-        compare(lines, 5, at_5, "with the same log", messages / 4);
+        compare(lines, 0, {0, 0}, "without log", effort);
+        compare(lines, 0, at_0, "with the same log", effort);
+        compare(lines, 5, at_5, "with the same log", {effort.messages / 4, effort.rounds});
     }
     printf("\n");
     for (const int lines : {1, MAX_LINES}) {
-        compare_keys("status_file and journal_file", lines, "", "", messages);
+        compare_keys("status_file and journal_file", lines, "", "", effort);
         compare_keys("recover_link, ack_when_done, staging_dir, quote", lines,
                      "recover_link = yes\nack_when_done = yes\nstaging_dir = @\n", "[logger]\n",
-                     messages);
+                     effort);
     }
     printf("\n");
     print_calls(0);
