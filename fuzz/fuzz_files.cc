@@ -16,6 +16,7 @@
 
 #include "action.h"
 #include "alarm.h"
+#include "alarm_limit.h"
 #include "fuzz.h"
 #include "proto.h"
 #include "text.h"

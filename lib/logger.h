@@ -82,6 +82,10 @@ struct file_stem_t {
     }
 };
 
+// Logs on behalf of the named function of the named module.
+#define LOG_FROM(level, module, function, ...) \
+    write_log(level, module, __LINE__, function, __VA_ARGS__)
+
 // Logs on behalf of the named function.
 #define LOG_AS(level, function, ...)                                  \
     do {                                                              \

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <thread>
 #include <type_traits>
 
@@ -20,6 +21,14 @@ T load_shared(const T &field) noexcept {
 template <typename T>
 void store_shared(T *field, std::type_identity_t<T> value) noexcept {
     __atomic_store_n(field, value, __ATOMIC_RELEASE);
+}
+
+// Adds one to a count, which stays at the largest number. For one writer. Returns the new count.
+inline int count_up_shared(int *count) noexcept {
+    const int before = load_shared(*count);
+    const int after = before < std::numeric_limits<int>::max() ? before + 1 : before;
+    store_shared(count, after);
+    return after;
 }
 
 // Copies a record or an array, of which either side may be shared, in units of its alignment.

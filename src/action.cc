@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "alarm.h"
+#include "alarm_limit.h"
 #include "callfile.h"
 #include "clock.h"
 #include "command.h"

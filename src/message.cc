@@ -20,7 +20,7 @@ void dispatch(pager_t *pager, int alrm, const char *number, const char *message,
     rule_t rule;
     if (!choose_rule(pager, message, &rule)) {
         answer->give(true);
-        write_log(LEVEL_ERROR, "vesperd", __LINE__, "process_message", "empty rules for pager");
+        LOG_FROM(LEVEL_ERROR, "vesperd", "process_message", "empty rules for pager");
         my_stats().unmatched.add();
         journal_write({pager, alrm, number, message, nullptr, {}, answer->received_us()});
         return;

@@ -1,5 +1,4 @@
-// The passive side of the ESPA 4.4.4 link on a TCP stream, the ASCII line reader, and the rate
-// limit of service alarms.
+// The passive side of the ESPA 4.4.4 link on a TCP stream, and the ASCII line reader.
 //
 // Both readers take one byte per wait and never read ahead: every byte after a packet or line stays
 // in the socket for the next call.
@@ -59,10 +58,3 @@ int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_po
 //    0     15 seconds of silence (a line begun is dropped), an empty line, or no positive maxlen
 //   n      the length of the line, at most maxlen - 1; the rest of a longer line is the next line
 int ascii_read_packet(int sock, char *packet, int maxlen, int *polls) noexcept;
-
-// Decides whether an alarm fires now: at once the first time, then after more than 4, 24 and from
-// there on 299 seconds. A suppression file named after the alarm in the pager's spool directory,
-// whose first line is a negative number, keeps it quiet and leaves its level alone. ALARM_MESSAGE
-// always fires. Returns the new level, which is stored together with the time, or 0 when the alarm
-// stays quiet.
-int alarm_time(pager_t *pager, int alrm) noexcept;

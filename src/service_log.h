@@ -3,4 +3,4 @@
 
 #include "logger.h"
 
-#define LOG_SERVICE(level, ...) write_log(level, "vesperd", __LINE__, "service_proc", __VA_ARGS__)
+#define LOG_SERVICE(level, ...) LOG_FROM(level, "vesperd", "service_proc", __VA_ARGS__)

@@ -4,8 +4,8 @@
 
 #include "action.h"
 #include "alarm.h"
+#include "alarm_limit.h"
 #include "clock.h"
-#include "proto.h"
 #include "support.h"
 #include "text.h"
 
