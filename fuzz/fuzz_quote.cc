@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "action.h"
+#include "call_file_reader.h"
 #include "fuzz.h"
 #include "text.h"
 
@@ -112,38 +113,6 @@ void check_command(const rule_t &rule, const std::string &recipe, const placehol
     }
 }
 
-// Lines of at most 255 characters, of which a comment ends at ";" without a backslash or at a "#"
-// that comes first or behind a blank; then a key, a colon and a value.
-words_t read_as_pbx() {
-    constexpr size_t LINE_SIZE = 256;
-    words_t settings;
-    FILE *file = fmemopen(call_content.data(), call_content.size(), "r");
-    char line[LINE_SIZE];
-    while (fgets(line, sizeof line, file) != nullptr) {
-        std::string text;
-        for (const char *c = line; *c != '\0'; c++) {
-            const char before = c > line ? c[-1] : ' ';
-            if ((*c == '#' && strchr(" \t", before) != nullptr) || (*c == ';' && before != '\\')) {
-                break;
-            }
-            if (*c == ';') {
-                text.pop_back();
-            }
-            text += *c;
-        }
-        while (!text.empty() && static_cast<unsigned char>(text.back()) <= ' ') {
-            text.pop_back();
-        }
-        const size_t colon = text.find(':');
-        require(colon != std::string::npos);
-        const size_t value = text.find_first_not_of(' ', colon + 1);
-        settings.push_back(text.substr(0, colon) + ":" +
-                           (value != std::string::npos ? text.substr(value) : ""));
-    }
-    fclose(file);
-    return settings;
-}
-
 // A caller id's text as the PBX has it in the end.
 std::string without_form(std::string text) {
     std::erase_if(text, [](char c) { return strchr("#\"<>", c) != nullptr; });
@@ -162,7 +131,7 @@ void check_call_file(rule_t *rule, const placeholders_t &with) {
         perform_action(&pager, ALARM_MESSAGE, with.number, with.message, rule);
     require(outcome.succeeded && call_path.starts_with(std::string(SPOOL) + "/call_"));
     require(call_path.rfind('/') == SPOOL.size());
-    const words_t settings = read_as_pbx();
+    const words_t settings = read_as_pbx(call_content);
     require(settings.size() == 6);
     const char *keys[] = {
         "Channel:", "Context:", "Extension:", "CallerID:", "Priority:1", "MaxRetries:0"};

@@ -48,6 +48,14 @@ make_account() {
         --shell /usr/sbin/nologin ovo
 }
 
+# Makes an account for builds that must not need root. Nothing else runs as it.
+make_build_account() {
+    getent passwd vesper-build >/dev/null && return
+    echo "Making the account vesper-build"
+    as_root useradd --system --user-group --home-dir /nonexistent --no-create-home \
+        --shell /usr/sbin/nologin vesper-build
+}
+
 # Configures and builds into a directory: build_into DIRECTORY [cmake options]. What root builds
 # belongs to the clone's owner, who can go on with it.
 build_into() {

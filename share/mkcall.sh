@@ -11,7 +11,8 @@
 #   NUMBER     call address; becomes the extension. Empty: the extension "s"
 #   MESSAGE    the message, in any number of words
 #
-# The dialplan finds them in QUILLET_INTERFACE, QUILLET_ALARM, QUILLET_NUMBER and QUILLET_MESSAGE.
+# The dialplan finds them in QUILLET_INTERFACE, QUILLET_ALARM, QUILLET_NUMBER and QUILLET_MESSAGE. A
+# line of the file has at most 253 bytes: what is longer is cut, but a number is refused.
 #
 # Settings, from the environment; in callscript they go before the program's path:
 #   MKCALL_SPOOL    where the PBX looks for call files (/var/spool/asterisk/outgoing)
@@ -30,49 +31,75 @@ set -eu
 LC_ALL=C
 export LC_ALL
 
-max_length=200 # the PBX reads lines of limited length
+max_number=119 # it stands twice in one line
 
 refuse() {
     echo "mkcall.sh: $1" >&2
     exit 2
 }
 
-# Prints a text that fits into one line of a call file. Control characters, which could begin
-# another setting, become blanks. A comment would begin at ";", which is escaped, and at "#" after a
-# blank, which is dropped.
-one_line() {
-    printf '%s' "$1" | tr '[:cntrl:]' ' ' | cut -c "1-$max_length" |
-        sed 's/;/\\;/g; s/^#*//; s/ #*/ /g; s/ *$//'
-}
-
 [ "$#" -ge 3 ] || refuse "usage: mkcall.sh INTERFACE ALARM NUMBER MESSAGE..."
-interface=$(one_line "$1")
-alarm=$(one_line "$2" | tr -d '"<>')
+interface=$1
+alarm=$2
 number=$3
 shift 3
-message=$(one_line "$*")
 spool=${MKCALL_SPOOL:-/var/spool/asterisk/outgoing}
-channel=$(one_line "${MKCALL_CHANNEL:-Local/1234@users}")
-context=$(one_line "${MKCALL_CONTEXT:-alarm}")
 
 case $number in
 *[!0-9A-Za-z*+_.-]*) refuse "the number holds more than letters, digits and * + _ . -" ;;
 esac
+[ "${#number}" -le "$max_number" ] || refuse "the number is longer than $max_number characters"
 
 file=$(mktemp -p "${MKCALL_TMP:-/var/spool/quillet}" .mkcall_XXXXXXXXXX)
 trap 'rm -f "$file"' EXIT
-cat >"$file" <<END
-Channel: $channel
-Context: $context
-Extension: ${number:-s}
-Priority: 1
-MaxRetries: 0
-CallerID: "${number:-$alarm}" <$number>
-Setvar: QUILLET_INTERFACE=$interface
-Setvar: QUILLET_ALARM=$alarm
-Setvar: QUILLET_NUMBER=$number
-Setvar: QUILLET_MESSAGE=$message
-END
+# By way of the environment, because awk would take a backslash in a variable's value for an escape.
+interface=$interface alarm=$alarm number=$number message=$* \
+    channel=${MKCALL_CHANNEL:-Local/1234@users} context=${MKCALL_CONTEXT:-alarm} awk '
+    # Control characters, which could begin another setting, become blanks. A comment would begin at a
+    # "#" that comes first or behind a blank, which is dropped.
+    function clean(text) {
+        gsub(/[\001-\037\177]/, " ", text)
+        sub(/^#+/, "", text)
+        gsub(/ #+/, " ", text)
+        sub(/ +$/, "", text)
+        return text
+    }
+
+    # One line of a call file, where a ";" without a backslash would begin a comment. The PBX takes
+    # what is behind its 255th byte for another setting. Neither a backslash and its ";" nor the bytes
+    # of a UTF-8 character are parted.
+    function line(key, value, end,    room, i) {
+        room = 253 - length(key) - length(end)
+        gsub(/;/, "\\\\&", value)
+        if (length(value) > room) {
+            for (i = 0; i < 3 && substr(value, room + 1, 1) ~ /[\200-\277]/; i++) {
+                room--
+            }
+            if (substr(value, room + 1, 1) == ";") {
+                room--
+            }
+            value = substr(value, 1, room)
+            sub(/ +$/, "", value)
+        }
+        print key value end
+    }
+
+    BEGIN {
+        number = ENVIRON["number"]
+        alarm = ENVIRON["alarm"]
+        gsub(/["<>]/, "", alarm)
+        alarm = clean(alarm)
+        line("Channel: ", clean(ENVIRON["channel"]))
+        line("Context: ", clean(ENVIRON["context"]))
+        line("Extension: ", number == "" ? "s" : number)
+        line("Priority: ", 1)
+        line("MaxRetries: ", 0)
+        line("CallerID: \"", number == "" ? alarm : number, "\" <" number ">")
+        line("Setvar: QUILLET_INTERFACE=", clean(ENVIRON["interface"]))
+        line("Setvar: QUILLET_ALARM=", alarm)
+        line("Setvar: QUILLET_NUMBER=", number)
+        line("Setvar: QUILLET_MESSAGE=", clean(ENVIRON["message"]))
+    }' >"$file"
 chmod 0644 "$file" # the PBX reads it as another account
 # No directory by that name may swallow the file, and the name is not taken: mktemp made it up.
 mv -T "$file" "$spool/${file##*/.}"

@@ -136,6 +136,8 @@ TEST_F(InstalledCheck, JudgesFilesAsTheAccount) {
     if (!why_files_are_not_judged().empty()) {
         GTEST_SKIP() << "needs root and the daemon's account";
     }
+    EXPECT_THAT(findings_in("[logger]\nlog_file = /dev/null\nstatus_file = /run/lock/s\n"),
+                ContainsRegex("\n3 note unit: .*/run/lock has to be listed"));
     fs::create_directory(dir.path("closed"));
     const std::string closed = dir.path("closed");
     dir.write("locked", "");

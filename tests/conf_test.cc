@@ -64,7 +64,7 @@ TEST_F(Tables, DefaultsAndOddValues) {
     }
     free_confvals();
     EXPECT_EQ(load_conf(SOURCE_DIR "/conf/quillet.conf"), 0);  // as shipped: it serves nothing
-    EXPECT_EQ(joined(num_pagers, int{logtype}, loglevel, logfile), "0|0|5|/var/log/quillet.log|");
+    EXPECT_EQ(joined(num_pagers, int{logtype}, loglevel, logfile), "0|0|1|/var/log/quillet.log|");
 }
 
 TEST_F(Tables, PagersThatFail) {

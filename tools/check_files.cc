@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <optional>
 
 #include "check.h"
@@ -121,15 +122,20 @@ std::string directory_of(const std::string &path) {
     return path.substr(0, std::max<size_t>(path.rfind('/'), 1));
 }
 
+bool is_below_one_of(std::initializer_list<const char *> directories, const std::string &path) {
+    return std::any_of(directories.begin(), directories.end(), [&](const std::string &directory) {
+        return path == directory || path.starts_with(directory + "/");
+    });
+}
+
 // Where the service unit lets the daemon write.
 bool is_open_in_unit(const std::string &path) {
-    for (const std::string directory :
-         {"/run", "/var/run", "/var/log", "/var/spool", "/tmp", "/dev"}) {
-        if (path == directory || path.starts_with(directory + "/")) {
-            return true;
-        }
-    }
-    return false;
+    return is_below_one_of({"/run/vesperd", "/var/run/vesperd", "/var/log", "/var/spool", "/tmp",
+                            "/var/tmp", "/dev"},
+                           path) &&
+           !is_below_one_of({"/var/log/journal", "/var/log/audit", "/var/spool/cron",
+                             "/var/spool/anacron", "/var/spool/at", "/var/spool/incron"},
+                            path);
 }
 
 void note_unit(int at, const char *key, const std::string &path, findings_t *findings) {
