@@ -108,23 +108,33 @@ TEST(StatusFiles, ThoseThatExistAndThoseOfEnabledInstances) {
     const temp_dir_t dir, wants;
     const auto found = [&] {
         std::string names;
-        for (const std::string &file : find_status_files(dir.path_, wants.path_)) {
+        const sources_t sources = find_status_files(dir.path_, wants.path_);
+        for (const std::string &file : sources.files) {
             EXPECT_TRUE(file.starts_with(dir.path()));
             names += file.substr(dir.path().size()) + " ";
         }
-        return names;
+        return names + std::to_string(sources.passed_over);
     };
-    EXPECT_EQ(found(), "status.prom ");
+    EXPECT_EQ(found(), "status.prom 0");
     wants.write("vesperd@west.service", "");
     wants.write("vesperd.service", "");
     wants.write("other@north.service", "");
-    EXPECT_EQ(found(), "west.prom ");
+    EXPECT_EQ(found(), "west.prom 0");
+    fs::create_directory(dir.path("west.prom"));
+    fs::create_directory(dir.path("gone.prom"));
+    EXPECT_EQ(found(), "west.prom 0");
+    fs::remove(dir.path("west.prom"));
     dir.write("west.prom", "");
     dir.write("west.prom.new", "");
     dir.write("east.prom", "");
-    EXPECT_EQ(found(), "east.prom west.prom ");
+    EXPECT_EQ(found(), "east.prom west.prom 0");
     dir.write("status.prom", "");
-    EXPECT_EQ(found(), "status.prom east.prom west.prom ");
+    EXPECT_EQ(found(), "status.prom east.prom west.prom 0");
+    dir.write(std::string(65, 'x') + ".prom", "");
+    for (int i = 0; i < 300; i++) {
+        dir.write(std::to_string(i) + ".prom", "");
+    }
+    EXPECT_THAT(found(), AllOf(StartsWith("status.prom 0.prom "), EndsWith("west.prom 47")));
 }
 
 }  // namespace
