@@ -93,7 +93,7 @@ TEST_F(Neighbours, AreFoundByHostAndPort) {
         site_t site;
         findings_t findings;
         const auto path = dir.write("conf", "[p]\nhost = "s + host + "\n");
-        EXPECT_EQ(load_site(path.c_str(), false, &site, &findings), 0);
+        EXPECT_EQ(load_site(path.c_str(), take_hosts, &site, &findings), 0);
         EXPECT_TRUE(configurations_beside(path).empty());
         site.neighbours = {other, dir.path("missing")};
         findings_t found;

@@ -117,7 +117,9 @@ class template_checker_t {
             !text.substr(1 + word.size()).starts_with('%')) {
             return;
         }
-        const std::string near = nearest_name(word, {"number", "alarm", "message"});
+        const std::string near = findings_->hint(word, [] {
+            return std::vector<std::string>{"number", "alarm", "message"};
+        });
         warn("placeholder", "%", word, "% is no placeholder and is copied as it stands",
              near.empty() ? "" : text_of("; did you mean %", near, "%?"));
     }
@@ -180,11 +182,13 @@ class template_checker_t {
         if (word.empty() || isdigit(static_cast<unsigned char>(word[0])) != 0) {
             return;
         }
-        std::vector<std::string> names;
-        for (int i = 0; i < num_values_; i++) {
-            names.emplace_back(rule_.values[i].name);
-        }
-        const std::string near = nearest_name(word, names);
+        const std::string near = findings_->hint(word, [this] {
+            std::vector<std::string> names;
+            for (int i = 0; i < num_values_; i++) {
+                names.emplace_back(rule_.values[i].name);
+            }
+            return names;
+        });
         if (is_command_ && near.empty() && is_shell_variable(word)) {
             return;
         }

@@ -5,8 +5,8 @@
 
 #include <string>
 
-// What is wrong with the argument at which getopt_long() has just returned `letter`, '?' or ':'. Its
-// option string begins with ':'.
+// What is wrong with the argument at which getopt_long() has just returned `letter`, '?' or ':'.
+// Its option string begins with ':'.
 inline std::string option_fault(int letter, char **argv) {
     constexpr int FIRST_LONG = 256;  // the values of options that have no letter
     const bool has_letter = optopt > 0 && optopt < FIRST_LONG;

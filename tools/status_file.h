@@ -55,8 +55,8 @@ constexpr size_t MAX_LABEL_LENGTH = 255;
 // What to do with a link that has the name of a file.
 enum class links_t { FOLLOW, REFUSE };
 
-// Reads a status file that somebody else may have put there. Returns false when it cannot be read or
-// is no status file, with the reason in `*error`.
+// Reads a status file that somebody else may have put there. Returns false when it cannot be read
+// or is no status file, with the reason in `*error`.
 bool read_status(const std::string &path, links_t links, status_t *status, std::string *error);
 
 // The same for its content. Metrics that are not known are passed over.

@@ -17,10 +17,10 @@ struct sources_t {
     size_t passed_over = 0;  // files for which there is no room, or whose name no instance can have
 };
 
-// The status files of the daemon without a name and of all instances, in this order and that of their
-// names: those that exist, those of enabled instances, and where there is none at all the first's.
-// What is in the directory can be the account's: a directory there is no status file, and everything
-// else is for who opens it to judge.
+// The status files of the daemon without a name and of all instances, in this order and that of
+// their names: those that exist, those of enabled instances, and where there is none at all the
+// first's. What is in the directory can be the account's: a directory there is no status file, and
+// everything else is for who opens it to judge.
 sources_t find_status_files(const std::string &status_dir = STATUS_DIR,
                             const std::string &wants_dir = WANTS_DIR);
 
