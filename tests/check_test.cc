@@ -108,6 +108,12 @@ TEST_F(Check, FindsWithItsPlace) {
         {SCRIPT_RULE, "9 warning quoting: .*%number% stands there without"},
         {SCRIPT_RULE + "callscript = x '%message%'\n", "11 warning quoting: .*in the text ends"},
         {QUOTED + "callscript = x \"%message%\"\n", "12 warning quoting: .*quotes of its own"},
+        {QUOTED + "callscript = x `y %message%`\n", "12 warning quoting: .*in backquotes"},
+        {QUOTED + "callscript = x \"`y '%message%'\n", "12 warning quoting: .*in backquotes"},
+        {QUOTED + "callscript = x $(y `z $(a`) \"%message%\n", "12 warning quoting: .*of its own"},
+        {SCRIPT_RULE + "value[v] = (a)\ncallscript = `y $v`\n",
+         "12 warning quoting: .*.v stands in backquotes"},
+        {QUOTED + "callscript = x %message% & \n", "12 warning background: callscript: "},
         {"[p]\nhost = 1.2.3.4\n", "1 warning spool-dir: "},
         {"[p]\nhost = ::1x\n[q]\nhost = ::1X\n", "4 warning same-converter: .*p. .line 1"},
         {LINE + "callscript = x\n", "7 note unused: "},
@@ -129,7 +135,8 @@ TEST_F(Check, FindsNothingInWhatIsMeant) {
         "[logger]\nlog_type = Syslog ; a comment\nlog_level = 3\n" + LINE +
         "port = 4001;two\nread_timeout = 30\n[rule_a]\npattern = 'a;b' ; c\naction = script\n"
         "quote = 1\nvalue[ab] = (a)\nvalue[a] = (b)\n"
-        "callscript = x $HOME $(date +%H%M) %message% $ab '100 % of 10%' for i in $i\n[rule_d]\n");
+        "callscript = x $HOME $(date +%H%M) %message% $ab '100 % of 10%' for i in $i "
+        "`x \\`y\\``\"$(a '`' %message%)\" '&' \\&\n[rule_d]\n");
     EXPECT_THAT(clean, Not(ContainsRegex("warning|note|error [^d]")));
 }
 
