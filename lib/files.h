@@ -39,6 +39,15 @@ unique_fd_t open_regular(const char *path, int flags, mode_t mode = 0) noexcept;
 //   flags  O_NOFOLLOW, or 0
 unique_file_t open_text(const char *path, int flags = 0) noexcept;
 
+// Reads a whole regular file of at most `limit` bytes to `text`. Returns 0, or -1 with errno set as
+// above, EFBIG when the file is larger.
+//   flags  O_NOFOLLOW, or 0
+int read_whole(const char *path, int flags, size_t limit, std::string *text) noexcept;
+
+// What `error`, the errno of one of these calls, says of the file: "it is no regular file".
+//   limit  of read_whole()
+std::string file_fault(int error, size_t limit = 0);
+
 // Forms "directory/name".
 inline void join_path(char (&path)[PATH_SIZE], std::string_view directory,
                       std::string_view name) noexcept {

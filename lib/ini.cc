@@ -145,33 +145,104 @@ class line_reader_t {
     char value_[PIECE_SIZE] = "";
 };
 
+using pair_t = std::pair<const char *, const char *>;
+
+// The dictionary that dictionary_set() makes of these pairs one by one, which looks through all
+// that it has for each of them. No two names are the same.
+unique_dictionary_t make_dictionary(const std::vector<pair_t> &pairs) {
+    unique_dictionary_t dict(dictionary_new(pairs.size()));
+    if (!dict) {
+        return dict;
+    }
+    size_t slot = 0;
+    for (const auto &[name, value] : pairs) {
+        dict->key[slot] = strdup(name);
+        dict->val[slot] = value != nullptr ? strdup(value) : nullptr;
+        dict->hash[slot] = dictionary_hash(name);
+        slot++;
+    }
+    dict->n = static_cast<decltype(dict->n)>(slot);
+    return dict;
+}
+
+std::string_view before_colon(std::string_view name) {
+    return name.substr(0, name.find(':'));
+}
+
 }  // namespace
 
-int ini_read(const char *path, const ini_listener_t &listener) noexcept {
-    const unique_file_t file(fopen(path, "re"));
-    if (!file) {
-        return -1;
-    }
-    line_reader_t reader(file.get());
+void ini_read(FILE *file, const ini_listener_t &listener) noexcept {
+    line_reader_t reader(file);
     while (reader.read_next()) {
         listener(reader.line());
     }
-    return 0;
 }
 
-void ini_store(dictionary *dict, const ini_line_t &line) noexcept {
+void ini_store_t::add(const ini_line_t &line) {
     if (line.form == ini_form_t::ENTRY) {
-        dictionary_set(dict, (std::string(line.section) + ":" + line.key).c_str(), line.value);
+        stored_t *entry = find_or_add(std::string(line.section) + ":" + line.key);
+        entry->has_value = true;
+        entry->value = line.value;
     } else if (line.form == ini_form_t::SECTION && strchr(line.section, ':') == nullptr) {
         // With a colon it would read as an entry without a value, which no look-up expects.
-        dictionary_set(dict, line.section, nullptr);
+        find_or_add(line.section);
     }
 }
 
+ini_store_t::stored_t *ini_store_t::find_or_add(std::string name) {
+    const auto [place, is_new] = known_.try_emplace(std::move(name));
+    if (is_new) {
+        in_order_.push_back(place);
+    }
+    return &place->second;
+}
+
+unique_dictionary_t ini_store_t::make() const {
+    std::vector<pair_t> pairs;
+    pairs.reserve(in_order_.size());
+    for (const auto &place : in_order_) {
+        const auto &[name, stored] = *place;
+        pairs.emplace_back(name.c_str(), stored.has_value ? stored.value.c_str() : nullptr);
+    }
+    return make_dictionary(pairs);
+}
+
 dictionary *ini_load(const char *path) noexcept {
-    std::unique_ptr<dictionary, dictionary_releaser_t> dict(dictionary_new(0));
-    const auto store = [&dict](const ini_line_t &line) { ini_store(dict.get(), line); };
-    return dict && ini_read(path, store) == 0 ? dict.release() : nullptr;
+    const unique_file_t file(fopen(path, "re"));
+    if (!file) {
+        return nullptr;
+    }
+    ini_store_t store;
+    ini_read(file.get(), [&](const ini_line_t &line) { store.add(line); });
+    return store.make().release();
+}
+
+std::vector<ini_section_t> ini_sections(const dictionary *dict) {
+    std::vector<ini_section_t> sections;
+    std::map<std::string_view, size_t> by_name;
+    const auto count = static_cast<size_t>(dict->n);
+    for (size_t slot = 0; slot < count; slot++) {
+        if (strchr(dict->key[slot], ':') == nullptr) {
+            by_name[dict->key[slot]] = sections.size();
+            sections.push_back({dict->key[slot], {}});
+        }
+    }
+    for (size_t slot = 1; slot < count; slot++) {
+        const std::string_view name(dict->key[slot]);
+        const auto section = by_name.find(before_colon(name));
+        if (section != by_name.end() && section->first.size() < name.size()) {
+            sections[section->second].slots.push_back(slot);
+        }
+    }
+    return sections;
+}
+
+unique_dictionary_t ini_section_alone(const dictionary *dict, const ini_section_t &section) {
+    std::vector<pair_t> pairs = {{section.name, nullptr}};
+    for (const size_t slot : section.slots) {
+        pairs.emplace_back(dict->key[slot], dict->val[slot]);
+    }
+    return make_dictionary(pairs);
 }
 
 const char *iniparser_getstr(const dictionary *dict, const char *key) noexcept {

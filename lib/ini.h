@@ -11,8 +11,13 @@
 
 #include <iniparser.h>
 
+#include <cstdio>
 #include <functional>
+#include <map>
+#include <memory>
+#include <string>
 #include <string_view>
+#include <vector>
 
 constexpr int INI_PIECE_LENGTH = 1023;
 
@@ -42,22 +47,56 @@ struct ini_line_t {
 // Hears of a line; its texts live until it returns.
 using ini_listener_t = std::function<void(const ini_line_t &line)>;
 
-// Reads the file at `path` and hands every piece of every line to `listener`, in their order.
-// Returns 0, or -1 with errno set when the file cannot be opened; nothing is printed.
-int ini_read(const char *path, const ini_listener_t &listener) noexcept;
-
-// Stores what a line says in a dictionary, which it says nothing to unless it is a section or an
-// entry. Entries are stored as "section:key"; a section whose name holds a colon is not enumerated.
-void ini_store(dictionary *dict, const ini_line_t &line) noexcept;
-
-// Reads the file at `path`. Returns a dictionary that the caller releases with
-// iniparser_freedict(), or null when the file cannot be opened; nothing is printed.
-dictionary *ini_load(const char *path) noexcept;
+// Reads a file to its end and hands every piece of every line to `listener`, in their order.
+void ini_read(FILE *file, const ini_listener_t &listener) noexcept;
 
 // Releases a dictionary when its owner goes.
 struct dictionary_releaser_t {
     void operator()(dictionary *dict) const noexcept { iniparser_freedict(dict); }
 };
+using unique_dictionary_t = std::unique_ptr<dictionary, dictionary_releaser_t>;
+
+// Makes a dictionary of the lines of a file, in time that hardly grows with what it has already.
+// Entries are stored as "section:key"; a section whose name holds a colon is not enumerated. What
+// comes again keeps its place and takes the last value.
+class ini_store_t {
+  public:
+    // Lines that are neither a section nor an entry say nothing.
+    void add(const ini_line_t &line);
+    // Null without memory.
+    unique_dictionary_t make() const;
+
+  private:
+    struct stored_t {
+        bool has_value = false;
+        std::string value;
+    };
+    using stored_map_t = std::map<std::string, stored_t, std::less<>>;
+
+    stored_t *find_or_add(std::string name);
+
+    stored_map_t known_;
+    std::vector<stored_map_t::const_iterator> in_order_;
+};
+
+// Reads the file at `path`. Returns a dictionary that the caller releases with
+// iniparser_freedict(), or null when the file cannot be opened; nothing is printed.
+dictionary *ini_load(const char *path) noexcept;
+
+// A section of a dictionary that enumerates it, and the slots of its entries in their order. Not
+// among them is slot 0, which iniparser_get_next_kv() does not examine either.
+struct ini_section_t {
+    const char *name;  // owned by the dictionary
+    std::vector<size_t> slots;
+};
+
+// All of them, as iniparser_getsecname() enumerates them.
+std::vector<ini_section_t> ini_sections(const dictionary *dict);
+
+// A dictionary of one section alone: its own name in slot 0, then its entries. A look-up that
+// begins with the section's name and a colon finds there what it finds in the whole, and sooner.
+// Null without memory.
+unique_dictionary_t ini_section_alone(const dictionary *dict, const ini_section_t &section);
 
 // Returns the value of an entry ("section:key", any case), owned by the dictionary, or null when
 // the entry is absent.

@@ -187,14 +187,16 @@ staged_t stage_sections(const dictionary *dict) {
     staged_t staged;
     staged.pagers.reserve(MAX_PAGERS);  // growing would hold the records twice
     staged.rules.reserve(MAX_RULES);
-    const int sections = iniparser_getnsec(dict);
-    for (int i = 0; i < sections; i++) {
-        const char *name = iniparser_getsecname(dict, i);
-        const section_kind_t kind = section_kind(name != nullptr ? name : "");
+    for (const ini_section_t &section : ini_sections(dict)) {
+        const section_kind_t kind = section_kind(section.name);
+        if (kind != section_kind_t::RULE && kind != section_kind_t::PAGER) {
+            continue;
+        }
+        const unique_dictionary_t own = ini_section_alone(dict, section);
         if (kind == section_kind_t::RULE) {
-            stage_rule(dict, name, &staged);
-        } else if (kind == section_kind_t::PAGER) {
-            stage_pager(dict, name, &staged);
+            stage_rule(own.get(), section.name, &staged);
+        } else {
+            stage_pager(own.get(), section.name, &staged);
         }
         if (staged.pagers.size() == MAX_PAGERS || staged.rules.size() == MAX_RULES) {
             break;
@@ -234,7 +236,7 @@ void publish(const staged_t &staged) {
 
 int load_conf(const char *path) noexcept {
     init_defaults();
-    const std::unique_ptr<dictionary, dictionary_releaser_t> dict(ini_load(path));
+    const unique_dictionary_t dict(ini_load(path));
     if (!dict) {
         return -1;
     }

@@ -24,13 +24,13 @@ std::string repeated(int count, const std::string &text) {
 }
 
 struct Check : Tables {
-    std::string findings_in(const std::string &text, bool asks_names = false) {
+    std::string findings_in(const std::string &text, host_asker_t ask = take_hosts) {
         memset(pagers, 0, sizeof pagers);
         memset(rules, 0, sizeof rules);
         site_t site;
         findings_t findings;
         const std::string path = dir.write("conf", text);
-        EXPECT_EQ(load_site(path.c_str(), asks_names, &site, &findings), 0);
+        EXPECT_EQ(load_site(path.c_str(), ask, &site, &findings), 0);
         check_site(site, &findings);
         std::string all = "\n";
         for (const finding_t &finding : findings.sorted()) {
@@ -108,17 +108,26 @@ TEST_F(Check, FindsWithItsPlace) {
         {SCRIPT_RULE, "9 warning quoting: .*%number% stands there without"},
         {SCRIPT_RULE + "callscript = x '%message%'\n", "11 warning quoting: .*in the text ends"},
         {QUOTED + "callscript = x \"%message%\"\n", "12 warning quoting: .*quotes of its own"},
+        {QUOTED + "callscript = x `y %message%`\n", "12 warning quoting: .*in backquotes"},
+        {QUOTED + "callscript = x \"`y '%message%'\n", "12 warning quoting: .*in backquotes"},
+        {QUOTED + "callscript = x $(y `z $(a`) \"%message%\n", "12 warning quoting: .*of its own"},
+        {SCRIPT_RULE + "value[v] = (a)\ncallscript = `y $v`\n",
+         "12 warning quoting: .*.v stands in backquotes"},
+        {QUOTED + "callscript = x %message% & \n", "12 warning background: callscript: "},
         {"[p]\nhost = 1.2.3.4\n", "1 warning spool-dir: "},
         {"[p]\nhost = ::1x\n[q]\nhost = ::1X\n", "4 warning same-converter: .*p. .line 1"},
         {LINE + "callscript = x\n", "7 note unused: "},
         {"[logger]\nlog_level = 5\n" + LINE, "2 note log-level: .*2 lines"},
         {"[p]\nhost = 1.2.3.4\n", "1 note no-recovery: "},
+        {"[p]\n" + repeated(1002, "a# = 1\n"), "1002 warning unknown-key: 2 more of the kind"},
     };
     for (const auto &[text, expected] : rows) {
         EXPECT_THAT(findings_in(text), ContainsRegex("\n" + expected)) << text;
     }
-    EXPECT_THAT(findings_in("[p]\nhost = no such host\n", true),
+    EXPECT_THAT(findings_in("[p]\nhost = no such host\n", ask_hosts),
                 ContainsRegex("\n2 error host: .*does not resolve .*after [0-9.]+ s"));
+    const host_t late = ask_hosts({"localhost"}, 0)[0];
+    EXPECT_EQ(joined(late.is_found, late.reason), "0|no answer within 10 s|");
 }
 
 TEST_F(Check, FindsNothingInWhatIsMeant) {
@@ -126,7 +135,8 @@ TEST_F(Check, FindsNothingInWhatIsMeant) {
         "[logger]\nlog_type = Syslog ; a comment\nlog_level = 3\n" + LINE +
         "port = 4001;two\nread_timeout = 30\n[rule_a]\npattern = 'a;b' ; c\naction = script\n"
         "quote = 1\nvalue[ab] = (a)\nvalue[a] = (b)\n"
-        "callscript = x $HOME $(date +%H%M) %message% $ab '100 % of 10%' for i in $i\n[rule_d]\n");
+        "callscript = x $HOME $(date +%H%M) %message% $ab '100 % of 10%' for i in $i "
+        "`x \\`y\\``\"$(a '`' %message%)\" '&' \\&\n[rule_d]\n");
     EXPECT_THAT(clean, Not(ContainsRegex("warning|note|error [^d]")));
 }
 
@@ -172,12 +182,21 @@ TEST_F(Check, StatusAndReport) {
     EXPECT_THAT(run(0, "vespercheck -m 'FA FB' -l P -a 7 " + path),
                 ContainsRegex("match index 2, groups 'AB'\n  Selected: rule_f.*\n.*call_9_[0-9]+:\n"
                               ".*Local/1234@users.r\n.*\n.*9.r\n.*\"7\" <7>"));
+    const std::string strange = dir.write(
+        "\x1B", head + rest + rule + "callerid = %message%\n[\xE2\x80\xAE\x9B]\nhost = 10.0.0.2\n");
+    EXPECT_THAT(run(1, "vespercheck --no-resolve " + strange),
+                AllOf(HasSubstr("?:14: note: [??] becomes"), HasSubstr("\n  ??: 10.0.0.2 port")));
+    EXPECT_THAT(run(0, "vespercheck -m \"$(printf 'FA\\033\\302\\233\\r\\t')\" " + strange),
+                HasSubstr("CallerID: FA\\x1B\\xC2\\x9B\\x0D\t\\r\n"));
     dir.write("conf", head + "port = 010\n" + rest + rule);
     EXPECT_EQ(run(1, "vespercheck -q " + path),
               path + ":6: warning: port = '010' is octal: it means 8\n");
     dir.write("conf", head + "charset = x\n" + rest + rule);
     run(2, "vespercheck " + path);
-    run(3, "vespercheck " + dir.path("missing"));
+    fs::resize_file(dir.write("large", ""), MAX_CONFIGURATION_SIZE + 1);
+    for (const char *unreadable : {"missing", "../../dev/zero", "large"}) {
+        run(3, "vespercheck " + dir.path(unreadable));
+    }
     run(64, "vespercheck -m x -l nobody " + path);
 }
 

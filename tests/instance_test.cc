@@ -93,7 +93,7 @@ TEST_F(Neighbours, AreFoundByHostAndPort) {
         site_t site;
         findings_t findings;
         const auto path = dir.write("conf", "[p]\nhost = "s + host + "\n");
-        EXPECT_EQ(load_site(path.c_str(), false, &site, &findings), 0);
+        EXPECT_EQ(load_site(path.c_str(), take_hosts, &site, &findings), 0);
         EXPECT_TRUE(configurations_beside(path).empty());
         site.neighbours = {other, dir.path("missing")};
         findings_t found;
@@ -108,23 +108,33 @@ TEST(StatusFiles, ThoseThatExistAndThoseOfEnabledInstances) {
     const temp_dir_t dir, wants;
     const auto found = [&] {
         std::string names;
-        for (const std::string &file : find_status_files(dir.path_, wants.path_)) {
+        const sources_t sources = find_status_files(dir.path_, wants.path_);
+        for (const std::string &file : sources.files) {
             EXPECT_TRUE(file.starts_with(dir.path()));
             names += file.substr(dir.path().size()) + " ";
         }
-        return names;
+        return names + std::to_string(sources.passed_over);
     };
-    EXPECT_EQ(found(), "status.prom ");
+    EXPECT_EQ(found(), "status.prom 0");
     wants.write("vesperd@west.service", "");
     wants.write("vesperd.service", "");
     wants.write("other@north.service", "");
-    EXPECT_EQ(found(), "west.prom ");
+    EXPECT_EQ(found(), "west.prom 0");
+    fs::create_directory(dir.path("west.prom"));
+    fs::create_directory(dir.path("gone.prom"));
+    EXPECT_EQ(found(), "west.prom 0");
+    fs::remove(dir.path("west.prom"));
     dir.write("west.prom", "");
     dir.write("west.prom.new", "");
     dir.write("east.prom", "");
-    EXPECT_EQ(found(), "east.prom west.prom ");
+    EXPECT_EQ(found(), "east.prom west.prom 0");
     dir.write("status.prom", "");
-    EXPECT_EQ(found(), "status.prom east.prom west.prom ");
+    EXPECT_EQ(found(), "status.prom east.prom west.prom 0");
+    dir.write(std::string(65, 'x') + ".prom", "");
+    for (int i = 0; i < 300; i++) {
+        dir.write(std::to_string(i) + ".prom", "");
+    }
+    EXPECT_THAT(found(), AllOf(StartsWith("status.prom 0.prom "), EndsWith("west.prom 47")));
 }
 
 }  // namespace

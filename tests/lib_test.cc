@@ -216,4 +216,21 @@ TEST_F(Ini, Sections) {
               "2| two words |b|");
 }
 
+TEST_F(Ini, SectionsAlone) {
+    load("[a:b]\nk=0\n[a:c]\nk=1\n[x]\nk=2\n[a]\nk=3\nb:l=4\n[X]\nk=5\nm=6\n[aa]\n");
+    std::string found;
+    for (const ini_section_t &section : ini_sections(dict.get())) {
+        const unique_dictionary_t alone = ini_section_alone(dict.get(), section);
+        found += section.name + "{"s;
+        const char *key = nullptr;
+        const char *value = nullptr;
+        for (int cursor = 0;
+             (cursor = iniparser_get_next_kv(alone.get(), "", cursor, &key, &value)) > 0;) {
+            found += joined(key, iniparser_getstr(alone.get(), key));
+        }
+        found += "}";
+    }
+    EXPECT_EQ(found, "x{x:k|5|x:m|6|}a{a:c:k|1|a:k|3|a:b:l|4|}aa{}");
+}
+
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "status_file.h"
 #include "support.h"
 
 namespace {
@@ -27,6 +28,15 @@ std::string line(const std::string &name, const std::string &state, double since
            "\",configured=\"espa\"} 1\nvesperd_line_protocol_since_seconds" + label + "}" +
            ago(10'900) + "vesperd_line_messages_total" + label + ",} +17 0\n" +
            "vesperd_line_last_message_time_seconds" + label + "}" + ago(last);
+}
+
+// A text again and again, with a number in the place of "#".
+std::string many(const std::string &text, int count) {
+    std::string all;
+    for (int i = 0; i < count; i++) {
+        all += std::regex_replace(text, std::regex("#"), std::to_string(i));
+    }
+    return all;
 }
 
 TEST(Status, IsJudged) {
@@ -59,6 +69,15 @@ TEST(Status, IsJudged) {
         {served(1, 0, "node_procs{pid=1} 1\n"), "", 3, "UNKNOWN - "},
         {line("a", "asleep", 1), "", 3, "UNKNOWN - "},
         {"# of somebody else\n", "", 3, "UNKNOWN - "},
+        {line("a", "idle", 1) + many("vesperd_line_polls_total{line=\"#\"} 1\n", 64), "", 3,
+         "UNKNOWN - cannot read "},
+        {line("a", "idle", 1) +
+             many("vesperd_line_actions_total{line=\"a\",result=\"failed\"} 8.9e15\n", 64),
+         "", 0, "OK - "},
+        {line("a", "idle", 1) + many("vesperd_line_actions_total{line=\"a\"} 1\n", 65), "", 3,
+         "UNKNOWN - cannot read "},
+        {line(std::string(256, 'a'), "idle", 1), "", 3, "UNKNOWN - cannot read "},
+        {line("a\xC2\x9B\xE2\x80\xAE", "ended", 130), "", 2, "CRITICAL - a??: ended 2 min ago |"},
     };
     const temp_dir_t dir;
     for (const auto &row : rows) {
@@ -86,7 +105,33 @@ TEST(Status, IsShown) {
     EXPECT_THAT(run(1, all + " -s " + north), StartsWith("VESPERD WARNING - "));
     EXPECT_THAT(run(3, "vesperstat --json -s " + south + " -s " + dir.path("none")),
                 AllOf(HasSubstr("\"level\":\"critical\",\"instances\":[{"),
-                      HasSubstr("\"kind\":\"unreadable\""), HasSubstr("\"messages\":17,")));
+                      HasSubstr("\"kind\":\"unreadable\""), HasSubstr("\"messages\":17,"),
+                      HasSubstr("\"S\\u00fcd\"")));
+}
+
+// Whoever can write the file, nobody who reads it waits for him, or reads what a link of his names.
+TEST(Status, IsReadOutOfARegularFile) {
+    const temp_dir_t dir;
+    ASSERT_EQ(mkfifo(dir.path("fifo").c_str(), 0666), 0);
+    fs::create_symlink(dir.write("large", std::string(MAX_STATUS_SIZE + 1, '\n')),
+                       dir.path("link"));
+    const struct {
+        const char *name;
+        links_t links;
+        const char *error;
+    } rows[] = {
+        {"fifo", links_t::FOLLOW, "it is no regular file"},
+        {"link", links_t::FOLLOW, "it is larger than 1 MB"},
+        {"link", links_t::REFUSE, "it is a link"},
+    };
+    for (const auto &row : rows) {
+        status_t status;
+        std::string error;
+        EXPECT_FALSE(read_status(dir.path(row.name), row.links, &status, &error));
+        EXPECT_EQ(error, row.error) << row.name;
+    }
+    EXPECT_THAT(run(3, "vesperstat $(printf '\\302\\233')"), HasSubstr("argument '?'"));
+    EXPECT_THAT(run(3, "vesperstat $(printf -- '--\\033x')"), HasSubstr("option '--?x' is none"));
 }
 
 }  // namespace

@@ -47,7 +47,7 @@ void check_unknown(const file_section_t &section, const file_entry_t &entry, fin
                        ": nothing reads it");
         return;
     }
-    const std::string near = nearest_name(entry.key, key_names(section.kind));
+    const std::string near = findings->hint(entry.key, [&] { return key_names(section.kind); });
     if (near.empty()) {
         findings->warn(entry.line, "unknown-key", "unknown key ", entry.key, ": nothing reads it");
     } else {
@@ -142,12 +142,12 @@ void check_number(const config_key_t &key, const file_entry_t &entry, int read,
     check_range(key, entry, read, findings);
 }
 
-void check_value(const config_key_t &key, const file_entry_t &entry, int read,
+void check_value(const config_key_t &key, const file_section_t &section, const file_entry_t &entry,
                  findings_t *findings) {
     if (key.reading == reading_t::NUMBER) {
-        check_number(key, entry, read, findings);
+        check_number(key, entry, section.number(key), findings);
     } else if (key.reading == reading_t::YES_NO) {
-        check_yes_no(key, entry, read, findings);
+        check_yes_no(key, entry, section.number(key), findings);
     } else if (key.words[0] != '\0') {
         check_word(key, entry, findings);
     }
@@ -175,14 +175,14 @@ void check_use(const file_section_t &section, const file_entry_t &entry, finding
     }
 }
 
-void check_section(const outline_t &outline, const file_section_t &section, findings_t *findings) {
+void check_section(const file_section_t &section, findings_t *findings) {
     for (const file_entry_t &entry : section.entries) {
         const config_key_t *key = find_key(section.kind, entry.key);
         if (section.name.empty()) {
             findings->warn(entry.line, "no-section", entry.key,
                            " stands before the first section: nothing reads it");
         } else if (key != nullptr) {
-            check_value(*key, entry, outline.number(section, *key), findings);
+            check_value(*key, section, entry, findings);
             check_use(section, entry, findings);
         } else if (section.kind != section_kind_t::UNLISTED &&
                    section.kind != section_kind_t::SKIPPED) {
@@ -197,10 +197,10 @@ void check_keys(const site_t &site, findings_t *findings) {
     int log_line = 1;
     int log_level = DEFAULT_LOG_LEVEL;
     for (const file_section_t &section : site.outline.sections) {
-        check_section(site.outline, section, findings);
+        check_section(section, findings);
         if (section.kind == section_kind_t::LOGGER) {
             log_line = section.line_of("log_level");
-            log_level = site.outline.number(section, *find_key(section.kind, "log_level"));
+            log_level = section.number(*find_key(section.kind, "log_level"));
         }
     }
     const bool is_noisy = log_level >= NOISY_LOG_LEVEL || log_level < 0;

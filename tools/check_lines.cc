@@ -1,17 +1,9 @@
 #include <strings.h>
 
-#include <cstdio>
-
 #include "charset.h"
 #include "check.h"
 
 namespace {
-
-std::string seconds_text(double seconds) {
-    char text[32];
-    snprintf(text, sizeof text, "%.1f s", seconds);
-    return text;
-}
 
 void check_host(const site_line_t &line, findings_t *findings) {
     if (line.pager != nullptr) {
@@ -23,8 +15,7 @@ void check_host(const site_line_t &line, findings_t *findings) {
                         "] is taken for a pager and has no host: it is left out");
     } else {
         findings->error(at, "host", "host ", line.host.name, " does not resolve (",
-                        line.host.reason, ", after ", seconds_text(line.host.seconds),
-                        "): the line is left out until a reload finds it");
+                        line.host.reason, "): the line is left out until a reload finds it");
     }
 }
 
@@ -50,8 +41,9 @@ void check_spool(const site_line_t &line, findings_t *findings) {
     }
 }
 
+// Of two lines that are served.
 bool is_same_converter(const site_line_t &a, const site_line_t &b) {
-    if (a.pager == nullptr || b.pager == nullptr || a.pager->port != b.pager->port) {
+    if (a.pager->port != b.pager->port) {
         return false;
     }
     const bool is_known = a.host.is_asked && b.host.is_asked;
@@ -59,14 +51,13 @@ bool is_same_converter(const site_line_t &a, const site_line_t &b) {
                     : strcasecmp(a.pager->host, b.pager->host) == 0;
 }
 
-void check_converter(const site_t &site, size_t index, findings_t *findings) {
-    const site_line_t &line = site.lines[index];
-    for (size_t i = 0; i < index; i++) {
-        const site_line_t &other = site.lines[i];
-        if (is_same_converter(line, other)) {
+void check_converter(const site_line_t &line, const std::vector<const site_line_t *> &before,
+                     findings_t *findings) {
+    for (const site_line_t *other : before) {
+        if (is_same_converter(line, *other)) {
             findings->warn(line.section->line_of("host"), "same-converter", "[", line.section->name,
-                           "] connects to the same host and port as [", other.section->name,
-                           "] (line ", other.section->line,
+                           "] connects to the same host and port as [", other->section->name,
+                           "] (line ", other->section->line,
                            "): a converter serves one of them, or both get half of the calls");
             return;
         }
@@ -97,12 +88,16 @@ void check_site(const site_t &site, findings_t *findings) {
 }
 
 void check_lines(const site_t &site, findings_t *findings) {
-    for (size_t i = 0; i < site.lines.size(); i++) {
-        check_host(site.lines[i], findings);
-        check_converter(site, i, findings);
-        check_recovery(site.lines[i], findings);
-        check_charset(*site.lines[i].section, findings);
-        check_spool(site.lines[i], findings);
+    std::vector<const site_line_t *> served;
+    for (const site_line_t &line : site.lines) {
+        check_host(line, findings);
+        if (line.pager != nullptr) {
+            check_converter(line, served, findings);
+            served.push_back(&line);
+        }
+        check_recovery(line, findings);
+        check_charset(*line.section, findings);
+        check_spool(line, findings);
     }
     for (const file_section_t *section : site.unread) {
         const bool is_pager = site.last_read->kind == section_kind_t::PAGER;

@@ -18,13 +18,15 @@ void add_converters(const std::string &path, std::vector<converter_t> *converter
     const config_key_t &port = *find_key(section_kind_t::PAGER, "port");
     outline_t outline;
     findings_t of_that_file;
-    if (read_outline(path.c_str(), &outline, &of_that_file) != 0) {
+    std::string text;
+    if (read_configuration(path.c_str(), &text) != 0) {
         return;
     }
+    outline_text(text, &outline, &of_that_file);
     for (const file_section_t &section : outline.sections) {
         if (section.kind == section_kind_t::PAGER && !section.text("host").empty()) {
             converters->push_back({path, section.name, section.line, section.text("host"),
-                                   static_cast<uint16_t>(outline.number(section, port))});
+                                   static_cast<uint16_t>(section.number(port))});
         }
     }
 }

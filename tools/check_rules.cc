@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <set>
 
 #include "check.h"
@@ -58,8 +59,9 @@ class choice_checker_t {
     void check_name(const named_t &named, const char *key) const {
         const int at = section_.line_of(key);
         if (named.rule == nullptr) {
-            findings_->warn(at, "name-finds-nothing", key, ": '", named.name,
-                            "' finds no rule and is passed over", hint_for(named.name));
+            const char *kind = "name-finds-nothing";
+            findings_->warn(at, kind, key, ": '", named.name, "' finds no rule and is passed over",
+                            findings_->has_room(kind) ? hint_for(named.name) : "");
             return;
         }
         const std::string meant = lower_case(without_blanks(named.name));
@@ -94,33 +96,37 @@ class choice_checker_t {
             rule != nullptr && !trimmed.empty()) {
             return text_of("; did you mean ", rule->name, "?");
         }
-        std::vector<std::string> known;
-        for (const site_rule_t &rule : site_.rules) {
-            known.emplace_back(rule.rule->name + RULE_PREFIX.size());
-        }
         const bool is_whole = trimmed.starts_with(RULE_PREFIX);
         const std::string near =
-            nearest_name(trimmed.substr(is_whole ? RULE_PREFIX.size() : 0), known);
+            findings_->hint(trimmed.substr(is_whole ? RULE_PREFIX.size() : 0), [this] {
+                std::vector<std::string> known;
+                for (const site_rule_t &rule : site_.rules) {
+                    known.emplace_back(rule.rule->name + RULE_PREFIX.size());
+                }
+                return known;
+            });
         return near.empty() ? "" : text_of("; did you mean ", RULE_PREFIX, near, "?");
     }
 
     // Rules of the list that an earlier one always stands before.
     void check_repetitions() const {
-        for (size_t i = 0; i < listed_.size(); i++) {
-            const rule_t *rule = listed_[i].rule;
-            for (size_t j = 0; j < i && rule != nullptr; j++) {
-                const rule_t *earlier = listed_[j].rule;
-                if (earlier == rule) {
-                    findings_->warn(section_.line_of("rules"), "listed-twice", "rules: '",
-                                    listed_[i].name, "' finds ", site_.place_of(rule),
-                                    " again, as '", listed_[j].name, "' did");
-                    break;
-                }
-                if (earlier != nullptr && rule->pattern.compiled != nullptr &&
-                    earlier->pattern.compiled == rule->pattern.compiled) {
-                    warn_of_tie(rule, earlier);
-                    break;
-                }
+        std::map<const void *, const named_t *> first;  // by pattern, or rule if it has none
+        for (const named_t &named : listed_) {
+            if (named.rule == nullptr) {
+                continue;
+            }
+            const void *pattern = named.rule->pattern.compiled;
+            const auto [earlier, is_new] =
+                first.try_emplace(pattern != nullptr ? pattern : named.rule, &named);
+            if (is_new) {
+                continue;
+            }
+            if (earlier->second->rule == named.rule) {
+                findings_->warn(section_.line_of("rules"), "listed-twice", "rules: '", named.name,
+                                "' finds ", site_.place_of(named.rule), " again, as '",
+                                earlier->second->name, "' did");
+            } else {
+                warn_of_tie(named.rule, earlier->second->rule);
             }
         }
     }
@@ -147,7 +153,7 @@ class choice_checker_t {
 
     void check_default() const {
         const config_key_t &actions = *find_key(section_kind_t::PAGER, "send_service_actions");
-        const bool sends = site_.outline.number(section_, actions) != 0;
+        const bool sends = section_.number(actions) != 0;
         if (sends && default_.rule == nullptr) {
             findings_->error(section_.line_of(actions.name), "no-default-rule",
                              "send_service_actions without a default rule",

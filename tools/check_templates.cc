@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <utility>
 
 #include "check.h"
 
@@ -28,25 +29,59 @@ std::string_view placeholder_at(std::string_view text) {
     return {};
 }
 
-// Where a shell stands in its quotes.
-class shell_quotes_t {
+// Where a shell stands in its quotes, and in the commands that it runs for their output.
+class shell_place_t {
   public:
     void pass(char c) {
+        const char before = std::exchange(before_, '\0');
         if (is_escaped_) {
             is_escaped_ = false;
-        } else if (c == '\\' && open_ != '\'') {
+        } else if (c == '\\' && (level().open != '\'' || is_in_backquotes())) {
             is_escaped_ = true;
-        } else if (open_ == 0 && (c == '\'' || c == '"')) {
-            open_ = c;
-        } else if (c == open_) {
-            open_ = 0;
+        } else if (c == '`') {
+            pass_backquote();
+        } else if (c == '(' && (level().open == 0 || (level().open == '"' && before == '$'))) {
+            levels_.push_back({')', 0});
+        } else if (c == ')' && level().open == 0 && level().end == ')') {
+            levels_.pop_back();
+        } else if (level().open == 0 && (c == '\'' || c == '"')) {
+            level().open = c;
+        } else if (c == level().open) {
+            level().open = 0;
+        } else {
+            before_ = c;
         }
     }
-    bool are_open() const { return open_ != 0; }
+    bool is_quoted() const { return levels_.back().open != 0; }
+    bool is_in_backquotes() const {
+        return std::any_of(levels_.begin(), levels_.end(),
+                           [](const level_t &level) { return level.end == '`'; });
+    }
+    // Nothing is open, and the next character means itself.
+    bool is_outside() const { return levels_.size() == 1 && !is_quoted() && !is_escaped_; }
 
   private:
-    char open_ = 0;
+    struct level_t {
+        char end;   // what ends it: ')' or '`'; of the command line itself nothing
+        char open;  // the quote that is open
+    };
+
+    level_t &level() { return levels_.back(); }
+
+    // It ends a command that began with one, in whatever quotes of that command it stands.
+    void pass_backquote() {
+        if (!is_in_backquotes() && level().open != '\'') {
+            levels_.push_back({'`', 0});
+            return;
+        }
+        while (is_in_backquotes()) {
+            levels_.pop_back();
+        }
+    }
+
+    std::vector<level_t> levels_ = {{0, 0}};
     bool is_escaped_ = false;
+    char before_ = '\0';
 };
 
 // Goes through a template as its expansion does.
@@ -70,6 +105,7 @@ class template_checker_t {
         while (!text.empty()) {
             const std::string_view placeholder = placeholder_at(text);
             if (!placeholder.empty()) {
+                ends_in_background_ = false;
                 check_quoting(placeholder);
                 text.remove_prefix(placeholder.size());
                 continue;
@@ -80,9 +116,15 @@ class template_checker_t {
                 text = check_values(text);
             }
             if (!text.empty()) {
-                quotes_.pass(text.front());
+                pass(text.front());
                 text.remove_prefix(1);
             }
+        }
+        if (is_command_ && ends_in_background_) {
+            warn("background",
+                 "the line does not wait for a command that ends in '&': a flood of packets starts "
+                 "processes until there is room for none, of any line. Take the '&' away, and put "
+                 "'timeout 10' before a command that could take long");
         }
     }
 
@@ -92,22 +134,34 @@ class template_checker_t {
         findings_->warn(at_, kind, key_.name, ": ", parts...);
     }
 
+    void pass(char c) {
+        if (c != ' ' && c != '\t') {
+            ends_in_background_ = c == '&' && place_.is_outside();
+        }
+        place_.pass(c);
+    }
+
     void check_quoting(std::string_view placeholder) {
+        const bool is_text = placeholder == "%message%" || placeholder == "%number%";
         if (!is_command_) {
             return;
         }
-        if (rule_.quote != 0) {
-            if (quotes_.are_open()) {
+        if (place_.is_in_backquotes() && placeholder != "%alarm%" &&
+            (rule_.quote != 0 || !is_text)) {
+            warn("quoting", placeholder,
+                 " stands in backquotes, inside of which quotes do not hold: write $( ) instead");
+        } else if (rule_.quote != 0) {
+            if (place_.is_quoted()) {
                 warn("quoting", placeholder,
                      " stands in quotes, and quote = yes puts quotes of its own around it: take "
                      "the template's away");
             }
-        } else if (placeholder == "%message%" || placeholder == "%number%") {
+        } else if (is_text) {
             warn("quoting", placeholder,
-                 quotes_.are_open() ? " stands in quotes that a quote in the text ends"
+                 place_.is_quoted() ? " stands in quotes that a quote in the text ends"
                                     : " stands there without quotes",
                  ": what a line sends runs as a command. Set quote = yes",
-                 quotes_.are_open() ? " and take the quotes away" : "");
+                 place_.is_quoted() ? " and take the quotes away" : "");
         }
     }
 
@@ -117,7 +171,9 @@ class template_checker_t {
             !text.substr(1 + word.size()).starts_with('%')) {
             return;
         }
-        const std::string near = nearest_name(word, {"number", "alarm", "message"});
+        const std::string near = findings_->hint(word, [] {
+            return std::vector<std::string>{"number", "alarm", "message"};
+        });
         warn("placeholder", "%", word, "% is no placeholder and is copied as it stands",
              near.empty() ? "" : text_of("; did you mean %", near, "%?"));
     }
@@ -180,11 +236,13 @@ class template_checker_t {
         if (word.empty() || isdigit(static_cast<unsigned char>(word[0])) != 0) {
             return;
         }
-        std::vector<std::string> names;
-        for (int i = 0; i < num_values_; i++) {
-            names.emplace_back(rule_.values[i].name);
-        }
-        const std::string near = nearest_name(word, names);
+        const std::string near = findings_->hint(word, [this] {
+            std::vector<std::string> names;
+            for (int i = 0; i < num_values_; i++) {
+                names.emplace_back(rule_.values[i].name);
+            }
+            return names;
+        });
         if (is_command_ && near.empty() && is_shell_variable(word)) {
             return;
         }
@@ -210,7 +268,8 @@ class template_checker_t {
     findings_t *findings_;
     int num_values_ = 0;
     std::string_view whole_;
-    shell_quotes_t quotes_;
+    shell_place_t place_;
+    bool ends_in_background_ = false;
 };
 
 bool is_expanded(const config_key_t &key, int action) {

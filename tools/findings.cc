@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 #include <numeric>
+#include <set>
+#include <tuple>
 
 namespace {
 
@@ -37,22 +39,43 @@ const char *severity_name(severity_t severity) noexcept {
     return severity == severity_t::WARNING ? "warning" : "error";
 }
 
+bool findings_t::has_room(const char *kind) const {
+    const auto known = kinds_.find(kind);
+    return known == kinds_.end() || known->second.kept < MAX_OF_KIND;
+}
+
+bool findings_t::take_room(int line, severity_t severity, const char *kind) {
+    tally_t &tally = kinds_[kind];
+    if (tally.kept < MAX_OF_KIND) {
+        tally.kept++;
+        return true;
+    }
+    tally.line = tally.left_out == 0 ? line : std::min(tally.line, line);
+    tally.worst = std::max(tally.worst, severity);
+    tally.left_out++;
+    return false;
+}
+
+std::string findings_t::compare(std::string_view name, const std::vector<std::string> &known) {
+    comparisons_left_ -= std::min(comparisons_left_, known.size());
+    return nearest_name(name, known);
+}
+
 std::vector<finding_t> findings_t::sorted() const {
-    std::vector<finding_t> sorted = found_;
-    std::stable_sort(sorted.begin(), sorted.end(),
-                     [](const finding_t &a, const finding_t &b) { return a.line < b.line; });
-    std::vector<finding_t> once;
-    size_t line_begins = 0;
-    for (const finding_t &finding : sorted) {
-        if (!once.empty() && once.back().line != finding.line) {
-            line_begins = once.size();
-        }
-        const auto of_line = once.begin() + static_cast<std::ptrdiff_t>(line_begins);
-        if (std::find(of_line, once.end(), finding) == once.end()) {
-            once.push_back(finding);
+    std::vector<finding_t> all = found_;
+    for (const auto &[kind, tally] : kinds_) {
+        if (tally.left_out > 0) {
+            all.push_back({tally.line, tally.worst, kind.c_str(),
+                           text_of(tally.left_out, " more of the kind ", kind, " from here on")});
         }
     }
-    return once;
+    std::stable_sort(all.begin(), all.end(),
+                     [](const finding_t &a, const finding_t &b) { return a.line < b.line; });
+    std::set<std::tuple<int, severity_t, std::string_view, std::string>> seen;
+    std::erase_if(all, [&](const finding_t &finding) {
+        return !seen.emplace(finding.line, finding.severity, finding.kind, finding.text).second;
+    });
+    return all;
 }
 
 std::string nearest_name(std::string_view name, const std::vector<std::string> &known) {

@@ -1,8 +1,8 @@
 #include "outline.h"
 
-#include <algorithm>
 #include <cctype>
 
+#include "files.h"
 #include "instance.h"
 
 namespace {
@@ -59,11 +59,9 @@ class outliner_t {
                             "' behind the section's name is passed over");
         }
         const std::string_view name(line.section);
-        const auto known =
-            std::find_if(outline_->sections.begin(), outline_->sections.end(),
-                         [&](const file_section_t &section) { return section.name == name; });
-        if (known != outline_->sections.end()) {
-            open_ = &*known;
+        const auto [known, is_new] = by_name_.try_emplace(line.section, outline_->sections.size());
+        if (!is_new) {
+            open_ = &outline_->sections[known->second];
             findings_->warn(line.number, "twice", "section [", name, "] comes again (line ",
                             open_->line, "): its keys belong to that one");
             return;
@@ -93,17 +91,16 @@ class outliner_t {
 
     void hear_entry(const ini_line_t &line) {
         check_end(line);
-        const auto known =
-            std::find_if(open_->entries.begin(), open_->entries.end(),
-                         [&](const file_entry_t &entry) { return entry.key == line.key; });
-        if (known == open_->entries.end()) {
+        const auto [place, is_new] = open_->by_key.try_emplace(line.key, open_->entries.size());
+        if (is_new) {
             open_->entries.push_back({line.key, line.value, line.number});
             return;
         }
-        findings_->warn(line.number, "twice", line.key, " comes again (line ", known->line,
+        file_entry_t &known = open_->entries[place->second];
+        findings_->warn(line.number, "twice", line.key, " comes again (line ", known.line,
                         "): the last value holds, ", line.key, " = ", line.value);
-        known->value = line.value;
-        known->line = line.number;
+        known.value = line.value;
+        known.line = line.number;
     }
 
     void hear_key(const ini_line_t &line) {
@@ -154,14 +151,14 @@ class outliner_t {
     outline_t *outline_;
     findings_t *findings_;
     file_section_t *open_;
+    std::map<std::string, size_t> by_name_;
 };
 
 }  // namespace
 
 const file_entry_t *file_section_t::find(std::string_view key) const {
-    const auto found = std::find_if(entries.begin(), entries.end(),
-                                    [&](const file_entry_t &entry) { return entry.key == key; });
-    return found != entries.end() ? &*found : nullptr;
+    const auto found = by_key.find(key);
+    return found != by_key.end() ? &entries[found->second] : nullptr;
 }
 
 int file_section_t::line_of(std::string_view key) const {
@@ -179,18 +176,31 @@ std::string file_section_t::text(std::string_view key) const {
     return row != nullptr && row->size > 0 ? entry->value.substr(0, row->size - 1) : entry->value;
 }
 
-int outline_t::number(const file_section_t &section, const config_key_t &key) const {
-    const std::string name = text_of(section.name, ":", key.name);
-    return key.reading == reading_t::YES_NO
-               ? iniparser_getboolean(dict.get(), name.c_str(), key.number)
-               : iniparser_getint(dict.get(), name.c_str(), key.number);
+int file_section_t::number(const config_key_t &key) const {
+    const file_entry_t *entry = find(key.name);
+    if (entry == nullptr) {
+        return key.number;
+    }
+    constexpr const char *NAME = "section:key";
+    const unique_dictionary_t alone(dictionary_new(0));
+    dictionary_set(alone.get(), NAME, entry->value.c_str());
+    return key.reading == reading_t::YES_NO ? iniparser_getboolean(alone.get(), NAME, key.number)
+                                            : iniparser_getint(alone.get(), NAME, key.number);
 }
 
-int read_outline(const char *path, outline_t *outline, findings_t *findings) {
-    outline->dict.reset(dictionary_new(0));
+int read_configuration(const char *path, std::string *text) noexcept {
+    return read_whole(path, 0, MAX_CONFIGURATION_SIZE, text);
+}
+
+void outline_text(std::string_view text, outline_t *outline, findings_t *findings) {
+    ini_store_t store;
     outliner_t outliner(outline, findings);
-    return ini_read(path, [&](const ini_line_t &line) {
-        ini_store(outline->dict.get(), line);
-        outliner.hear(line);
-    });
+    const unique_file_t file(fmemopen(const_cast<char *>(text.data()), text.size(), "r"));
+    if (file) {
+        ini_read(file.get(), [&](const ini_line_t &line) {
+            store.add(line);
+            outliner.hear(line);
+        });
+    }
+    outline->dict = store.make();
 }

@@ -9,7 +9,7 @@ using json_t = nlohmann::ordered_json;
 constexpr int INDENT = 2;
 
 std::string written(const json_t &object) {
-    return object.dump(INDENT, ' ', false, json_t::error_handler_t::replace) + "\n";
+    return object.dump(INDENT, ' ', true, json_t::error_handler_t::replace) + "\n";
 }
 
 json_t as_json(const rule_summary_t &rule) {

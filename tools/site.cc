@@ -1,11 +1,10 @@
 #include "site.h"
 
-#include <arpa/inet.h>
 #include <netdb.h>
 
-#include <cstring>
 #include <filesystem>
 #include <map>
+#include <set>
 
 #include "clock.h"
 #include "conf.h"
@@ -19,48 +18,49 @@ constexpr double MICROSECONDS = 1e6;
 
 // The searches for hosts. The loader makes one for every pager that it comes to.
 struct searches_t {
-    bool asks_names = true;
+    host_asker_t ask = take_hosts;
+    int64_t began = 0;
     std::vector<host_t> made;
-    std::map<std::string, std::pair<host_t, in_addr>> known;
+    std::map<std::string, host_t, std::less<>> known;
 };
 searches_t searches;
 
-host_t search(const char *name, in_addr *address) {
-    host_t host{name, true, true, "", 0};
-    if (!searches.asks_names && name[0] != '\0') {
-        host.is_asked = inet_aton(name, address) != 0;
-        if (!host.is_asked) {
-            *address = {};
+// One limit is for all of them.
+void learn(const std::vector<std::string> &names) {
+    const double passed = static_cast<double>(microseconds_passed() - searches.began);
+    for (host_t &host : searches.ask(names, HOSTS_LIMIT_SECONDS - passed / MICROSECONDS)) {
+        searches.known[host.name] = std::move(host);
+    }
+}
+
+// The names that the loader is going to search for, if none of them is found.
+std::vector<std::string> hosts_of(const outline_t &outline) {
+    std::set<std::string> seen;
+    std::vector<std::string> names;
+    int left = MAX_RULES;
+    for (const file_section_t &section : outline.sections) {
+        left -= section.kind == section_kind_t::RULE ? 1 : 0;
+        if (left == 0) {
+            break;
         }
-        return host;
+        if (const std::string name = section.text("host");
+            section.kind == section_kind_t::PAGER && seen.insert(name).second) {
+            names.push_back(name);
+        }
     }
-    const int64_t began = microseconds_passed();
-    const hostent *found = gethostbyname(name);
-    host.seconds = static_cast<double>(microseconds_passed() - began) / MICROSECONDS;
-    host.is_found =
-        found != nullptr && found->h_addrtype == AF_INET && found->h_addr_list[0] != nullptr;
-    if (host.is_found) {
-        memcpy(address, found->h_addr_list[0], sizeof *address);
-    } else {
-        host.reason = found != nullptr ? "it has no IPv4 address" : hstrerror(h_errno);
-    }
-    return host;
+    return names;
 }
 
 hostent *find_host_once(const char *name) {
     static in_addr address;
     static char *addresses[] = {reinterpret_cast<char *>(&address), nullptr};
     static hostent answer{nullptr, nullptr, AF_INET, sizeof address, addresses};
-    const auto known = searches.known.find(name);
-    if (known == searches.known.end()) {
-        const host_t host = search(name, &address);
-        searches.known[name] = {host, address};
-        searches.made.push_back(host);
-    } else {
-        address = known->second.second;
-        searches.made.push_back(known->second.first);
+    if (!searches.known.contains(name)) {
+        learn({name});
     }
-    return searches.made.back().is_found ? &answer : nullptr;
+    const host_t &host = searches.made.emplace_back(searches.known.find(name)->second);
+    address = host.address;
+    return host.is_found ? &answer : nullptr;
 }
 
 // Goes through the sections as the loader did.
@@ -114,18 +114,26 @@ std::vector<std::string> configurations_beside(const std::string &path) {
     return std::erase_if(others, is_asked) > 0 ? others : std::vector<std::string>();
 }
 
-int load_site(const char *path, bool asks_names, site_t *site, findings_t *findings) {
-    logger_init("", 0, 0, 1);
-    site->path = path;
-    if (read_outline(path, &site->outline, findings) != 0) {
+int load_site(const char *path, host_asker_t ask, site_t *site, findings_t *findings) {
+    std::string text;
+    if (read_configuration(path, &text) != 0) {
         return -1;
     }
-    searches = {asks_names, {}, {}};
+    load_site_text(path, text, ask, site, findings);
+    return 0;
+}
+
+void load_site_text(const char *path, std::string_view text, host_asker_t ask, site_t *site,
+                    findings_t *findings) {
+    logger_init("", 0, 0, 1);
+    site->path = path;
+    outline_text(text, &site->outline, findings);
+    searches = {ask, microseconds_passed(), {}, {}};
+    learn(hosts_of(site->outline));
     const host_finder_t finder = find_host;
     find_host = find_host_once;
     load_logger_settings(site->outline.dict.get());
     load_tables(site->outline.dict.get());
     find_host = finder;
     relate(site);
-    return 0;
 }

@@ -5,17 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "hosts.h"
 #include "outline.h"
 #include "tables.h"
-
-// What the search for a pager's host came to.
-struct host_t {
-    std::string name;
-    bool is_found;
-    bool is_asked;       // false: nobody was asked for the address
-    std::string reason;  // why it is not found
-    double seconds;
-};
 
 struct site_line_t {
     const file_section_t *section;
@@ -51,6 +43,10 @@ std::vector<std::string> configurations_beside(const std::string &path);
 
 // Reads and loads the file into the tables, without writing anything anywhere. The tables must be
 // zero.
-//   asks_names  whether names of hosts are looked up, each once; numeric addresses always are found
-// Returns 0, or -1 with errno set when the file cannot be opened.
-int load_site(const char *path, bool asks_names, site_t *site, findings_t *findings);
+//   ask  ask_hosts, or take_hosts; each name once
+// Returns 0, or -1 with errno set as read_configuration() does.
+int load_site(const char *path, host_asker_t ask, site_t *site, findings_t *findings);
+
+// The same for the content of the file.
+void load_site_text(const char *path, std::string_view text, host_asker_t ask, site_t *site,
+                    findings_t *findings);

@@ -1,10 +1,11 @@
 #include "status_file.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <utility>
 
 #include "files.h"
@@ -12,8 +13,8 @@
 
 namespace {
 
-constexpr size_t PIECE_SIZE = 65536;
-constexpr size_t MAX_SIZE = 4 << 20;  // many times what any number of lines makes
+// Of a line's actions, and of its alarms. So many values have a sum without overflow.
+constexpr size_t MAX_TALLIES = 64;
 
 constexpr std::string_view PREFIX = "vesperd_";
 constexpr std::string_view LINE_PREFIX = "line_";
@@ -107,37 +108,53 @@ void store_sample(metric_t metric, const sample_t &sample, status_t *status) {
     }
 }
 
-bool read_text(const std::string &path, std::string *text, std::string *error) {
-    const unique_file_t file(fopen(path.c_str(), "re"));
-    if (!file) {
-        *error = strerror(errno);
-        return false;
+bool is_too_long(const sample_t &sample) {
+    return std::any_of(sample.labels.begin(), sample.labels.end(),
+                       [](const auto &label) { return label.second.size() > MAX_LABEL_LENGTH; });
+}
+
+// Why no daemon writes this sample; null when one does.
+const char *fault_of(const sample_t &sample) {
+    // No value of the daemon is beyond what a double counts exactly.
+    if (!(std::fabs(sample.value) < 9e15)) {
+        return " has no value";
     }
-    std::string piece(PIECE_SIZE, '\0');
-    while (text->size() <= MAX_SIZE) {
-        const size_t count = fread(piece.data(), 1, piece.size(), file.get());
-        if (count == 0) {
-            break;
+    return is_too_long(sample) ? " has a label that is too long" : nullptr;
+}
+
+// Why no daemon has lines like these; null when one does.
+const char *fault_of(const std::vector<line_status_t> &lines) {
+    if (lines.size() > MAX_STATUS_LINES) {
+        return "it tells of more than 64 lines";
+    }
+    for (const line_status_t &line : lines) {
+        if (line.actions.size() > MAX_TALLIES || line.alarms.size() > MAX_TALLIES) {
+            return "it tells of more than 64 actions or alarms of a line";
         }
-        text->append(piece, 0, count);
     }
-    if (ferror(file.get())) {
-        *error = strerror(errno);
-        return false;
-    }
-    if (text->size() > MAX_SIZE) {
-        *error = "too large for a status file";
-        return false;
-    }
-    return true;
+    return nullptr;
+}
+
+bool is_whole(const line_status_t &line) {
+    return !line.line.empty() && !line.port.empty() &&  // the port comes with the state
+           !line.protocol.empty();
 }
 
 }  // namespace
 
-bool read_status(const std::string &path, status_t *status, std::string *error) {
+bool read_status(const std::string &path, links_t links, status_t *status, std::string *error) {
     std::string text;
+    const int flags = links == links_t::REFUSE ? O_NOFOLLOW : 0;
+    if (read_whole(path.c_str(), flags, MAX_STATUS_SIZE, &text) != 0) {
+        *error = file_fault(errno, MAX_STATUS_SIZE);
+        return false;
+    }
+    return parse_status(text, status, error);
+}
+
+bool parse_status(std::string_view text, status_t *status, std::string *error) {
     std::vector<sample_t> samples;
-    if (!read_text(path, &text, error) || !parse_samples(text, &samples, error)) {
+    if (!parse_samples(text, &samples, error)) {
         return false;
     }
     for (const sample_t &sample : samples) {
@@ -145,16 +162,16 @@ bool read_status(const std::string &path, status_t *status, std::string *error) 
         if (!metric.starts_with(PREFIX)) {
             continue;
         }
-        // No value of the daemon is beyond what a double counts exactly.
-        if (!(std::fabs(sample.value) < 9e15)) {
-            *error = sample.metric + " has no value";
+        if (const char *fault = fault_of(sample)) {
+            *error = std::string(metric.substr(0, MAX_LABEL_LENGTH)) + fault;
             return false;
         }
         store_sample(metric.substr(PREFIX.size()), sample, status);
+        if (const char *fault = fault_of(status->lines)) {
+            *error = fault;
+            return false;
+        }
     }
-    const auto is_whole = [](const line_status_t &line) {
-        return !line.port.empty() && !line.protocol.empty();  // the port comes with the state
-    };
     if (status->written <= 0 ||
         !std::all_of(status->lines.begin(), status->lines.end(), is_whole)) {
         *error = "not a whole status file of vesperd";

@@ -47,9 +47,20 @@ struct status_t {
     std::vector<line_status_t> lines;  // in the order of the file
 };
 
-// Reads a status file. Metrics that are not known are passed over. Returns false when the file cannot
-// be read or is no whole status file, with the reason in `*error`.
-bool read_status(const std::string &path, status_t *status, std::string *error);
+// Larger files, files with more lines and longer values of labels are none of vesperd's.
+constexpr size_t MAX_STATUS_SIZE = 1 << 20;
+constexpr size_t MAX_STATUS_LINES = 64;
+constexpr size_t MAX_LABEL_LENGTH = 255;
 
-// The sum of those tallies that have this result.
+// What to do with a link that has the name of a file.
+enum class links_t { FOLLOW, REFUSE };
+
+// Reads a status file that somebody else may have put there. Returns false when it cannot be read
+// or is no status file, with the reason in `*error`.
+bool read_status(const std::string &path, links_t links, status_t *status, std::string *error);
+
+// The same for its content. Metrics that are not known are passed over.
+bool parse_status(std::string_view text, status_t *status, std::string *error);
+
+// The sum of those tallies of a line that have this result.
 int64_t sum_of(const std::vector<tally_t> &tallies, std::string_view result) noexcept;

@@ -86,5 +86,5 @@ std::string report_json(const std::vector<report_t> &reports, double now) {
     const json_t object = {{"time", now},
                            {"level", level_name(worst_level(reports))},
                            {"instances", std::move(instances)}};
-    return object.dump(-1, ' ', false, json_t::error_handler_t::replace) + "\n";
+    return object.dump(-1, ' ', true, json_t::error_handler_t::replace) + "\n";
 }

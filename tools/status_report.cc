@@ -20,10 +20,10 @@ std::string sentence(const report_t &report, const problem_t &problem) {
 
 }  // namespace
 
-report_t make_report(const std::string &file, const limits_t &limits, double now) {
+report_t make_report(const std::string &file, links_t links, const limits_t &limits, double now) {
     report_t report{file, "", {}, {}};
     std::string error;
-    if (read_status(file, &report.status, &error)) {
+    if (read_status(file, links, &report.status, &error)) {
         report.problems = judge(report.status, limits, now);
     } else {
         report.status = {};
@@ -31,6 +31,12 @@ report_t make_report(const std::string &file, const limits_t &limits, double now
             {level_t::UNKNOWN, "unreadable", "", 0, "cannot read " + file + ": " + error}};
     }
     return report;
+}
+
+report_t report_passed_over(const std::string &directory, size_t count) {
+    const std::string words = plural(count, "file") + " of " + directory +
+                              " passed over: too many, or no names of instances";
+    return {directory, "", {}, {{level_t::UNKNOWN, "too_many", "", 0, words}}};
 }
 
 void soften_while_a_line_works(std::vector<report_t> *reports) {

@@ -1,6 +1,10 @@
 #include "status_sources.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <set>
 #include <string_view>
 
@@ -13,33 +17,53 @@ constexpr std::string_view PLAIN = "status";  // of the daemon without a name
 constexpr std::string_view UNIT_PREFIX = "vesperd@";
 constexpr std::string_view UNIT_SUFFIX = ".service";
 
+constexpr size_t MAX_NAME_LENGTH = 64;  // as for instances
+
+using names_t = std::set<std::string>;
+
+bool is_directory(const std::string &path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// The names that a directory's files have between `prefix` and `suffix`.
+names_t names_between(const std::string &directory, std::string_view prefix,
+                      std::string_view suffix) {
+    names_t names;
+    for (const std::string &name : names_in(directory)) {
+        if (name.size() > prefix.size() + suffix.size() && name.starts_with(prefix) &&
+            name.ends_with(suffix)) {
+            names.insert(name.substr(prefix.size(), name.size() - prefix.size() - suffix.size()));
+        }
+    }
+    return names;
+}
+
 }  // namespace
 
-std::vector<std::string> find_status_files(const std::string &status_dir,
-                                           const std::string &wants_dir) {
-    std::set<std::string> found;
-    for (const std::string &name : names_in(status_dir)) {
-        if (name.ends_with(EXTENSION)) {
-            found.insert(name.substr(0, name.size() - EXTENSION.size()));
-        }
-    }
-    for (const std::string &name : names_in(wants_dir)) {
-        if (name.starts_with(UNIT_PREFIX) && name.ends_with(UNIT_SUFFIX)) {
-            found.insert(name.substr(UNIT_PREFIX.size(),
-                                     name.size() - UNIT_PREFIX.size() - UNIT_SUFFIX.size()));
-        }
-    }
-    std::vector<std::string> files;
-    const auto add = [&](std::string_view name) {
-        files.push_back(status_dir + "/" + std::string(name) + std::string(EXTENSION));
+sources_t find_status_files(const std::string &status_dir, const std::string &wants_dir) {
+    const auto path_of = [&](std::string_view name) {
+        return status_dir + "/" + std::string(name) + std::string(EXTENSION);
     };
-    if (found.empty() || found.erase(std::string(PLAIN)) > 0) {
-        add(PLAIN);
-    }
+    sources_t sources;
+    names_t names = names_between(wants_dir, UNIT_PREFIX, UNIT_SUFFIX);
+    names_t found = names_between(status_dir, "", EXTENSION);
+    const bool is_plain = found.erase(std::string(PLAIN)) > 0 && !is_directory(path_of(PLAIN));
     for (const std::string &name : found) {
-        add(name);
+        if (names.contains(name) || is_directory(path_of(name))) {
+            continue;
+        }
+        if (name.size() <= MAX_NAME_LENGTH && names.size() < MAX_STATUS_FILES) {
+            names.insert(name);
+        } else {
+            sources.passed_over++;
+        }
     }
-    return files;
+    if (is_plain || names.empty()) {
+        sources.files.push_back(path_of(PLAIN));
+    }
+    std::transform(names.begin(), names.end(), std::back_inserter(sources.files), path_of);
+    return sources;
 }
 
 std::vector<std::string> instance_names(const std::vector<std::string> &files) {

@@ -4,6 +4,7 @@
 
 #include "conf.h"
 #include "findings.h"
+#include "printable.h"
 #include "rule.h"
 
 namespace {
@@ -32,11 +33,11 @@ line_summary_t summarize(const pager_t &pager) {
 }
 
 std::string rule_text(const rule_summary_t &rule) {
-    return text_of(rule.name, " (", rule.action, ")");
+    return text_of(printable(rule.name), " (", rule.action, ")");
 }
 
 std::string line_text(const line_summary_t &line) {
-    std::string text = text_of("  ", line.name, ": ", line.host);
+    std::string text = text_of("  ", printable(line.name), ": ", printable(line.host));
     if (!line.address.empty() && line.address != line.host) {
         text += text_of(" (", line.address, ")");
     }
@@ -76,5 +77,5 @@ std::string summary_text(const summary_t &summary) {
     for (const line_summary_t &line : summary.lines) {
         text += line_text(line);
     }
-    return text + text_of("Log: ", summary.log, ", level ", summary.log_level, "\n");
+    return text + text_of("Log: ", printable(summary.log), ", level ", summary.log_level, "\n");
 }

@@ -5,6 +5,7 @@
 #include "action.h"
 #include "espa.h"
 #include "findings.h"
+#include "printable.h"
 #include "rule.h"
 #include "service.h"
 #include "summary.h"
@@ -72,11 +73,21 @@ void expand(const pager_t &pager, const rule_t &rule, const placeholders_t &with
     }
 }
 
-std::string with_line_ends(const std::string &text) {
-    std::string shown = "    ";
-    for (size_t i = 0; i < text.size(); i++) {
-        shown += text[i] == '\r' ? std::string("\\r") : std::string(1, text[i]);
-        shown += text[i] == '\n' && i + 1 < text.size() ? "    " : "";
+std::string escaped(std::string_view text) {
+    std::string shown;
+    escape_controls(text, [&](std::string_view piece) { shown += piece; });
+    return shown;
+}
+
+// The lines of a call file.
+std::string with_line_ends(std::string_view text) {
+    std::string shown;
+    while (!text.empty()) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        const bool is_returned = line.ends_with('\r');
+        shown += text_of("    ", escaped(line.substr(0, line.size() - (is_returned ? 1 : 0))),
+                         is_returned ? "\\r" : "", "\n");
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
     }
     return shown;
 }
@@ -85,12 +96,12 @@ std::string action_text(const trial_t &trial) {
     if (trial.action == "call") {
         return text_of(
             trial.is_done ? "  Call file " : "  Call file outside of spool_dir, not written, ",
-            trial.file, ":\n", with_line_ends(trial.text));
+            printable(trial.file), ":\n", with_line_ends(trial.text));
     }
     if (trial.action == "script") {
         return text_of(
             trial.is_done ? "  Command:\n    " : "  Command, too long and not run:\n    ",
-            trial.text, "\n");
+            escaped(trial.text), "\n");
     }
     return trial.selected.empty() ? "  The message is dropped\n" : "  Nothing is done\n";
 }
@@ -123,21 +134,21 @@ trial_t try_message(const pager_t &pager, const std::string &received, const std
 }
 
 std::string trial_text(const trial_t &trial) {
-    std::string text = text_of("Line ", trial.line, ":\n");
+    std::string text = text_of("Line ", printable(trial.line), ":\n");
     for (const tried_rule_t &tried : trial.tried) {
-        text += text_of("  ", tried.listed);
+        text += text_of("  ", printable(tried.listed));
         if (tried.name.empty()) {
             text += " finds no rule\n";
             continue;
         }
-        text += tried.name != tried.listed ? text_of(" (", tried.name, ")") : "";
+        text += tried.name != tried.listed ? text_of(" (", printable(tried.name), ")") : "";
         text += text_of(": match index ", tried.index);
-        text += tried.groups.empty() ? "\n" : text_of(", groups '", tried.groups, "'\n");
+        text += tried.groups.empty() ? "\n" : text_of(", groups '", printable(tried.groups), "'\n");
     }
-    text += text_of("  Selected: ", trial.selected.empty() ? "none" : trial.selected, ", ",
-                    trial.why, "\n");
+    text += text_of("  Selected: ", trial.selected.empty() ? "none" : printable(trial.selected),
+                    ", ", trial.why, "\n");
     for (const auto &[name, value] : trial.values) {
-        text += text_of("  $", name, " = '", value, "'\n");
+        text += text_of("  $", printable(name), " = '", printable(value), "'\n");
     }
     return text + action_text(trial);
 }

@@ -30,5 +30,6 @@ struct trial_t {
 // what they were converted to, UTF-8. What an ESPA record has no room for is cut.
 trial_t try_message(const pager_t &pager, const std::string &received, const std::string &address);
 
-// In lines of text, carriage returns as "\r".
+// In lines of text: control characters of the call file and the command as "\xNN", the carriage
+// return at the end of a line as "\r", and everything else printable.
 std::string trial_text(const trial_t &trial);

@@ -7,14 +7,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "check.h"
+#include "files.h"
 #include "instance.h"
+#include "option_fault.h"
 #include "printable.h"
 #include "report_json.h"
 
@@ -78,12 +79,16 @@ constexpr const char *HELP =
     "Exit status: 0 nothing or only notes, 1 warnings, 2 errors, 3 the file cannot be\n"
     "read, 64 an argument is wrong.\n";
 
+void say(const std::string &what) {
+    fprintf(stderr, "vespercheck: %s\n", printable(what).c_str());
+}
+
 [[noreturn]] void refuse(const std::string &why) {
-    fprintf(stderr, "vespercheck: %s (try --help)\n", why.c_str());
+    say(why + " (try --help)");
     exit(EXIT_USAGE);
 }
 
-void set_option(options_t *options, int letter) {
+void set_option(options_t *options, int letter, char **argv) {
     switch (letter) {
         case 'q':
             options->quiet = true;
@@ -116,15 +121,15 @@ void set_option(options_t *options, int letter) {
             fputs(HELP, stdout);
             exit(EXIT_SUCCESS);
         default:
-            exit(EXIT_USAGE);
+            refuse(option_fault(letter, argv));
     }
 }
 
 options_t parse_options(int argc, char **argv) {
     options_t options;
     int letter = 0;
-    while ((letter = getopt_long(argc, argv, "qjm:l:a:i:h", longopts.data(), nullptr)) != -1) {
-        set_option(&options, letter);
+    while ((letter = getopt_long(argc, argv, ":qjm:l:a:i:h", longopts.data(), nullptr)) != -1) {
+        set_option(&options, letter, argv);
     }
     if (optind < argc && !options.asked_path) {
         options.asked_path = argv[optind++];
@@ -140,7 +145,7 @@ options_t parse_options(int argc, char **argv) {
 }
 
 int unreadable(const std::string &path) {
-    fprintf(stderr, "vespercheck: cannot read %s: %s\n", path.c_str(), strerror(errno));
+    say(text_of("cannot read ", path, ": ", file_fault(errno, MAX_CONFIGURATION_SIZE)));
     return EXIT_UNREADABLE;
 }
 
@@ -157,8 +162,7 @@ int try_on_lines(const options_t &options, const site_t &site) {
             options.lines.empty() || std::find(options.lines.begin(), options.lines.end(),
                                                line.section->name) != options.lines.end();
         if (is_wanted && line.pager == nullptr) {
-            fprintf(stderr, "vespercheck: line %s has no host and is left out\n",
-                    line.section->name.c_str());
+            say(text_of("line ", line.section->name, " has no host and is left out"));
         } else if (is_wanted) {
             trials.push_back(try_message(*line.pager, options.message, options.address));
         }
@@ -179,9 +183,10 @@ std::vector<finding_t> check(const site_t &site, findings_t *findings) {
 }
 
 void print_findings(const options_t &options, const std::vector<finding_t> &findings) {
+    const std::string path = printable(options.path);
     for (const finding_t &finding : findings) {
-        printf("%s:%d: %s: %s\n", options.path.c_str(), finding.line,
-               severity_name(finding.severity), printable(finding.text).c_str());
+        printf("%s:%d: %s: %s\n", path.c_str(), finding.line, severity_name(finding.severity),
+               printable(finding.text).c_str());
     }
 }
 
@@ -195,7 +200,7 @@ void print_report(const options_t &options, const std::vector<finding_t> &findin
     if (!options.quiet) {
         fputs(summary_text(summarize()).c_str(), stdout);
         if (!not_judged.empty()) {
-            printf("Files and directories are not judged: %s\n", not_judged.c_str());
+            printf("Files and directories are not judged: %s\n", printable(not_judged).c_str());
         }
     }
 }
@@ -215,13 +220,12 @@ int status_of(const std::vector<finding_t> &findings) {
 int check_loadable(const options_t &options) {
     const std::string why = why_not_loadable(options.path.c_str());
     if (!why.empty()) {
-        fprintf(stderr, "vespercheck: %s. Not reloaded: the daemon goes on with what it has\n",
-                why.c_str());
+        say(why + ". Not reloaded: the daemon goes on with what it has");
         return EXIT_UNREADABLE;
     }
     site_t site;
     findings_t findings;
-    if (load_site(options.path.c_str(), false, &site, &findings) != 0) {
+    if (load_site(options.path.c_str(), take_hosts, &site, &findings) != 0) {
         return unreadable(options.path);
     }
     site.neighbours = configurations_beside(options.path);
@@ -242,7 +246,8 @@ int main(int argc, char **argv) {
     site_t site;
     findings_t findings;
     const bool asks_names = options.resolve && options.message == nullptr;
-    if (load_site(options.path.c_str(), asks_names, &site, &findings) != 0) {
+    if (load_site(options.path.c_str(), asks_names ? ask_hosts : take_hosts, &site, &findings) !=
+        0) {
         return unreadable(options.path);
     }
     site.neighbours = configurations_beside(options.path);

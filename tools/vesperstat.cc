@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "option_fault.h"
+#include "printable.h"
 #include "status_check.h"
 #include "status_json.h"
 #include "status_report.h"
@@ -81,7 +83,7 @@ constexpr const char *HELP =
     "With --check: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.\n";
 
 [[noreturn]] void refuse(const std::string &why) {
-    fprintf(stderr, "vesperstat: %s (try --help)\n", why.c_str());
+    fprintf(stderr, "vesperstat: %s (try --help)\n", printable(why).c_str());
     exit(EXIT_UNKNOWN);
 }
 
@@ -103,7 +105,7 @@ void set_output(options_t *options, output_t output) {
     options->output = output;
 }
 
-void set_option(options_t *options, int letter) {
+void set_option(options_t *options, int letter, char **argv) {
     switch (letter) {
         case 's':
             options->files.emplace_back(optarg);
@@ -133,15 +135,15 @@ void set_option(options_t *options, int letter) {
             fputs(HELP, stdout);
             exit(EXIT_SUCCESS);
         default:
-            exit(EXIT_UNKNOWN);  // getopt_long has said what is wrong
+            refuse(option_fault(letter, argv));
     }
 }
 
 options_t parse_options(int argc, char **argv) {
     options_t options;
     int letter = 0;
-    while ((letter = getopt_long(argc, argv, "s:h", longopts.data(), nullptr)) != -1) {
-        set_option(&options, letter);
+    while ((letter = getopt_long(argc, argv, ":s:h", longopts.data(), nullptr)) != -1) {
+        set_option(&options, letter, argv);
     }
     if (optind < argc) {
         refuse(std::string("unexpected argument '") + argv[optind] + "'");
@@ -159,13 +161,18 @@ double now() {
 }
 
 std::vector<report_t> make_reports(const options_t &options, double time) {
-    const std::vector<std::string> files =
-        options.files.empty() ? find_status_files() : options.files;
-    const std::vector<std::string> names = instance_names(files);
+    const bool are_named = !options.files.empty();
+    const sources_t sources = are_named ? sources_t{options.files, 0} : find_status_files();
+    // The directory is the account's: what it links to is not for everybody who looks.
+    const links_t links = are_named ? links_t::FOLLOW : links_t::REFUSE;
+    const std::vector<std::string> names = instance_names(sources.files);
     std::vector<report_t> reports;
-    for (size_t i = 0; i < files.size(); i++) {
-        reports.push_back(make_report(files[i], options.limits, time));
+    for (size_t i = 0; i < names.size(); i++) {
+        reports.push_back(make_report(sources.files[i], links, options.limits, time));
         reports.back().instance = names[i];
+    }
+    if (sources.passed_over > 0) {
+        reports.push_back(report_passed_over(STATUS_DIR, sources.passed_over));
     }
     if (options.critical_all) {
         soften_while_a_line_works(&reports);
