@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +22,7 @@
 #include "instance.h"
 #include "journal.h"
 #include "logger.h"
+#include "rights.h"
 #include "service.h"
 #include "sig.h"
 #include "stats.h"
@@ -155,6 +157,17 @@ void become_instance() {
     prctl(PR_SET_NAME, process_name().c_str());  // cut to 15 characters
 }
 
+// The first load. A service unit may leave root without the right to open what is the account's alone.
+int load_as_root(uid_t uid, gid_t gid) {
+    const int result = load_conf(config_file);
+    if (result == 0 || errno != EACCES || geteuid() != 0) {
+        return result;
+    }
+    free_confvals();
+    const rights_t of_account(uid, gid);
+    return load_conf(config_file);
+}
+
 // A line's socket must not come out as a descriptor that the log is written to.
 void occupy_standard_descriptors() {
     int fd = 0;
@@ -212,7 +225,7 @@ void vesperd_run(int argc, char **argv) noexcept {
     if (geteuid() == 0) {
         logger_own_files(uid, gid);
     }
-    if (load_conf(config_file) < 0) {
+    if (load_as_root(uid, gid) < 0) {
         fprintf(stderr, "\nUnable to open configuration file %s. Exiting...\n\n", config_file);
         exit(0);
     }
