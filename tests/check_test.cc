@@ -117,7 +117,12 @@ TEST_F(Check, FindsWithItsPlace) {
         {"[p]\nhost = 1.2.3.4\n", "1 warning spool-dir: "},
         {"[p]\nhost = ::1x\n[q]\nhost = ::1X\n", "4 warning same-converter: .*p. .line 1"},
         {LINE + "callscript = x\n", "7 note unused: "},
-        {"[logger]\nlog_level = 5\n" + LINE, "2 note log-level: .*2 lines"},
+        {"[logger]\nlog_file = /dev/null\nlog_level = 5\n" + LINE, "3 note log-level: .*2 lines"},
+        {"[logger]\nlog_file = " + dir.path("log") + "\n[p]\nspool_dir = " + dir.path() + "\n",
+         "1 warning log-level: .* the default, .* spool_dir of .p.: when it is full"},
+        {"[logger]\nlog_level = -1\nlog_file = " + dir.path("none") +
+             "\n[p]\nstaging_dir = " + dir.path() + "\nspool_dir = /dev/shm\n",
+         "2 warning log-level: .* staging_dir of .p.: when it is full"},
         {"[p]\nhost = 1.2.3.4\n", "1 note no-recovery: "},
         {"[p]\n" + repeated(1002, "a# = 1\n"), "1002 warning unknown-key: 2 more of the kind"},
     };
@@ -168,6 +173,25 @@ TEST_F(InstalledCheck, JudgesFilesAsTheAccount) {
     EXPECT_THAT(said, HasSubstr("ovo cannot open " + dir.path("conf") + ": Permission denied"));
     fs::permissions(dir.path("conf"), fs::perms(0644));
     EXPECT_THAT(run(0, "vespercheck --loadable " + dir.path("conf")), HasSubstr("conf:11: error"));
+    const std::pair<const char *, const char *> open_files[] = {
+        {"log_file = #made", "2 warning open-to-others: .*no .*made, and the daemon makes it"},
+        {"journal_file = #open", "2 warning open-to-others: .*everybody can read .*open, which"},
+        {"log_file = #far/made", ""},
+        {"log_file = #locked", ""},
+    };
+    dir.write("open", "");
+    fs::permissions(dir.path("open"), fs::perms(0644));
+    fs::create_directory(dir.path("far"));
+    for (const char *own : {"open", "far", "locked"}) {
+        EXPECT_EQ(chown(dir.path(own).c_str(), getpwnam("ovo")->pw_uid, gid_t(-1)), 0);
+    }
+    fs::permissions(dir.path("far"), fs::perms(0750));
+    for (const auto &[key, expected] : open_files) {
+        const std::string text =
+            findings_in("[logger]\n" + std::regex_replace(key, std::regex("#"), dir.path()) + "\n");
+        EXPECT_THAT(text, ContainsRegex("\n"s + expected));
+        EXPECT_EQ(text.find("open-to-others") == std::string::npos, expected[0] == '\0') << text;
+    }
 }
 
 TEST_F(Check, StatusAndReport) {

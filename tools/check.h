@@ -14,6 +14,9 @@ void check_keys(const site_t &site, findings_t *findings);
 // were left as they are, sections behind a full table.
 void check_lines(const site_t &site, findings_t *findings);
 
+// Log levels that write more than the disk has room for.
+void check_log_level(const site_t &site, findings_t *findings);
+
 // Lines that another daemon of this machine serves too.
 void check_neighbours(const site_t &site, findings_t *findings);
 
@@ -26,8 +29,8 @@ void check_patterns(const site_t &site, findings_t *findings);
 // Placeholders, and the quoting of commands.
 void check_templates(const site_t &site, findings_t *findings);
 
-// Whether the daemon's account can use the files and directories. Without the privilege to tell,
-// finds nothing.
+// Whether the daemon's account can use the files and directories, and others the log and the
+// journal. Without the privilege to tell, finds nothing.
 void check_files(const site_t &site, findings_t *findings);
 
 // Why check_files() cannot tell; empty when it can.
@@ -36,3 +39,7 @@ std::string why_files_are_not_judged();
 // Why the daemon's account, or whoever this runs as where nobody can tell, cannot open the
 // configuration; empty when it can.
 std::string why_not_loadable(const char *path);
+
+// A path as the daemon takes it, which works in "/", and the directory that a file is in.
+std::string from_root(const std::string &path);
+std::string directory_of(const std::string &path);

@@ -113,15 +113,6 @@ int directory_fault(const std::string &path) {
     return S_ISDIR(status.st_mode) ? access_fault(path, R_OK | W_OK | X_OK) : ENOTDIR;
 }
 
-// The daemon works in "/".
-std::string from_root(const std::string &path) {
-    return path.starts_with('/') ? path : "/" + path;
-}
-
-std::string directory_of(const std::string &path) {
-    return path.substr(0, std::max<size_t>(path.rfind('/'), 1));
-}
-
 bool is_below_one_of(std::initializer_list<const char *> directories, const std::string &path) {
     return std::any_of(directories.begin(), directories.end(), [&](const std::string &directory) {
         return path == directory || path.starts_with(directory + "/");
@@ -196,6 +187,36 @@ void check_line(const file_section_t &section, findings_t *findings) {
     }
 }
 
+// Whether everybody may go to a file's directory.
+bool is_reached_by_others(const std::string &path) {
+    struct stat status {};
+    for (size_t end = path.rfind('/'); end != std::string::npos && end > 0;
+         end = path.rfind('/', end - 1)) {
+        if (stat(path.substr(0, end).c_str(), &status) == 0 && (status.st_mode & S_IXOTH) == 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Everybody's rights to a file that holds messages. The daemon makes a missing log for everybody.
+void check_others(int at, const char *key, const std::string &path, const struct stat *status,
+                  findings_t *findings) {
+    constexpr const char *KIND = "open-to-others";
+    if (!is_reached_by_others(path)) {
+        return;
+    }
+    if (status == nullptr && key == std::string_view("log_file")) {
+        findings->warn(at, KIND, key, ": there is no ", path,
+                       ", and the daemon makes it for everybody to read and write: make one with "
+                       "mode 640 that is the account's");
+    } else if (status != nullptr && (status->st_mode & (S_IROTH | S_IWOTH)) != 0) {
+        const bool is_written = (status->st_mode & S_IWOTH) != 0;
+        findings->warn(at, KIND, key, ": everybody can ", is_written ? "write" : "read", " ", path,
+                       ", which holds messages: chmod o= ", path);
+    }
+}
+
 // A file that is opened for every line written to it.
 void check_log(const file_section_t &section, const char *key, const std::string &path,
                findings_t *findings) {
@@ -209,6 +230,9 @@ void check_log(const file_section_t &section, const char *key, const std::string
         exists ? access_fault(path, R_OK | W_OK) : access_fault(directory_of(path), W_OK | X_OK);
     if (fault == 0 || S_ISCHR(status.st_mode)) {
         note_unit(at, key, path, findings);
+        if (!exists || S_ISREG(status.st_mode)) {
+            check_others(at, key, path, exists ? &status : nullptr, findings);
+        }
     } else if (exists) {
         findings->error(at, "directory", key, ": the account ", ACCOUNT, " cannot write ", path,
                         ": ", strerror(fault));
@@ -259,15 +283,18 @@ void check_files(const site_t &site, findings_t *findings) {
         findings->error(1, "not-loadable", why, ": a reload ends the daemon");
     }
     const as_account_t account;
-    const file_section_t absent{"logger", section_kind_t::LOGGER, 1, {}};
-    const file_section_t *logger = &absent;
-    for (const file_section_t &section : site.outline.sections) {
-        logger = section.kind == section_kind_t::LOGGER ? &section : logger;
-    }
-    check_logger(*logger, findings);
+    check_logger(site.outline.logger(), findings);
     for (const site_line_t &line : site.lines) {
         check_line(*line.section, findings);
     }
+}
+
+std::string from_root(const std::string &path) {
+    return path.starts_with('/') ? path : "/" + path;
+}
+
+std::string directory_of(const std::string &path) {
+    return path.substr(0, std::max<size_t>(path.rfind('/'), 1));
 }
 
 std::string why_not_loadable(const char *path) {

@@ -7,7 +7,6 @@
 namespace {
 
 constexpr int MAX_PORT = 65535;
-constexpr int NOISY_LOG_LEVEL = 5;
 
 const char *kind_name(section_kind_t kind) {
     if (kind == section_kind_t::LOGGER) {
@@ -194,19 +193,7 @@ void check_section(const file_section_t &section, findings_t *findings) {
 }  // namespace
 
 void check_keys(const site_t &site, findings_t *findings) {
-    int log_line = 1;
-    int log_level = DEFAULT_LOG_LEVEL;
     for (const file_section_t &section : site.outline.sections) {
         check_section(section, findings);
-        if (section.kind == section_kind_t::LOGGER) {
-            log_line = section.line_of("log_level");
-            log_level = section.number(*find_key(section.kind, "log_level"));
-        }
-    }
-    const bool is_noisy = log_level >= NOISY_LOG_LEVEL || log_level < 0;
-    if (is_noisy && !site.lines.empty()) {
-        findings->note(log_line, "log-level", "log_level ", log_level,
-                       log_line == 1 ? ", the default," : "",
-                       " writes 2 lines for every byte of a line");
     }
 }

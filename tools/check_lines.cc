@@ -80,6 +80,7 @@ void check_recovery(const site_line_t &line, findings_t *findings) {
 void check_site(const site_t &site, findings_t *findings) {
     check_keys(site, findings);
     check_lines(site, findings);
+    check_log_level(site, findings);
     check_neighbours(site, findings);
     check_rules(site, findings);
     check_patterns(site, findings);

@@ -188,6 +188,16 @@ int file_section_t::number(const config_key_t &key) const {
                                             : iniparser_getint(alone.get(), NAME, key.number);
 }
 
+const file_section_t &outline_t::logger() const {
+    static const file_section_t absent{"logger", section_kind_t::LOGGER, 1, {}};
+    for (const file_section_t &section : sections) {
+        if (section.kind == section_kind_t::LOGGER) {
+            return section;
+        }
+    }
+    return absent;
+}
+
 int read_configuration(const char *path, std::string *text) noexcept {
     return read_whole(path, 0, MAX_CONFIGURATION_SIZE, text);
 }

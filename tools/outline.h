@@ -39,6 +39,9 @@ struct file_section_t {
 struct outline_t {
     std::vector<file_section_t> sections;  // in the order of their first appearance
     unique_dictionary_t dict;              // the same, as the daemon reads it
+
+    // The logger's section; an empty one at line 1 when there is none.
+    const file_section_t &logger() const;
 };
 
 // Reads the file at `path`. Returns 0, or -1 with errno set as read_whole() does.
