@@ -61,10 +61,11 @@ void count(compilation_t *known) {
     }
 }
 
-// Compiles a text of which nothing is known, or too little. Half of the time is for trying it, and half
-// for having it.
+// Compiles a text of which nothing is known, or too little.
 void compile(const char *text, compilation_t *known) {
-    const regex_cost_t cost = regex_cost(text, (MAX_FILE_US - file.us) / 2);
+    // Trying it and then having it could take as long.
+    const bool can_try = file.us <= MAX_FILE_US - 2 * MAX_TRIAL_US;
+    const regex_cost_t cost = regex_cost(text, can_try);
     file.us += cost.us;
     if (cost.error != 0) {
         known->fault = cost.is_final ? reason_of(cost.error, nullptr) : "";

@@ -12,13 +12,13 @@ struct pattern_t {
     const regex_t *compiled;
 };
 
-// Begins with the patterns of another configuration. Those of one can take 10 seconds and 512 MB
-// altogether; patterns that other configurations had count again, but take no time.
+// Begins with the patterns of another configuration. Those of one can take 10 seconds of CPU time and 512
+// MB altogether; patterns that other configurations had count again, but take no time.
 void begin_patterns() noexcept;
 
 // Compiles `text` (POSIX extended syntax, case-sensitive, newline-aware: REG_EXTENDED |
 // REG_NEWLINE). Returns 0, or 1 after logging an ERROR when the text does not compile; `compiled`
-// then matches nothing. A pattern that would take more than 256 MB or 2 seconds is refused in the
+// then matches nothing. A pattern that would take more than 256 MB or 2 seconds of CPU time is refused in the
 // same way, as "Memory exhausted", and one for which the configuration leaves no room as "Too large
 // together with the patterns before it". Equal texts are compiled once, and refused ones tried once.
 // For the loading thread only.

@@ -12,18 +12,19 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "clock.h"
 #include "fd.h"
 #include "files.h"
 
 namespace {
 
 constexpr rlim_t MAX_BYTES = 256 << 20;
-constexpr rlim_t MAX_SECONDS = 2;
+constexpr rlim_t MAX_SECONDS = MAX_TRIAL_US / 1'000'000;
+constexpr int PATIENCE_MS = 60'000;  // with a child that has its CPU time at last on a busy machine
 
 // What is written out in so many pieces takes less than a millisecond.
 constexpr double HARMLESS_PIECES = 1'000;
@@ -155,6 +156,12 @@ size_t bytes_in_use() {
     return info.uordblks > 0 ? info.uordblks + info.hblkhd : address_space();
 }
 
+int64_t cpu_us() {
+    timespec used{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return int64_t{used.tv_sec} * 1'000'000 + used.tv_nsec / 1000;
+}
+
 // The child's side: what the text takes within the limits, or the system ends it.
 regex_cost_t cost_within_limits(const char *text) {
     const rlim_t used = address_space();
@@ -165,31 +172,27 @@ regex_cost_t cost_within_limits(const char *text) {
     const size_t bytes_before = bytes_in_use();
     regex_t unused;
     const int error = regcomp(&unused, text, REG_EXTENDED | REG_NEWLINE);
-    return {error, true, bytes_in_use() - bytes_before, 0};
+    return {error, true, bytes_in_use() - bytes_before, std::min(cpu_us(), MAX_TRIAL_US)};
 }
 
-// What the child has said when it has ended, or when `us_left` is over. One that ended without a word
-// was ended by its limits.
-regex_cost_t heard_from(const unique_fd_t &child, int64_t us_left) {
+// What the child has said when it has ended. One that ended without a word was ended by its limits.
+regex_cost_t heard_from(const unique_fd_t &child) {
     pollfd waiting{child.get(), POLLIN, 0};
-    const int64_t until = microseconds_passed() + us_left;
     int ready = 0;
     do {
-        const int64_t left = std::max<int64_t>(until - microseconds_passed(), 0);
-        ready = poll(&waiting, 1, static_cast<int>(left / 1000));
+        ready = poll(&waiting, 1, PATIENCE_MS);
     } while (ready < 0 && errno == EINTR);
     regex_cost_t cost{};
     if (ready > 0 && read(child.get(), &cost, sizeof cost) == sizeof cost) {
         return cost;
     }
-    return {REG_ESPACE, ready > 0, 0, 0};
+    return {REG_ESPACE, ready > 0, 0, MAX_TRIAL_US};
 }
 
 // The answer comes through a pipe: a process that ignores SIGCHLD learns no exit status.
-regex_cost_t cost_in_child(const char *text, int64_t us_left) {
-    const int64_t began = microseconds_passed();
+regex_cost_t cost_in_child(const char *text) {
     int answer[2];
-    if (us_left <= 0 || pipe2(answer, O_CLOEXEC) != 0) {
+    if (pipe2(answer, O_CLOEXEC) != 0) {
         return {REG_ESPACE, false, 0, 0};
     }
     const unique_fd_t from_child(answer[0]);
@@ -203,20 +206,19 @@ regex_cost_t cost_in_child(const char *text, int64_t us_left) {
         return {REG_ESPACE, false, 0, 0};
     }
     to_parent.reset();
-    regex_cost_t cost = heard_from(from_child, us_left);
+    const regex_cost_t cost = heard_from(from_child);
     kill(child, SIGKILL);  // it has nothing more to say
     while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
     }
-    cost.us = microseconds_passed() - began;
     return cost;
 }
 
 }  // namespace
 
-regex_cost_t regex_cost(const char *text, int64_t us_left) noexcept {
+regex_cost_t regex_cost(const char *text, bool can_try) noexcept {
     const double pieces = written_out(text);
     if (pieces <= HARMLESS_PIECES) {
         return {0, true, static_cast<size_t>(pieces) * BYTES_PER_PIECE, 0};
     }
-    return cost_in_child(text, us_left);
+    return can_try ? cost_in_child(text) : regex_cost_t{REG_ESPACE, false, 0, 0};
 }

@@ -47,6 +47,7 @@ TEST(Pattern, LongRepetitionsCompile) {
     };
     for (const auto &[text, match] : rows) {
         pattern_t pattern{};
+        begin_patterns();
         EXPECT_EQ(compile_regex(&pattern, text), 0) << text;
         EXPECT_EQ(match_regex(&pattern, match.c_str(), nullptr, 0), std::ssize(match)) << text;
     }
@@ -84,6 +85,7 @@ TEST_F(Tables, PatternsOfOneConfigurationShareWhatThereIs) {
         const std::string text = "(a|b){0,1500}" + std::to_string(number);
         return compile_regex(&pattern, text.c_str()) == 0;
     };
+    pattern_t ordinary{};
     begin_patterns();
     int first_refused = 0;
     while (compiles(first_refused)) {
@@ -91,6 +93,7 @@ TEST_F(Tables, PatternsOfOneConfigurationShareWhatThereIs) {
     }
     EXPECT_THAT(first_refused, AllOf(Ge(1), Le(8)));
     EXPECT_TRUE(compiles(0));  // is counted once
+    EXPECT_EQ(compile_regex(&ordinary, "FIRE ZONE [0-9]+"), 0);
     EXPECT_THAT(log(), HasSubstr(": Too large together with the patterns before it"));
     begin_patterns();
     EXPECT_TRUE(compiles(first_refused));
