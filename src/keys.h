@@ -47,12 +47,13 @@ using enum section_kind_t;
 using enum reading_t;
 
 // In the order of the manual.
-constexpr std::array<config_key_t, 29> TABLE = {{
+constexpr std::array<config_key_t, 31> TABLE = {{
     {LOGGER, "log_type", TEXT, 0, "file", 0, "file syslog"},
     {LOGGER, "log_level", NUMBER, 0, nullptr, DEFAULT_LOG_LEVEL},
     {LOGGER, "log_file", TEXT, 0, DEFAULT_LOG_FILE},
     {LOGGER, "status_file", TEXT, 0, ""},
     {LOGGER, "journal_file", TEXT, 0, ""},
+    {LOGGER, "log_escape", YES_NO, 0, nullptr, 0},
 
     {PAGER, "host", TEXT, sizeof pager_t::host, nullptr},
     {PAGER, "port", NUMBER, 0, nullptr, 2233},
@@ -80,6 +81,7 @@ constexpr std::array<config_key_t, 29> TABLE = {{
     {RULE, "callscript", TEMPLATE, sizeof rule_t::callscript,
      "/usr/share/quillet/mkcall.sh %espa_if% %alarm% %number% %message%"},
     {RULE, "quote", YES_NO, 0, nullptr, 0},
+    {RULE, "ack_when_run", YES_NO, 0, nullptr, 0},
     {RULE, VALUE_KEY_PREFIX.data(), PATTERN, 0, nullptr},
 }};
 
