@@ -117,6 +117,8 @@ TEST_F(Check, FindsWithItsPlace) {
         {"[p]\nhost = 1.2.3.4\n", "1 warning spool-dir: "},
         {"[p]\nhost = ::1x\n[q]\nhost = ::1X\n", "4 warning same-converter: .*p. .line 1"},
         {LINE + "callscript = x\n", "7 note unused: "},
+        {CALL + "ack_when_run = y\n", "11 note unused: ack_when_run is used by action = script"},
+        {QUOTED + "ack_when_run = yes\n", "12 warning no-effect: .*rule_d. has ack_when_done"},
         {"[logger]\nlog_file = /dev/null\nlog_level = 5\n" + LINE, "3 note log-level: .*2 lines"},
         {"[logger]\nlog_file = " + dir.path("log") + "\n[p]\nspool_dir = " + dir.path() + "\n",
          "1 warning log-level: .* the default, .* spool_dir of .p.: when it is full"},
@@ -137,9 +139,10 @@ TEST_F(Check, FindsWithItsPlace) {
 
 TEST_F(Check, FindsNothingInWhatIsMeant) {
     const std::string clean = findings_in(
-        "[logger]\nlog_type = Syslog ; a comment\nlog_level = 3\n" + LINE +
-        "port = 4001;two\nread_timeout = 30\n[rule_a]\npattern = 'a;b' ; c\naction = script\n"
-        "quote = 1\nvalue[ab] = (a)\nvalue[a] = (b)\n"
+        "[logger]\nlog_type = Syslog ; a comment\nlog_level = 3\nlog_escape = n\n" + LINE +
+        "ack_when_done = y\nport = 4001;two\nread_timeout = 30\n[rule_a]\npattern = 'a;b' ; "
+        "c\naction = script\n"
+        "quote = 1\nack_when_run = y\nvalue[ab] = (a)\nvalue[a] = (b)\n"
         "callscript = x $HOME $(date +%H%M) %message% $ab '100 % of 10%' for i in $i "
         "`x \\`y\\``\"$(a '`' %message%)\" '&' \\&\n[rule_d]\n");
     EXPECT_THAT(clean, Not(ContainsRegex("warning|note|error [^d]")));

@@ -162,12 +162,12 @@ void check_use(const file_section_t &section, const file_entry_t &entry, finding
         findings->note(entry.line, "unused", "callscript of a pager is used by nothing");
         return;
     }
-    const config_key_t *key = find_key(section.kind, entry.key);
-    if (key->reading != reading_t::TEMPLATE) {
+    const bool is_of_script = entry.key == "callscript" || entry.key == "ack_when_run";
+    if (!is_of_script && find_key(section.kind, entry.key)->reading != reading_t::TEMPLATE) {
         return;
     }
     const int action = parse_action(section.text("action"));
-    const int wanted = entry.key == "callscript" ? SCRIPT : CALL;
+    const int wanted = is_of_script ? SCRIPT : CALL;
     if (action != wanted) {
         findings->note(entry.line, "unused", entry.key,
                        " is used by action = ", wanted == SCRIPT ? "script" : "call", " only");

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
-#include <set>
 
 #include "check.h"
 #include "rule.h"
@@ -15,6 +14,9 @@ struct named_t {
     std::string name;
     rule_t *rule;  // null: nothing
 };
+
+// The rules that lines reach, and whether one of these lines has ack_when_done.
+using reached_t = std::map<const rule_t *, bool>;
 
 // Looks a name up as the daemon would.
 rule_t *find(std::string_view name) {
@@ -48,11 +50,13 @@ class choice_checker_t {
         check_list();
         check_default();
     }
-    void note_reached(std::set<const rule_t *> *reached) const {
+    void note_reached(reached_t *reached) const {
+        const config_key_t &key = *find_key(section_kind_t::PAGER, "ack_when_done");
+        const bool acknowledges = section_.number(key) != 0;
         for (const named_t &named : listed_) {
-            reached->insert(named.rule);
+            (*reached)[named.rule] |= acknowledges;
         }
-        reached->insert(default_.rule);
+        (*reached)[default_.rule] |= acknowledges;
     }
 
   private:
@@ -181,8 +185,7 @@ class choice_checker_t {
     named_t default_;
 };
 
-void check_reach(const site_t &site, const std::set<const rule_t *> &reached,
-                 findings_t *findings) {
+void check_reach(const site_t &site, const reached_t &reached, findings_t *findings) {
     for (const site_rule_t &rule : site.rules) {
         if (reached.contains(rule.rule)) {
             continue;
@@ -197,14 +200,29 @@ void check_reach(const site_t &site, const std::set<const rule_t *> &reached,
     }
 }
 
+// An acknowledgement that waits for the command, on lines that send theirs before it.
+void check_acknowledgement(const site_t &site, const reached_t &reached, findings_t *findings) {
+    const config_key_t &key = *find_key(section_kind_t::RULE, "ack_when_run");
+    for (const site_rule_t &rule : site.rules) {
+        const auto lines = reached.find(rule.rule);
+        if (rule.rule->action == SCRIPT && rule.section->number(key) != 0 &&
+            lines != reached.end() && !lines->second) {
+            findings->warn(rule.section->line_of(key.name), "no-effect",
+                           "ack_when_run has no effect: no line that reaches [", rule.section->name,
+                           "] has ack_when_done");
+        }
+    }
+}
+
 }  // namespace
 
 void check_rules(const site_t &site, findings_t *findings) {
-    std::set<const rule_t *> reached;
+    reached_t reached;
     for (const site_line_t &line : site.lines) {
         const choice_checker_t checker(site, line, findings);
         checker.check();
         checker.note_reached(&reached);
     }
     check_reach(site, reached, findings);
+    check_acknowledgement(site, reached, findings);
 }
