@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -48,10 +49,11 @@ call_file_result_t write_with(int flags, const char *path, std::string_view cont
 }
 
 // The numbers that names have come to. A name holds the second of its call, so what is older than a
-// period is of no use any more; a period's names are forgotten together.
+// period is of no use any more; a period's names are forgotten together. Names with the same hash share
+// a counter, which leaves out a number and does no harm.
 class name_counter_t {
   public:
-    int next(const std::string &name) {
+    int next(size_t name) {
         counts_t forgotten;  // goes when the lock has gone
         const std::lock_guard lock(mutex_);
         const time_t now = time(nullptr);
@@ -65,8 +67,8 @@ class name_counter_t {
     }
 
   private:
-    using counts_t = std::unordered_map<std::string, int>;
-    static constexpr time_t PERIOD_SECONDS = 60;
+    using counts_t = std::unordered_map<size_t, int>;
+    static constexpr time_t PERIOD_SECONDS = 10;
 
     std::mutex mutex_;
     time_t since_ = time(nullptr);
@@ -78,7 +80,7 @@ class name_counter_t {
 // the earlier ones already.
 int next_number(const std::string &name) {
     static name_counter_t &counter = *std::make_unique<name_counter_t>().release();
-    return counter.next(name);
+    return counter.next(std::hash<std::string>()(name));
 }
 
 // Forms the next path of a call. Returns whether it fits.
