@@ -1,5 +1,6 @@
 #include "charset.h"
 
+#include <cctype>
 #include <cerrno>
 
 namespace {
@@ -7,6 +8,19 @@ namespace {
 const iconv_t NONE = reinterpret_cast<iconv_t>(-1);
 constexpr std::string_view REPLACEMENT = "\xEF\xBF\xBD";  // U+FFFD
 constexpr size_t PIECE_SIZE = 256;
+
+// A character set whose conversion in the C library writes past its buffer, whatever its name is written
+// like: bytes from a line would end the process.
+bool is_broken(std::string_view name) {
+    constexpr std::string_view BROKEN = "ISO2022CNEXT";
+    std::string letters;
+    for (const char c : name.substr(0, name.find('/'))) {
+        if (isalnum(static_cast<unsigned char>(c)) != 0) {
+            letters += static_cast<char>(toupper(static_cast<unsigned char>(c)));
+        }
+    }
+    return letters == BROKEN;
+}
 
 }  // namespace
 
@@ -19,7 +33,7 @@ bool charset_t::open(const char *name) noexcept {
     if (name[0] == '\0') {
         return true;
     }
-    conversion_ = iconv_open("UTF-8", name);
+    conversion_ = is_broken(name) ? NONE : iconv_open("UTF-8", name);
     if (conversion_ == NONE) {
         name_.clear();  // the next time may be better
     }

@@ -15,6 +15,7 @@
 #include <ctime>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "fd.h"
@@ -26,9 +27,9 @@ constexpr rlim_t MAX_BYTES = 256 << 20;
 constexpr rlim_t MAX_SECONDS = MAX_TRIAL_US / 1'000'000;
 constexpr int PATIENCE_MS = 60'000;  // with a child that has its CPU time at last on a busy machine
 
-// What is written out in so many pieces takes less than a millisecond.
-constexpr double HARMLESS_PIECES = 1'000;
-constexpr size_t BYTES_PER_PIECE = 200;
+// What is written out in so many pieces, and does not multiply, takes less than five milliseconds.
+constexpr double HARMLESS_PIECES = 500;
+constexpr size_t BYTES_PER_PIECE = 2'000;  // 100 as a rule
 
 // The position of the ']' that ends the bracket expression opened at `at`. A ']' that comes first is
 // a member, and [:class:], [.element.] and [=class=] hold theirs.
@@ -62,75 +63,105 @@ struct group_t {
     double before = 1;  // everything in the group but its last piece
     double last = 0;
     bool is_repeated = false;  // the last piece, or what stands in it
-    bool has_place = false;    // the last piece is or holds a "^", "$", "\\b" or nothing at all
-    bool had_place = false;    // one before it does
 };
 
-// Repetitions of what is repeated already take the compiler time that grows exponentially, and those of
-// places even more.
 void repeat(group_t *group) {
-    group->last *= group->is_repeated ? 8 : 2;
-    group->last *= group->has_place ? HARMLESS_PIECES : 1;
+    group->last *= 2;
     group->is_repeated = true;
 }
 
-void begin_piece(group_t *group, bool is_place = false) {
+void begin_piece(group_t *group) {
     group->before += group->last;
     group->last = 1;
     group->is_repeated = false;
-    group->had_place = group->had_place || group->has_place;
-    group->has_place = is_place;
 }
 
 // The innermost group becomes the last piece of the one around it.
 void end_group(std::vector<group_t> *groups) {
     const group_t inside = groups->back();
     groups->pop_back();
-    begin_piece(&groups->back(), inside.has_place || inside.had_place);
+    begin_piece(&groups->back());
     groups->back().last = inside.before + inside.last;
     groups->back().is_repeated = inside.is_repeated;
 }
 
-// Whether a character, behind a backslash or not, stands for a place.
-bool is_place(char c, bool is_escaped) {
-    constexpr std::string_view PLACES = "^$";
-    constexpr std::string_view ESCAPED_PLACES = "bB<>`'";
-    return (is_escaped ? ESCAPED_PLACES : PLACES).find(c) != std::string_view::npos;
-}
+// Reads an extended regular expression as far as telling whether it could take long to compile.
+class pattern_size_t {
+  public:
+    explicit pattern_size_t(std::string_view text) : text_(text) {
+        for (size_t at = 0; at < text_.size(); at++) {
+            at = read_at(at);
+        }
+    }
 
-// A bound for the pieces that `text` comes to once its repetitions are written out.
-double written_out(std::string_view text) {
-    std::vector<group_t> groups(1);
-    bool is_at_branch = true;  // nothing yet between "(" or "|" and here
-    for (size_t i = 0; i < text.size(); i++) {
-        const char c = text[i];
-        if (is_at_branch && (c == '|' || c == ')')) {
-            groups.back().had_place = true;  // nothing is a place as well
+    // A bound for the pieces that it comes to once its repetitions are written out.
+    double pieces() const {
+        double total = 0;
+        for (const group_t &group : groups_) {
+            total += group.before + group.last;
         }
-        is_at_branch = c == '|' || c == '(';
-        if (c == '{') {
-            const double bound = interval_bound(text, i);
-            repeat(&groups.back());
-            groups.back().last *= bound * bound;
-            i = std::min(text.find('}', i), text.size());
-        } else if (c == '+' || c == '*' || c == '?') {
-            repeat(&groups.back());
-        } else if (c == '(') {
-            groups.emplace_back();
-        } else if (c == ')' && groups.size() > 1) {
-            end_group(&groups);
+        return total;
+    }
+    // Whether it repeats what is repeated already, or has places such as "\b", or nothing at all between
+    // two "|": the compiler makes as many copies as there are ways to get there. "^" and "$" where they
+    // stand for the whole do not count.
+    bool multiplies() const { return has_places_ || has_nested_repetitions_; }
+
+  private:
+    // Returns the position of the last character that was read.
+    size_t read_at(size_t at) {
+        const char c = text_[at];
+        const bool is_at_branch = std::exchange(is_at_branch_, c == '|' || c == '(');
+        has_places_ = has_places_ || (is_at_branch && (c == '|' || c == ')'));
+        if (c == '{' || c == '+' || c == '*' || c == '?') {
+            return read_repetition(at);
+        }
+        if (c == '(') {
+            groups_.emplace_back();
+        } else if (c == ')' && groups_.size() > 1) {
+            end_group(&groups_);
         } else {
-            const bool is_escaped = c == '\\' && i + 1 < text.size();
-            i = c == '[' ? end_of_brackets(text, i) : i + (is_escaped ? 1 : 0);
-            begin_piece(&groups.back(), c != '[' && is_place(text[i], is_escaped));
+            begin_piece(&groups_.back());
+            at = read_piece(at, is_at_branch);
         }
+        return at;
     }
-    double total = 0;
-    for (const group_t &group : groups) {
-        total += group.before + group.last;
+
+    size_t read_repetition(size_t at) {
+        has_nested_repetitions_ = has_nested_repetitions_ || groups_.back().is_repeated;
+        repeat(&groups_.back());
+        if (text_[at] != '{') {
+            return at;
+        }
+        const double bound = interval_bound(text_, at);
+        groups_.back().last *= bound * bound;
+        return std::min(text_.find('}', at), text_.size());
     }
-    return total;
-}
+
+    size_t read_piece(size_t at, bool is_at_branch) {
+        constexpr std::string_view ESCAPED_PLACES = "bB<>`'";
+        const char c = text_[at];
+        if (c == '[') {
+            return end_of_brackets(text_, at);
+        }
+        if (c == '\\' && at + 1 < text_.size()) {
+            has_places_ =
+                has_places_ || ESCAPED_PLACES.find(text_[at + 1]) != std::string_view::npos;
+            return at + 1;
+        }
+        const bool is_inside = groups_.size() > 1;
+        const bool is_at_end = at + 1 == text_.size() || text_[at + 1] == '|';
+        has_places_ = has_places_ || (c == '^' && (is_inside || !is_at_branch)) ||
+                      (c == '$' && (is_inside || !is_at_end));
+        return at;
+    }
+
+    std::string_view text_;
+    std::vector<group_t> groups_ = std::vector<group_t>(1);
+    bool is_at_branch_ = true;  // nothing yet between "(" or "|" and here
+    bool has_places_ = false;
+    bool has_nested_repetitions_ = false;
+};
 
 rlim_t address_space() {
     const unique_file_t file(fopen("/proc/self/statm", "re"));
@@ -216,9 +247,9 @@ regex_cost_t cost_in_child(const char *text) {
 }  // namespace
 
 regex_cost_t regex_cost(const char *text, bool can_try) noexcept {
-    const double pieces = written_out(text);
-    if (pieces <= HARMLESS_PIECES) {
-        return {0, true, static_cast<size_t>(pieces) * BYTES_PER_PIECE, 0};
+    const pattern_size_t size(text);
+    if (size.pieces() <= HARMLESS_PIECES && !size.multiplies()) {
+        return {0, true, static_cast<size_t>(size.pieces()) * BYTES_PER_PIECE, 0};
     }
     return can_try ? cost_in_child(text) : regex_cost_t{REG_ESPACE, false, 0, 0};
 }

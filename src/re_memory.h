@@ -1,8 +1,7 @@
 // What the compilation of a regular expression takes.
 //
 // The C library writes repetitions out: "+" doubles its piece, an optional repetition costs up to the
-// square of its bound, and a place such as "\b" in what is repeated again and again multiplies with
-// every round. "x{0,32767}" or thirty "+" in a row ask for more memory than the machine has, and
+// square of its bound, and places such as "\b" multiply with the branches and repetitions around them. "x{0,32767}" or thirty "+" in a row ask for more memory than the machine has, and
 // "(|\b)?{0,7}*b?" for more time than anybody has.
 #pragma once
 

@@ -85,7 +85,9 @@ TEST(Charset, ConvertsEveryCharacter) {
         EXPECT_TRUE(charset.open(name)) << name;
         EXPECT_EQ(charset.to_utf8(bytes), text) << name;
     }
-    EXPECT_FALSE(charset.open("KLINGON"));
+    for (const char *name : {"KLINGON", "ISO-2022-CN-EXT", "iso2022cnext//", "ISO_2022-CN-EXT/"}) {
+        EXPECT_FALSE(charset.open(name)) << name;
+    }
     EXPECT_EQ(charset.to_utf8("\xE4"), "\xE4");
     charset.open("ISO-8859-1");
     EXPECT_EQ(charset.to_utf8(std::string(1000, '\xE4')).size(), 2000U);

@@ -103,6 +103,7 @@ TEST_F(Check, FindsWithItsPlace) {
         {CALL + "value[a] = b\n", "11 warning no-group: "},
         {CALL + "pattern = ^(|a{0})$\n", "11 warning empty-match: "},
         {CALL + "pattern = (a)\\1\n", "11 warning back-reference: "},
+        {CALL + "pattern = .*[0-9].{20}x\n", "11 warning growing-match: "},
         {LINE + "rules = rule_a,rule_d\n" + RULES + "pattern = FIRE\n",
          "11 warning same-pattern: rule_d .*rule_a .line 8"},
         {SCRIPT_RULE, "9 warning quoting: .*%number% stands there without"},

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 #include "check.h"
@@ -12,6 +13,9 @@ class pattern_reader_t {
 
     bool has_back_reference() const { return has_back_reference_; }
     bool matches_only_empty() const { return !can_take(); }
+    // A search that has to remember where any of its last characters might have begun a match learns
+    // another state from almost every message.
+    bool learns_without_end() const { return learns_without_end_; }
 
   private:
     // A group, or the whole.
@@ -22,6 +26,7 @@ class pattern_reader_t {
 
     void read() {
         while (at_ < text_.size()) {
+            has_free_run_ = has_free_run_ || is_free_run(text_.substr(at_));
             const char c = text_[at_++];
             if (c == '(') {
                 levels_.emplace_back();
@@ -42,6 +47,10 @@ class pattern_reader_t {
         }
     }
 
+    static bool is_free_run(std::string_view text) {
+        return text.starts_with(".*") || text.starts_with(".+");
+    }
+
     void add_piece(bool takes) {
         level_t &level = levels_.back();
         level.takes = level.takes || level.last_takes;
@@ -52,6 +61,9 @@ class pattern_reader_t {
     void read_interval() {
         const size_t end = std::min(text_.find('}', at_), text_.size());
         const std::string_view bounds = text_.substr(at_, end - at_);
+        constexpr int LONG = 12;  // of which twice as many states each
+        learns_without_end_ =
+            learns_without_end_ || (has_free_run_ && atoi(std::string(bounds).c_str()) >= LONG);
         if (bounds == "0" || bounds == "0,0" || bounds == ",0") {
             levels_.back().last_takes = false;
         }
@@ -87,6 +99,8 @@ class pattern_reader_t {
     std::string_view text_;
     size_t at_ = 0;
     bool has_back_reference_ = false;
+    bool has_free_run_ = false;
+    bool learns_without_end_ = false;
     std::vector<level_t> levels_ = std::vector<level_t>(1);
 };
 
@@ -102,6 +116,11 @@ void check_pattern(int at, const std::string &what, const pattern_t &pattern,
         findings->warn(
             at, "back-reference", what,
             " refers back, which can take exponential time and stops its line for as long");
+    } else if (reader.learns_without_end()) {
+        findings->warn(
+            at, "growing-match", what,
+            " has a long interval behind .* or .+: searching with it takes memory that grows "
+            "with every message");
     } else if (reader.matches_only_empty()) {
         findings->warn(at, "empty-match", what,
                        " can only match emptily, which counts as no match");
