@@ -3,6 +3,7 @@
 // template, call address and message, separated by zero bytes.
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,10 +19,23 @@
 namespace {
 
 constexpr std::string_view SPOOL = "/in/memory";
-constexpr int CALL_FILE = 1000;  // the descriptor of what is written there
 
 std::string call_path;
-std::string call_content;
+
+// What is written there: a file without a name, of which the caller gets another descriptor each time.
+const int call_file = memfd_create("call", MFD_CLOEXEC);
+
+int open_call_file() {
+    require(ftruncate(call_file, 0) == 0 && lseek(call_file, 0, SEEK_SET) == 0);
+    return dup(call_file);
+}
+
+std::string call_content() {
+    char content[4096];
+    const ssize_t size = pread(call_file, content, sizeof content, 0);
+    require(size >= 0);
+    return {content, static_cast<size_t>(size)};
+}
 
 using words_t = std::vector<std::string>;
 
@@ -126,12 +140,11 @@ void check_call_file(rule_t *rule, const placeholders_t &with) {
     static pager_t pager;
     copy_text(pager.spool_dir, SPOOL);
     call_path.clear();
-    call_content.clear();
     const outcome_t outcome =
         perform_action(&pager, ALARM_MESSAGE, with.number, with.message, rule);
     require(outcome.succeeded && call_path.starts_with(std::string(SPOOL) + "/call_"));
     require(call_path.rfind('/') == SPOOL.size());
-    const words_t settings = read_as_pbx(call_content);
+    const words_t settings = read_as_pbx(call_content());
     require(settings.size() == 6);
     const char *keys[] = {
         "Channel:", "Context:", "Extension:", "CallerID:", "Priority:1", "MaxRetries:0"};
@@ -154,27 +167,13 @@ int open(const char *path, int flags, ...) {
     static const auto real = in_libc(&open, "open");
     if (std::string_view(path).starts_with(SPOOL)) {
         call_path = path;
-        return CALL_FILE;
+        return open_call_file();
     }
     va_list arguments;
     va_start(arguments, flags);
     const int mode = va_arg(arguments, int);
     va_end(arguments);
     return real(path, flags, mode);
-}
-
-ssize_t write(int file, const void *bytes, size_t size) {
-    static const auto real = in_libc(&write, "write");
-    if (file != CALL_FILE) {
-        return real(file, bytes, size);
-    }
-    call_content.append(static_cast<const char *>(bytes), size);
-    return static_cast<ssize_t>(size);
-}
-
-int close(int file) {
-    static const auto real = in_libc(&close, "close");
-    return file == CALL_FILE ? 0 : real(file);
 }
 }
 
