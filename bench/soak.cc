@@ -77,7 +77,7 @@ class status_reader_t {
     void read(const std::string &path) {
         status_t status;
         std::string error;
-        if (read_status(path, &status, &error)) {
+        if (read_status(path, links_t::REFUSE, &status, &error)) {
             versions_ += status.written != last_;
             last_ = status.written;
             broken_ += status.lines.size() != LINES;
