@@ -25,9 +25,9 @@
 #include <sstream>
 #include <thread>
 
-#include "control_station.h"
 #include "espa.h"
-#include "line.h"
+#include "espasend/control_station.h"
+#include "espasend/line.h"
 #include "site.h"
 
 namespace fs = std::filesystem;

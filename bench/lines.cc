@@ -15,7 +15,7 @@
 #include <sstream>
 #include <thread>
 
-#include "control_station.h"
+#include "espasend/control_station.h"
 #include "site.h"
 
 namespace {

@@ -7,8 +7,8 @@
 
 #include "action.h"
 #include "callfile.h"
-#include "control_station.h"
 #include "espa.h"
+#include "espasend/control_station.h"
 #include "logger.h"
 #include "rule.h"
 #include "text.h"

@@ -15,9 +15,9 @@
 #include <thread>
 
 #include "account.h"
-#include "control_station.h"
 #include "espa.h"
-#include "line.h"
+#include "espasend/control_station.h"
+#include "espasend/line.h"
 #include "site.h"
 
 namespace {

@@ -23,7 +23,7 @@
 
 #include "call_watch.h"
 #include "clock.h"
-#include "control_station.h"
+#include "espasend/control_station.h"
 #include "paced_stations.h"
 #include "site.h"
 

@@ -16,7 +16,7 @@
 #include <sstream>
 #include <thread>
 
-#include "line.h"
+#include "espasend/line.h"
 
 namespace {
 

@@ -16,9 +16,9 @@
 #include <thread>
 
 #include "account.h"
-#include "control_station.h"
+#include "espasend/control_station.h"
 #include "site.h"
-#include "status_file.h"
+#include "vesperstat/status_file.h"
 
 namespace {
 

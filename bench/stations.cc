@@ -19,7 +19,7 @@
 #include <thread>
 #include <vector>
 
-#include "control_station.h"
+#include "espasend/control_station.h"
 #include "fd.h"
 #include "site.h"
 

@@ -1,12 +1,12 @@
 // What vespercheck says of any configuration: it comes to an end, and the sections that it has found
 // are the records that the daemon's load makes of the same file.
 
-#include "check.h"
+#include "vespercheck/checks.h"
 
 #include "conf.h"
 #include "conf_world.h"
-#include "report_json.h"
 #include "rule.h"
+#include "vespercheck/json.h"
 
 namespace {
 

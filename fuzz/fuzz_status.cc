@@ -3,10 +3,10 @@
 
 #include "fuzz.h"
 #include "printable.h"
-#include "status_check.h"
-#include "status_json.h"
-#include "status_report.h"
-#include "status_table.h"
+#include "vesperstat/json.h"
+#include "vesperstat/plugin.h"
+#include "vesperstat/report.h"
+#include "vesperstat/table.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // What vespercheck finds in a configuration, what it says of a message, and what it exits with.
 
-#include "check.h"
+#include "vespercheck/checks.h"
 
 #include "support.h"
 

@@ -2,9 +2,9 @@
 
 #include "instance.h"
 
-#include "check.h"
 #include "running_daemon.h"
-#include "status_sources.h"
+#include "vespercheck/checks.h"
+#include "vesperstat/sources.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 
 #include <random>
 
-#include "control_station.h"
-#include "line.h"
+#include "espasend/control_station.h"
+#include "espasend/line.h"
 #include "support.h"
 
 struct Installed : Test {

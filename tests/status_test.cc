@@ -2,8 +2,8 @@
 
 #include <chrono>
 
-#include "status_file.h"
 #include "support.h"
+#include "vesperstat/status_file.h"
 
 namespace {
 

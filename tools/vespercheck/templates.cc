@@ -3,7 +3,7 @@
 #include <cstring>
 #include <utility>
 
-#include "check.h"
+#include "checks.h"
 
 namespace {
 

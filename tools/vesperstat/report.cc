@@ -1,4 +1,4 @@
-#include "status_report.h"
+#include "report.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "status_json.h"
+#include "json.h"
 
 #include <nlohmann/json.hpp>
 

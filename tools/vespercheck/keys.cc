@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "check.h"
+#include "checks.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "status_check.h"
+#include "plugin.h"
 
 #include <algorithm>
 #include <array>

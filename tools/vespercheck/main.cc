@@ -1,9 +1,6 @@
 // vespercheck: tells what a configuration of vesperd does, before a reload does it.
 
-#include <getopt.h>
-
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -12,12 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "check.h"
+#include "arguments.h"
+#include "checks.h"
 #include "files.h"
 #include "instance.h"
-#include "option_fault.h"
+#include "json.h"
 #include "printable.h"
-#include "report_json.h"
 
 namespace {
 
@@ -34,47 +31,25 @@ struct options_t {
     bool quiet = false;
     bool json = false;
     bool loadable = false;
-    bool resolve = true;
-    const char *message = nullptr;
-    const char *address = DEFAULT_ADDRESS;
+    bool converters = false;
+    bool without_names = false;
+    std::optional<std::string> message;
+    std::string address = DEFAULT_ADDRESS;
     std::vector<std::string> lines;
 };
 
-enum : int { LOADABLE = 256, NO_RESOLVE };
-
-constexpr std::array<option, 10> longopts = {{{"quiet", no_argument, nullptr, 'q'},
-                                              {"json", no_argument, nullptr, 'j'},
-                                              {"instance", required_argument, nullptr, 'i'},
-                                              {"loadable", no_argument, nullptr, LOADABLE},
-                                              {"no-resolve", no_argument, nullptr, NO_RESOLVE},
-                                              {"message", required_argument, nullptr, 'm'},
-                                              {"line", required_argument, nullptr, 'l'},
-                                              {"address", required_argument, nullptr, 'a'},
-                                              {"help", no_argument, nullptr, 'h'},
-                                              {nullptr, 0, nullptr, 0}}};
-
-constexpr const char *HELP =
+constexpr const char *USAGE =
     "Usage: vespercheck [options] [-i INSTANCE | FILE]\n"
     "       vespercheck -m MESSAGE [-l LINE]... [-a ADDRESS] [options]\n"
     "                   [-i INSTANCE | FILE]\n"
     "       vespercheck --loadable [-i INSTANCE | FILE]\n"
+    "       vespercheck --converters [-i INSTANCE | FILE]\n"
     "\n"
     "Tells what a configuration of vesperd does (/etc/quillet.conf): what is wrong with\n"
     "it, line by line, and what would be served. Nothing is changed and nothing is run.\n"
-    "\n"
-    "  -i, --instance NAME    the configuration of the instance vesperd@NAME,\n"
-    "                         /etc/quillet/NAME.conf\n"
-    "  -q, --quiet            print what is wrong only\n"
-    "  -j, --json             print JSON, for programs\n"
-    "      --no-resolve       do not look up the names of hosts\n"
-    "      --loadable         only tell whether the daemon can load the file; everything\n"
-    "                         else that is wrong is printed and not counted\n"
-    "\n"
-    "  -m, --message MESSAGE  show which rule a message selects and what it does\n"
-    "  -l, --line LINE        on this line, instead of on all; can be repeated\n"
-    "  -a, --address A        with this call address (1000)\n"
-    "\n"
-    "  -h, --help             show this text\n"
+    "\n";
+
+constexpr const char *EXIT_STATUSES =
     "\n"
     "Exit status: 0 nothing or only notes, 1 warnings, 2 errors, 3 the file cannot be\n"
     "read, 64 an argument is wrong.\n";
@@ -83,63 +58,56 @@ void say(const std::string &what) {
     fprintf(stderr, "vespercheck: %s\n", printable(what).c_str());
 }
 
-[[noreturn]] void refuse(const std::string &why) {
-    say(why + " (try --help)");
-    exit(EXIT_USAGE);
+void add_check_options(arguments_t *arguments, options_t *options) {
+    arguments->option("-i, --instance NAME",
+                      "the configuration of the instance vesperd@NAME,\n/etc/quillet/NAME.conf",
+                      [=](const std::string &name) {
+                          if (!is_instance_name(name.c_str())) {
+                              arguments->refuse("no instance can have the name '" + name + "'");
+                          }
+                          options->asked_path = config_path_of(name);
+                      });
+    arguments->flag("-q, --quiet", "print what is wrong only", &options->quiet);
+    arguments->flag("-j, --json", "print JSON, for programs", &options->json);
+    arguments->flag("--no-resolve", "do not look up the names of hosts", &options->without_names);
+    arguments->flag("--loadable",
+                    "only tell whether the daemon can load the file; everything\n"
+                    "else that is wrong is printed and not counted",
+                    &options->loadable);
+    arguments->flag("--converters", "print the hosts of the lines, for scripts",
+                    &options->converters);
 }
 
-void set_option(options_t *options, int letter, char **argv) {
-    switch (letter) {
-        case 'q':
-            options->quiet = true;
-            break;
-        case 'j':
-            options->json = true;
-            break;
-        case 'i':
-            if (!is_instance_name(optarg)) {
-                refuse(std::string("no instance can have the name '") + optarg + "'");
-            }
-            options->asked_path = config_path_of(optarg);
-            break;
-        case LOADABLE:
-            options->loadable = true;
-            break;
-        case NO_RESOLVE:
-            options->resolve = false;
-            break;
-        case 'm':
-            options->message = optarg;
-            break;
-        case 'l':
-            options->lines.push_back(lower_case(optarg));
-            break;
-        case 'a':
-            options->address = optarg;
-            break;
-        case 'h':
-            fputs(HELP, stdout);
-            exit(EXIT_SUCCESS);
-        default:
-            refuse(option_fault(letter, argv));
-    }
+void add_trial_options(arguments_t *arguments, options_t *options) {
+    arguments->text("\n");
+    arguments->option("-m, --message MESSAGE", "show which rule a message selects and what it does",
+                      [=](const std::string &message) { options->message = message; });
+    arguments->option("-l, --line LINE", "on this line, instead of on all; can be repeated",
+                      [=](const std::string &line) { options->lines.push_back(lower_case(line)); });
+    arguments->text_option("-a, --address A", "with this call address (1000)", &options->address);
 }
 
 options_t parse_options(int argc, char **argv) {
     options_t options;
-    int letter = 0;
-    while ((letter = getopt_long(argc, argv, ":qjm:l:a:i:h", longopts.data(), nullptr)) != -1) {
-        set_option(&options, letter, argv);
-    }
-    if (optind < argc && !options.asked_path) {
-        options.asked_path = argv[optind++];
-    }
-    if (optind < argc) {
-        refuse(std::string("one file at a time, not ") + argv[optind] + " too");
+    arguments_t arguments("vespercheck", EXIT_USAGE);
+    arguments.text(USAGE);
+    add_check_options(&arguments, &options);
+    add_trial_options(&arguments, &options);
+    arguments.text("\n");
+    arguments.help_flag();
+    arguments.text(EXIT_STATUSES);
+    for (const std::string &file : arguments.parse(argc, argv, 2)) {
+        if (options.asked_path) {
+            arguments.refuse("one file at a time, not " + file + " too");
+        }
+        options.asked_path = file;
     }
     options.path = options.asked_path.value_or(config_path_of(""));
-    if (options.message == nullptr && !options.lines.empty()) {
-        refuse("--line needs --message");
+    if (options.converters && (options.loadable || options.message)) {
+        arguments.refuse("--converters is asked alone");
+    }
+    if (!options.message && !options.lines.empty()) {
+        arguments.refuse("--line needs --message");
     }
     return options;
 }
@@ -153,7 +121,8 @@ int try_on_lines(const options_t &options, const site_t &site) {
     for (const std::string &name : options.lines) {
         const auto has_name = [&](const site_line_t &line) { return line.section->name == name; };
         if (std::none_of(site.lines.begin(), site.lines.end(), has_name)) {
-            refuse("there is no line " + name + " in " + options.path);
+            say(text_of("there is no line ", name, " in ", options.path, " (try --help)"));
+            return EXIT_USAGE;
         }
     }
     std::vector<trial_t> trials;
@@ -164,11 +133,11 @@ int try_on_lines(const options_t &options, const site_t &site) {
         if (is_wanted && line.pager == nullptr) {
             say(text_of("line ", line.section->name, " has no host and is left out"));
         } else if (is_wanted) {
-            trials.push_back(try_message(*line.pager, options.message, options.address));
+            trials.push_back(try_message(*line.pager, *options.message, options.address));
         }
     }
     if (options.json) {
-        fputs(trials_json(options.path, options.message, options.address, trials).c_str(), stdout);
+        fputs(trials_json(options.path, *options.message, options.address, trials).c_str(), stdout);
         return EXIT_SUCCESS;
     }
     for (const trial_t &trial : trials) {
@@ -233,6 +202,23 @@ int check_loadable(const options_t &options) {
     return EXIT_SUCCESS;
 }
 
+// For what else has to know the converters of a site, the health of a pair of machines for one.
+int print_converters(const options_t &options) {
+    std::string text;
+    if (read_configuration(options.path.c_str(), &text) != 0) {
+        return unreadable(options.path);
+    }
+    outline_t outline;
+    findings_t findings;
+    outline_text(text, &outline, &findings);
+    for (const std::string &host : hosts_of(outline)) {
+        if (!host.empty()) {
+            puts(printable(host).c_str());
+        }
+    }
+    return EXIT_SUCCESS;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -243,15 +229,18 @@ int main(int argc, char **argv) {
     if (options.loadable) {
         return check_loadable(options);
     }
+    if (options.converters) {
+        return print_converters(options);
+    }
     site_t site;
     findings_t findings;
-    const bool asks_names = options.resolve && options.message == nullptr;
+    const bool asks_names = !options.without_names && !options.message;
     if (load_site(options.path.c_str(), asks_names ? ask_hosts : take_hosts, &site, &findings) !=
         0) {
         return unreadable(options.path);
     }
     site.neighbours = configurations_beside(options.path);
-    if (options.message != nullptr) {
+    if (options.message) {
         return try_on_lines(options, site);
     }
     const std::vector<finding_t> found = check(site, &findings);

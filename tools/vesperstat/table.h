@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "status_report.h"
+#include "report.h"
 
 // What is wrong, in words, and a table of all lines, those with a problem first. A column tells the
 // instance where there are several.

@@ -2,7 +2,7 @@
 #include <cstring>
 #include <map>
 
-#include "check.h"
+#include "checks.h"
 #include "rule.h"
 
 namespace {

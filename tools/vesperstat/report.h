@@ -5,8 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "problems.h"
 #include "status_file.h"
-#include "status_judge.h"
 
 // A status file and what is wrong in it. Of a file that could not be read, `problems` has one of kind
 // "unreadable", level UNKNOWN, and `status` is empty.

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "status_report.h"
+#include "report.h"
 
 // One line with performance data.
 std::string report_check(const std::vector<report_t> &reports, const limits_t &limits, double now);

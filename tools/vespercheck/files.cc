@@ -11,7 +11,7 @@
 #include <initializer_list>
 #include <optional>
 
-#include "check.h"
+#include "checks.h"
 #include "conf.h"
 #include "fd.h"
 #include "files.h"

@@ -1,4 +1,4 @@
-#include "report_json.h"
+#include "json.h"
 
 #include <nlohmann/json.hpp>
 

@@ -33,24 +33,6 @@ void learn(const std::vector<std::string> &names) {
     }
 }
 
-// The names that the loader is going to search for, if none of them is found.
-std::vector<std::string> hosts_of(const outline_t &outline) {
-    std::set<std::string> seen;
-    std::vector<std::string> names;
-    int left = MAX_RULES;
-    for (const file_section_t &section : outline.sections) {
-        left -= section.kind == section_kind_t::RULE ? 1 : 0;
-        if (left == 0) {
-            break;
-        }
-        if (const std::string name = section.text("host");
-            section.kind == section_kind_t::PAGER && seen.insert(name).second) {
-            names.push_back(name);
-        }
-    }
-    return names;
-}
-
 hostent *find_host_once(const char *name) {
     static in_addr address;
     static char *addresses[] = {reinterpret_cast<char *>(&address), nullptr};
@@ -97,6 +79,23 @@ const file_section_t *site_t::section_of(const rule_t *rule) const {
 std::string site_t::place_of(const rule_t *rule) const {
     const file_section_t *section = section_of(rule);
     return text_of(rule->name, " (line ", section != nullptr ? section->line : 0, ")");
+}
+
+std::vector<std::string> hosts_of(const outline_t &outline) {
+    std::set<std::string> seen;
+    std::vector<std::string> names;
+    int left = MAX_RULES;
+    for (const file_section_t &section : outline.sections) {
+        left -= section.kind == section_kind_t::RULE ? 1 : 0;
+        if (left == 0) {
+            break;
+        }
+        if (const std::string name = section.text("host");
+            section.kind == section_kind_t::PAGER && seen.insert(name).second) {
+            names.push_back(name);
+        }
+    }
+    return names;
 }
 
 std::vector<std::string> configurations_beside(const std::string &path) {

@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "check.h"
+#include "checks.h"
 #include "conf.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "status_report.h"
+#include "report.h"
 
 // One JSON object on one line.
 std::string report_json(const std::vector<report_t> &reports, double now);

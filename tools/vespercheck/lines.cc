@@ -1,7 +1,7 @@
 #include <strings.h>
 
 #include "charset.h"
-#include "check.h"
+#include "checks.h"
 
 namespace {
 

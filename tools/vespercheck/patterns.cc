@@ -2,7 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "check.h"
+#include "checks.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "status_table.h"
+#include "table.h"
 
 #include <algorithm>
 #include <array>

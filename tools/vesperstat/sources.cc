@@ -1,4 +1,4 @@
-#include "status_sources.h"
+#include "sources.h"
 
 #include <sys/stat.h>
 

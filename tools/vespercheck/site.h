@@ -37,6 +37,9 @@ struct site_t {
     std::string place_of(const rule_t *rule) const;
 };
 
+// The hosts for which the loader looks, if none of them is found: those of its pagers, each once.
+std::vector<std::string> hosts_of(const outline_t &outline);
+
 // The configurations of this machine's other daemons: /etc/quillet.conf and those of instances, when
 // `path` is one of them, else none.
 std::vector<std::string> configurations_beside(const std::string &path);

@@ -1,7 +1,7 @@
 #include <arpa/inet.h>
 #include <strings.h>
 
-#include "check.h"
+#include "checks.h"
 
 namespace {
 

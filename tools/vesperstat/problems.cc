@@ -1,4 +1,4 @@
-#include "status_judge.h"
+#include "problems.h"
 
 #include <algorithm>
 #include <cctype>
