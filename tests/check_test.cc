@@ -228,4 +228,69 @@ TEST_F(Check, StatusAndReport) {
     run(64, "vespercheck -m x -l nobody " + path);
 }
 
+TEST_F(Check, WhatAMessageComesTo) {
+    const std::string path = dir.write(
+        "conf",
+        "[logger]\nlog_file = /dev/null\nlog_level = 0\n"
+        "[P]\nhost = 10.0.0.1\nspool_dir = /s\nstaging_dir = /t\nrules = rule_fx,rule_s,x,rule_e\n"
+        "default_rule = rule_k\n[q]\nhost = 10.0.0.2\nprotocol = ascii\nport = 7\n"
+        "default_rule = rule_s\n[r]\nhost = 10.0.0.1\n[n]\nport = 1\n"
+        "[rule_f]\naction = call\npattern = F([A-Z])\nvalue[v] = (B)\nextension = $v\n"
+        "[rule_s]\naction = script\npattern = SC\ncallscript = run %number% '%message%'\n"
+        "[rule_e]\naction = call\npattern = B$\nquote = yes\nextension = /../%message%\n"
+        "[rule_k]\n");
+    const std::string try_on = "vespercheck " + path + " -l ";
+    const std::pair<std::string, const char *> rows[] = {
+        {"p -m FAFB",
+         "Line p:\n  rule_fx (rule_f): match index 2, groups 'AB'\n  rule_s: match index 0\n  x "
+         "finds no "
+         "rule\n  rule_e: match index 1\n  Selected: rule_f, its last match is the longest, 2 "
+         "characters\n  $v = 'B'\n  Call file /s/call_B_#:\n    Channel: Local/1234@users\\r\n    "
+         "Context: alarm\\r\n    Extension: B\\r\n    CallerID: \"1000\" <1000>\\r\n"
+         "    Priority: 1\\r\n    MaxRetries: 0\\r\n"},
+        {"p -m FASC",
+         "  Selected: rule_f, the first of those with the longest last match, 2 "
+         "characters\n"},
+        {"p -m B",
+         "  Selected: rule_e, its last match is the longest, 1 character\n"
+         "  Call file outside of spool_dir, not written, /s/"},
+        {"p -m x",
+         "  Selected: rule_k, no listed rule matches: the default rule\n"
+         "  Nothing is done\n"},
+        {"Q -m \"$(printf 'a\\004234')\"",
+         "Line q:\n  Selected: rule_s, the list names no rule: the default rule\n"
+         "  Command:\n    run  'a\\x04234'\n"},
+        {"q -m 123", "Line q:\n  Selected: none, an ASCII line takes messages of "},
+        {"r -a 1 -m SC",
+         "Line r:\n  Selected: none, the list names no rule, and there is no "
+         "default rule\n  The message is dropped\n"},
+        {"p -a 7 -m SC --json",
+         R"({"file": "#","message": "SC","address": "7","lines": [{"line": "p","tried": [)"
+         R"({"listed": "rule_fx","rule": "rule_f","index": 0,"groups": ""},{"listed": "rule_s",)"
+         R"("rule": "rule_s","index": 2,"groups": ""},{"listed": "x","rule": null,"index": )"
+         R"(0,"groups": ""},{"listed": "rule_e","rule": "rule_e","index": 0,"groups": ""}])"
+         R"(,"selected": "rule_s","why": "its last match is the longest, 2 characters",)"
+         R"("action": "script","values": {},"command": {"line": "run 7 'SC'","is_run": true})"},
+        {"p -m FB --json", R"("values": {"v": "B"},"call_file": {"path": "/s/call_B_#","content")"},
+        {"r -m FB --json", R"("selected": null,"why": "the list names)"},
+    };
+    for (const auto &[options, expected] : rows) {
+        std::string shown = run(0, try_on + options);
+        if (options.ends_with("--json")) {
+            shown = std::regex_replace(shown, std::regex("\n *"), "");
+        }
+        shown = std::regex_replace(shown, std::regex(path + "|1[0-9]{9}_0"), "#");
+        EXPECT_THAT(shown, HasSubstr(expected)) << options;
+    }
+    EXPECT_EQ(run(0, "vespercheck --converters " + path), "10.0.0.1\n10.0.0.2\n");
+    EXPECT_THAT(run(0, "vespercheck -m FB " + path),
+                AllOf(HasSubstr("line n has no host and is left out\n"), HasSubstr("\nLine r:")));
+    EXPECT_THAT(run(2, "vespercheck --no-resolve " + path),
+                HasSubstr("\nLines:\n  p: 10.0.0.1 port 2233, ESPA 4.4.4\n    1. rule_f (call)\n"
+                          "    2. rule_s (script)\n    3. rule_e (call)\n    otherwise rule_k "
+                          "(skip)\n  q: 10.0.0.2 port 7, ASCII lines\n    otherwise rule_s "
+                          "(script)\n  r: 10.0.0.1 port 2233, ESPA 4.4.4\n    otherwise messages "
+                          "are dropped\nLog: /dev/null, level 0\n"));
+}
+
 }  // namespace

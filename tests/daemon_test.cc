@@ -71,10 +71,6 @@ TEST_F(Daemon, CommandLinesOfBothPrograms) {
              "; vesperd -m x -c " + dir.write("open", logging_to("/var/log/open/log")) +
              "; cd /var/log; find -type f -printf \"%p %u %m\\\\n\"'",
          "./x/log ovo 640\n"},
-        {2, "espasend --message x", "give either --listen or --device (try --help)\n"},
-        {2, "espasend --listen 70000", "not '70000' (try --help)\n"},
-        {1, "espasend --listen 0 --wait 1 --message x", "nobody connected within 1 seconds\n"},
-        {1, "espasend --device /dev/ptmx --wait 1 --message x", "no answer within 1 seconds\n"},
     };
     for (const auto &[status, command, output] : rows) {
         EXPECT_THAT(run(status, command), EndsWith(output)) << command;

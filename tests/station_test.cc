@@ -1,0 +1,123 @@
+// The station of espasend on a socket pair, and what the programs say of themselves.
+
+#include "espasend/control_station.h"
+
+#include "support.h"
+
+namespace {
+
+TEST(Station, SendsCallsAndSaysWhatWentWrong) {
+    const std::string select = "<EOT>1<ENQ><EOT>1<ENQ>";  // the first call asks how many ACKs
+    const std::string packet =
+        "<SOH>1<STX>1<US>7<RS>2<US>m<RS>3<US>b<RS>4<US>t<RS>5<US>n<RS>6<US>p";
+    const struct {
+        std::string message, answers, error, trace;
+        int repeats = 0, garbled = 0;
+    } rows[] = {
+        {"m", "<EOT><ACK><EOT><ACK><ACK><EOT>", "", "-> EOT\n<- EOT\n-> '1' ENQ\n<- ACK\n"},
+        {"m", "x<EOT><ACK><ACK><EOT><ACK><ACK><ACK><EOT>", "", "-> EOT\n<- 'x' EOT\n"},
+        {"m", "<EOT><ACK><EOT><ACK><NAK><ACK><EOT>", "", "<- NAK\nnot acknowledged, rep", 1, 1},
+        {"m", "<EOT><ACK><EOT><ACK><NAK><NAK>", "not acknowledged, after 1 repeats", "", 1},
+        {"m", "<EOT><ACK><EOT><ACK><9B>", "expected ACK, got 0x9b", "<- 0x9b\n"},
+        {"m", "<EOT>2", "expected ACK, got '2'", ""},
+        {"m", "", "no echo of EOT: the line was closed", ""},
+        {"m", "<EOT><ACK>", "no echo of EOT: the line was closed", ""},
+        {"m", "<EOT>", "no ACK: the line was closed", ""},
+        {"m", "<EOT><ACK><EOT><ACK>", "no ACK: the line was closed", ""},
+        {std::string(997, 'm'), "<EOT><ACK><EOT><ACK><ACK><EOT>", "", ""},
+        {std::string(998, 'm'), "", "the call does not fit into a packet of 1024 bytes", ""},
+    };
+    for (const auto &row : rows) {
+        const pair_t line;
+        send_bytes(line.far, wire(row.answers));
+        shutdown(line.far.get(), SHUT_WR);
+        const unique_file_t trace(tmpfile());
+        control_station_t station(line.near.get(), 1, trace.get());
+        station.set_repeats(row.repeats, row.garbled);
+        const bool is_sent = station.send_call({"7", row.message, "b", "t", "n", "p"});
+        EXPECT_EQ(joined(is_sent, station.error()), joined(row.error.empty(), row.error));
+        rewind(trace.get());
+        std::string traced(4096, '\0');
+        traced.resize(fread(traced.data(), 1, traced.size(), trace.get()));
+        EXPECT_THAT(traced, HasSubstr(row.trace));
+        const std::string sent = read_available(line.far);
+        if (is_sent && row.message == "m") {
+            const std::string good = wire(packet + "<ETX>{");
+            const std::string begun = row.garbled > 0 ? wire(packet + "<ETX>z") : "";
+            EXPECT_EQ(sent, wire(select) + begun + good + wire("<EOT>"));
+        }
+        EXPECT_TRUE(station.is_closed());
+    }
+    const pair_t silent;
+    control_station_t station(silent.near.get(), 1, nullptr);
+    EXPECT_FALSE(station.send_line("a") && station.end_transmission());
+    EXPECT_EQ(station.error(), "no echo of EOT: no answer within 1 seconds");
+    EXPECT_EQ(read_available(silent.far), wire("a\r\n<EOT>"));
+    EXPECT_FALSE(station.is_closed());
+}
+
+// The options of a program, each once and in order, as `pattern` finds them in a text.
+texts_t options_in(const std::string &text, const std::string &pattern) {
+    const std::regex option(pattern);
+    std::set<std::string> found;
+    for (std::sregex_iterator match(text.begin(), text.end(), option), end; match != end; ++match) {
+        found.insert((*match)[1]);
+    }
+    return {found.begin(), found.end()};
+}
+
+TEST(Programs, HelpManualPageAndCompletionAgree) {
+    for (const char *program : {"espasend", "vesperstat", "vespercheck"}) {
+        const std::string help = run(0, program + " --help"s);
+        EXPECT_EQ(help, run(0, program + " -h"s));
+        const texts_t options = options_in(help, "(?:^|\n)  (?:-[a-zA-Z], |    )--([a-z-]+)");
+        EXPECT_GE(options.size(), 8U) << help;
+        const std::string page = read_file(SOURCE_DIR "/man/"s + program + ".1");
+        EXPECT_EQ(options_in(page, "\n\\.It Fl (?:[a-zA-Z] [^\n]*, )?(?:Fl )?-([a-z-]+)"), options);
+        const std::string completion = read_file(SOURCE_DIR "/completion/"s + program);
+        EXPECT_EQ(options_in(completion.substr(completion.rfind("compgen -W")), "--([a-z-]+)"),
+                  options);
+    }
+    EXPECT_THAT(run(0, "espasend --help"),
+                AllOf(StartsWith("Usage: espasend --listen PORT"),
+                      HasSubstr("\n  -l, --listen PORT       wait for vesperd to connect, as a "
+                                "converter does;\n                          port 0 picks"),
+                      HasSubstr("\n      --interval SECONDS  pause between")));
+}
+
+TEST(Programs, RefuseArguments) {
+    const struct {
+        int status;
+        std::string command, words;
+    } rows[] = {
+        {2, "espasend --message x", "espasend: give either --listen or --device (try --help)\n"},
+        {2, "espasend -m x -l 1 -D x", "give either --listen or --device"},
+        {2, "espasend --listen 70000", "a number from 0 to 65535, not '70000' (try --help)\n"},
+        {2, "espasend --garble -1", "--garble takes a number from 0"},
+        {2, "espasend --count 1x", "not '1x'"},
+        {2, "espasend --listen 1", "give at least one --message"},
+        {2, "espasend --listen 1 -Am x --garble 1", "--garble needs a block check character"},
+        {2, "espasend --listen 1 --message x --type \"$(printf 't\\t')\"", "control characters"},
+        {2, "espasend --listen", "option '--listen' needs an argument"},
+        {2, "espasend -x", "option '-x' is none"},
+        {2, "espasend --ascii=no", "option '--ascii=no' is none"},
+        {1, "espasend --bind nowhere --listen 0 -m x", "not an IPv4 address: nowhere\n"},
+        {1, "espasend --listen 0 --wait 1 --message x", "nobody connected within 1 seconds\n"},
+        {1, "espasend --device /dev/ptmx --wait 1 -m x", "no answer within 1 seconds\n"},
+        {1, "espasend --device /dev/ptmx --baud 1300 -m x", "no such baud rate: 1300\n"},
+        {1, "espasend --device /dev/null -m x", "cannot open serial device /dev/null: "},
+        {3, "vesperstat --watch --check", "--check is done once, without --watch"},
+        {3, "vesperstat --check --json", "give either --json or --check"},
+        {3, "vesperstat $(printf '\\302\\233')", "unexpected argument '?'"},
+        {3, "vesperstat $(printf -- '--\\033x')", "option '--?x' is none"},
+        {64, "vespercheck a b", "one file at a time, not b too"},
+        {64, "vespercheck -i ../a", "no instance can have the name '../a'"},
+        {64, "vespercheck -l a", "--line needs --message"},
+        {64, "vespercheck --converters -m x", "--converters is asked alone"},
+    };
+    for (const auto &row : rows) {
+        EXPECT_THAT(run(row.status, row.command), HasSubstr(row.words)) << row.command;
+    }
+}
+
+}  // namespace
