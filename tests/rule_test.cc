@@ -1,6 +1,7 @@
 // From a message to what is done: patterns, selection of a rule, placeholders and service alarms.
 
 #include "rule.h"
+#include "re_memory.h"
 
 #include "action.h"
 #include "alarm.h"
@@ -255,6 +256,54 @@ TEST(Quoting, KeepsReplacementsFromTheTextAroundThem) {
         const placeholders_t with{ALARM_MESSAGE, "4711", message, nullptr};
         EXPECT_EQ(expand_template(line, size, fmt, with, quoting), fits) << fmt;
         EXPECT_STREQ(line, expanded) << fmt;
+    }
+}
+
+TEST(Pattern, IsCompiledWithoutATrialWhereItIsPlainlyHarmless) {
+    // What each is counted to come to, in pieces; 0: it has to be tried.
+    const std::pair<std::string, size_t> rows[] = {
+        {"", 1},
+        {"^ab$", 5},
+        {"^a|b$|c", 8},
+        {"a+", 3},
+        {"ab{2,3}", 20},
+        {"a{,12}c", 290},
+        {"a{2", 9},
+        {"(ab)c", 5},
+        {"(a+b)?", 9},
+        {"(ab)?c?", 9},
+        {"((a))+", 7},
+        {"a)", 3},
+        {"[^]a+]+", 3},
+        {"[[:alpha:](|*]", 2},
+        {"[[.].]*]b", 3},
+        {"[a", 2},
+        {"[[:a", 2},
+        {"\\(\\|\\.", 4},
+        {"\\", 2},
+        {"a\\b", 0},
+        {"a^", 0},
+        {"(^a)", 0},
+        {"(a$)", 0},
+        {"a$b", 0},
+        {"$", 2},
+        {"a||b", 0},
+        {"|a", 0},
+        {"()", 0},
+        {"(|a)", 0},
+        {"a|", 3},
+        {"(a|)", 0},
+        {"a++", 0},
+        {"(a(b)+)*", 0},
+        {"(a+)(b)*", 8},
+        {std::string(499, 'a'), 500},
+        {std::string(500, 'a'), 0},
+    };
+    for (const auto &[text, pieces] : rows) {
+        const regex_cost_t cost = regex_cost(text.c_str(), false);
+        EXPECT_EQ(joined(cost.error == 0, cost.is_final, cost.bytes / 2'000),
+                  joined(pieces > 0, pieces > 0, pieces))
+            << text;
     }
 }
 
