@@ -17,7 +17,7 @@ const std::string RULES =
     "callscript = 'echo $$ > @pid; exec sleep 1000'\n";
 
 // What becomes of the first connection. It ends, or else the good message comes on the same one.
-enum first_t { STAYS, IS_SLOW, IS_CLOSED, IS_RESET, IS_GIVEN_UP, IS_URGENT };
+enum first_t { STAYS, IS_SLOW, IS_POLLED, IS_CLOSED, IS_RESET, IS_GIVEN_UP, IS_URGENT };
 enum good_t { NONE, ESPA, ASCII };
 
 struct fault_t {
@@ -31,10 +31,10 @@ struct fault_t {
 void deliver(const unique_fd_t &sock, const fault_t &fault, const daemon_t &daemon, size_t line) {
     const std::string text = "GOOD " + std::to_string(line);
     std::string bytes = fault.good == ESPA ? compose_packet(to("1", text)) : text + "\n";
-    for (int i = 0; i < 2 && fault.first == IS_SLOW; i++) {
+    for (int i = 0; i < 2 && (fault.first == IS_SLOW || fault.first == IS_POLLED); i++) {
         std::this_thread::sleep_for(std::chrono::seconds(8));
-        send_bytes(sock, bytes.substr(0, 1));
-        bytes.erase(0, 1);
+        send_bytes(sock, fault.first == IS_POLLED ? "1\x05" : bytes.substr(0, 1));
+        bytes.erase(0, fault.first == IS_POLLED ? 0 : 1);
     }
     send_bytes(sock, bytes);
     daemon.call(std::to_string(line));
@@ -100,7 +100,7 @@ std::vector<fault_t> line_faults() {
         {"silent", "", "", IS_GIVEN_UP, ESPA, "Call service action \n"},
         {"silent_ascii", IN_ASCII + "read_timeout = yes", "", IS_GIVEN_UP, ASCII},
         {"slow", "", "", IS_SLOW, ESPA},
-        {"wrong_check", "", wire("<SOH>1<STX>2<US>GOOD 99<ETX><00>"), STAYS, ESPA,
+        {"wrong_check", "", wire("<SOH>1<STX>2<US>GOOD 99<ETX><00>"), IS_POLLED, ESPA,
          "ESPA packet BCC is WRONG. won't process"},
         {"too_long", "", "\x01" + std::string(1500, 'x'), IS_GIVEN_UP, ASCII},
         {"without_etx", "no_check_bcc = yes", wire("<SOH>1<STX>2<US>" + std::string(1019, 'x')),

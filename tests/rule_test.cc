@@ -236,6 +236,16 @@ TEST_F(Action, StatusFeedback) {
                                  "VERBOSE: Call service action general_error\n"));
 }
 
+TEST_F(Action, AlarmForACall) {
+    load("[p]\nhost = 1.2.3.4\nsend_service_actions = y\ndefault_rule = rule_a\nspool_dir = " +
+         dir.path() + "\n[rule_a]\naction = call\nextension = %alarm%_%number%_%message%\n");
+    espa_p packet{};
+    copy_text(packet.record.call_address, "47");
+    copy_text(packet.record.display_message, "FIRE");
+    call_script(&pagers[0], ALARM_GENERAL_ERROR, &packet);
+    EXPECT_THAT(dir.list("call_"), ElementsAre(StartsWith("call_general_error_47_FIRE_")));
+}
+
 TEST(Quoting, KeepsReplacementsFromTheTextAroundThem) {
     const struct {
         quoting_t quoting;
