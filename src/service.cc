@@ -91,7 +91,6 @@ void swap_to_ascii(line_t *line) {
     LOG_SERVICE(LEVEL_ERROR, "Perhaps protocol selection is wrong\n");
     LOG_SERVICE(LEVEL_ERROR, "Trying to swap to ASCII. PLEASE check configuration\n");
     store_shared(&line->connection.pager->protocol, PROTOCOL_ASCII);
-    note_protocol(PROTOCOL_ASCII);
 }
 
 void report_failure(const line_t *line, int result) {

@@ -38,6 +38,8 @@ TEST_F(Daemon, CommandLinesOfBothPrograms) {
         "unshare -m sh -c 'mount -t tmpfs -o mode=755 none /var/log && cd /var/log && mkdir -m 755 "
         "x && "
         "mkdir -m 775 open; umask 027; exec \"$@\"' sh ";
+    fs::permissions(dir.write("own", logging_to("/dev/null")), fs::perms(0600));
+    EXPECT_EQ(chown(dir.path("own").c_str(), getpwnam("ovo")->pw_uid, gid_t(-1)), 0);
     const std::string usage = "\t-h, --help\t\t\tshow this text\n\n\n";
     const std::string head = "' at pager 'p'\nRules: rule_script,rule_skip\ndefault rule: \n";
     const struct {
@@ -62,6 +64,9 @@ TEST_F(Daemon, CommandLinesOfBothPrograms) {
          "No user ovo\n"},
         {0, "setpriv --reuid=nobody --clear-groups vesperd -fdc " + conf,
          "Unable to set uid to user ovo\n\n"},
+        {0,
+         "setpriv --bounding-set=-dac_override,-dac_read_search vesperd -m x -c " + dir.path("own"),
+         "No matching rules found. Just skip\n"},
         {0, only_root + "vesperd -m x -c " + dir.write("linked", logging_to(dir.path("link"))),
          "No matching rules found. Just skip\n"},
         {0, only_root + "vesperd -m x -c " + dir.write("named", logging_to(dir.path("locked/x"))),

@@ -85,6 +85,7 @@ TEST_F(Neighbours, AreFoundByHostAndPort) {
         {"192.0.2.1\nport = 0x8b9", "\\[p\\] connects .* \\[a\\] of "},
         {"192.0.2.1\nport = 2234", ""},
         {"192.0.2.2", ""},
+        {"192.0.513", "\\[a\\] of "},
         {"converter\nport = 4001", "\\[b\\] of .*other .line 3."},
         {"converter", ""},
     };

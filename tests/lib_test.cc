@@ -36,6 +36,10 @@ TEST(Pidfile, OfAnotherInstanceIsLeftAlone) {
     EXPECT_TRUE(fs::exists(file));
     EXPECT_EQ(daemon_close(), 0);
     EXPECT_FALSE(fs::exists(file));
+    for (const std::string &name : {dir.path("none/x"), "/" + std::string(5000, 'x')}) {
+        EXPECT_EQ(daemon_pidfile(name.c_str()), -1);
+    }
+    EXPECT_EQ(daemon_pidfile(nullptr), -1);
 }
 
 std::string handled;
@@ -64,6 +68,11 @@ TEST(Signals, AreCountedAndHandledLater) {
     sigset_t blocked;
     sigprocmask(SIG_BLOCK, nullptr, &blocked);
     EXPECT_EQ(sigismember(&blocked, SIGTERM), 0);
+    for (const int none : {-1, SIGRTMAX + 1}) {
+        EXPECT_EQ((ints_t{signal_set_handler(none, 0, note_signal), signal_addset(none, SIGHUP),
+                          signal_raise(none), signal_received(none)}),
+                  (ints_t{-1, -1, -1, -1}));
+    }
 }
 
 void log_every_level() {

@@ -1,7 +1,10 @@
 // The ESPA and ASCII readers on socket pairs, the block check and the parser.
 
+#include <netinet/tcp.h>
+
 #include <future>
 
+#include "link.h"
 #include "proto.h"
 #include "support.h"
 
@@ -69,6 +72,22 @@ TEST(Readers, GiveUpAfterSilence) {
         EXPECT_EQ(result.get(), 0);
     }
     EXPECT_GE(time(nullptr) - before, 14);
+}
+
+TEST(Link, SocketNoticesAConverterThatIsGone) {
+    const unique_fd_t sock(link_socket());
+    const auto option = [&](int level, int name) {
+        int value = 0;
+        socklen_t size = sizeof value;
+        EXPECT_EQ(getsockopt(sock.get(), level, name, &value, &size), 0);
+        return value;
+    };
+    EXPECT_EQ((ints_t{option(IPPROTO_TCP, TCP_NODELAY), option(SOL_SOCKET, SO_KEEPALIVE),
+                      option(IPPROTO_TCP, TCP_KEEPIDLE), option(IPPROTO_TCP, TCP_KEEPINTVL),
+                      option(IPPROTO_TCP, TCP_KEEPCNT), fcntl(sock.get(), F_GETFD)}),
+              (ints_t{1, 1, 60, 15, 4, FD_CLOEXEC}));
+    EXPECT_TRUE(link_is_short_of_descriptors(-1) && link_is_short_of_descriptors(FD_SETSIZE / 2));
+    EXPECT_FALSE(link_is_short_of_descriptors(3));
 }
 
 TEST(Readers, SignalsDoNotEndTheWait) {
