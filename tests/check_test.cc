@@ -118,6 +118,7 @@ TEST_F(Check, FindsWithItsPlace) {
         {QUOTED + "callscript = x $(y `z $(a`) \"%message%\n", "12 warning quoting: .*of its own"},
         {SCRIPT_RULE + "value[v] = (a)\ncallscript = `y $v`\n",
          "12 warning quoting: .*.v stands in backquotes"},
+        {QUOTED + "callscript = x $zone\n", "12 warning placeholder: .*no value.zone"},
         {QUOTED + "callscript = x %message% & \n", "12 warning background: callscript: "},
         {"[p]\nhost = 1.2.3.4\n", "1 warning spool-dir: "},
         {"[p]\nhost = ::1x\n[q]\nhost = ::1X\n", "4 warning same-converter: .*p. .line 1"},

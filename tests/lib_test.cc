@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include "daemon.h"
+#include "files.h"
 #include "ini.h"
 #include "printable.h"
 #include "sig.h"
@@ -172,6 +173,16 @@ TEST(Printable, ShowsWhatIsHidden) {
         escape_controls(text, [&](std::string_view piece) { pieces += piece; });
         EXPECT_EQ(pieces, escaped);
     }
+}
+
+TEST(Files, AreReadUpToALimit) {
+    const temp_dir_t dir;
+    const std::string path = dir.write("file", std::string(9000, 'x'));
+    std::string text = "before";
+    EXPECT_EQ(read_whole(path.c_str(), 0, 9000, &text), 0);
+    EXPECT_EQ(text, std::string(9000, 'x'));
+    EXPECT_EQ(read_whole(path.c_str(), 0, 8999, &text), -1);
+    EXPECT_EQ(errno, EFBIG);
 }
 
 struct Ini : Test {

@@ -201,6 +201,8 @@ TEST_F(Action, AlarmSlots) {
         slots.insert(alarm_slot(&pager, code).index);
     }
     EXPECT_EQ(slots.size(), 8u);
+    EXPECT_EQ(alarm_slot(&pager, ALARM_MESSAGE).index, &pager.event_alarms[0].index);
+    EXPECT_EQ(alarm_slot(&pager, ALARM_GENERAL_ERROR).last, &pager.event_alarms[3].last);
 }
 
 TEST_F(Action, SuppressionFiles) {

@@ -2,6 +2,9 @@
 
 #include "espasend/control_station.h"
 
+#include <netinet/in.h>
+
+#include "espasend/line.h"
 #include "support.h"
 
 namespace {
@@ -54,6 +57,18 @@ TEST(Station, SendsCallsAndSaysWhatWentWrong) {
     EXPECT_EQ(station.error(), "no echo of EOT: no answer within 1 seconds");
     EXPECT_EQ(read_available(silent.far), wire("a\r\n<EOT>"));
     EXPECT_FALSE(station.is_closed());
+}
+
+TEST(Station, WaitsAgainWhereItHasJustClosed) {
+    std::string error;
+    unique_fd_t listener = listen_on("127.0.0.1", 0, &error);
+    const int port = bound_port(listener.get());
+    const sockaddr_in to{AF_INET, htons(uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    const unique_fd_t peer(socket(AF_INET, SOCK_STREAM, 0));
+    ASSERT_EQ(connect(peer.get(), reinterpret_cast<const sockaddr *>(&to), sizeof to), 0);
+    accept_within(listener.get(), 1, &error).reset();  // the system keeps the port for a while
+    listener.reset();
+    EXPECT_TRUE(listen_on("127.0.0.1", port, &error)) << error;
 }
 
 // The options of a program, each once and in order, as `pattern` finds them in a text.
