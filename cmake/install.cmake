@@ -19,7 +19,7 @@ install(FILES man/espasend.1 man/vespercheck.1 man/vesperstat.1
 install(FILES completion/vesperd completion/espasend completion/vespercheck
     completion/vesperstat
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-install(FILES README.md docs/architecture.md docs/asterisk.md docs/high-availability.md
+install(FILES README.md docs/architecture.md docs/asterisk.md docs/espa.md docs/high-availability.md
     docs/instances.md docs/monitoring.md docs/performance.md docs/scaling.svg docs/security.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -89,6 +89,20 @@ const char *known_charset(const char *name) {
     return "";
 }
 
+// Logs on behalf of load_pager().
+void load_station(int address, int control, pager_t *pager) {
+    pager->espa_address = espa_digit(address);
+    pager->espa_control = espa_digit(control);
+    if (pager->protocol == PROTOCOL_ASCII) {
+        pager->espa_address = '\0';
+    } else if (address != NO_STATION &&
+               (pager->espa_address == '\0' || pager->espa_control == '\0')) {
+        LOG_AS(LEVEL_ERROR, "load_pager",
+               "espa_address and espa_control take a digit, not %d and %d\n", address, control);
+        pager->espa_address = '\0';
+    }
+}
+
 // Logs on behalf of load_pager(). Returns false when the host does not resolve.
 bool resolve_host(pager_t *pager) {
     const hostent *host = find_host(pager->host);
@@ -123,6 +137,8 @@ void store_settings(pager_t *pager, const pager_t &fresh) {
     copy_shared(&pager->ack_when_done, fresh.ack_when_done);
     copy_shared(&pager->staging_dir, fresh.staging_dir);
     copy_shared(&pager->charset, fresh.charset);
+    copy_shared(&pager->espa_address, fresh.espa_address);
+    copy_shared(&pager->espa_control, fresh.espa_control);
     copy_shared(&pager->configured_protocol, fresh.protocol);
     store_shared(&pager->socket, -1);
 }
@@ -278,6 +294,7 @@ int load_pager(const dictionary *dict, const char *section, pager_t *pager) noex
     fresh.ack_when_done = keys.boolean("ack_when_done");
     copy_text(fresh.staging_dir, keys.text("staging_dir"));
     copy_text(fresh.charset, known_charset(keys.text("charset")));
+    load_station(keys.integer("espa_address"), keys.integer("espa_control"), &fresh);
     if (!resolve_host(&fresh)) {
         return -1;
     }

@@ -46,7 +46,8 @@ endpoint_t endpoint_of(const pager_t *pager) noexcept {
 }
 
 bool connection_recovers(const connection_t *connection) noexcept {
-    return load_shared(connection->pager->recover_link) != 0;
+    return load_shared(connection->pager->recover_link) != 0 ||
+           load_shared(connection->pager->espa_address) != '\0';
 }
 
 bool connection_is_reloaded(const connection_t *connection) noexcept {

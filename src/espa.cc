@@ -49,6 +49,12 @@ int checkBCC(const char *packet, int maxPacketSize) noexcept {
     return block.etx > 0 && (packet[block.etx + 1] & CHECK_MASK) == block.sum ? 1 : 0;
 }
 
+bool is_packet_formed(std::string_view packet) noexcept {
+    constexpr size_t LEAST = 5;  // SOH, header, STX, ETX, check character
+    return packet.size() >= LEAST && packet[1] >= ' ' && packet[2] == STX &&
+           packet[packet.size() - 2] == ETX;
+}
+
 int appendBCC(char *packet, int maxPacketSize) noexcept {
     const block_check_t block = scan_block(packet, maxPacketSize);
     if (block.etx == 0) {

@@ -5,6 +5,8 @@
 //   SOH '1' STX '1' US 4711 RS '2' US Fire alarm ETX bcc
 #pragma once
 
+#include <string_view>
+
 enum : char {
     SOH = 0x01,
     STX = 0x02,
@@ -46,6 +48,10 @@ struct espa_p {
 //   maxPacketSize  ETX is searched up to index maxPacketSize + 1
 // Returns 1 when it is right, 0 when it is wrong, SOH is missing or no ETX is found.
 int checkBCC(const char *packet, int maxPacketSize) noexcept;
+
+// Whether a packet has what makes it one: a header, STX behind it, and ETX before the check character at
+// its end.
+bool is_packet_formed(std::string_view packet) noexcept;
 
 // Stores the block check character of a packet in the byte after its ETX. Arguments as for
 // checkBCC(). Returns 1, or 0 when SOH is missing or no ETX is found.

@@ -34,6 +34,10 @@ bool is_syslog(const char *log_type) noexcept {
     return strcasecmp(log_type, "syslog") == 0;
 }
 
+char espa_digit(int number) noexcept {
+    return number >= 0 && number <= 9 ? static_cast<char>('0' + number) : '\0';
+}
+
 std::string_view value_name(std::string_view entry) noexcept {
     const std::string_view seen = entry.substr(0, MAX_VALUE_KEY);
     const size_t open = seen.rfind('[');

@@ -40,6 +40,7 @@ constexpr std::string_view VALUE_KEY_PREFIX = "value[";
 
 constexpr const char *DEFAULT_LOG_FILE = "/var/log/quillet.log";
 constexpr int DEFAULT_LOG_LEVEL = 5;
+constexpr int NO_STATION = -1;  // of an ESPA line that follows no procedure
 
 namespace keys {
 
@@ -47,7 +48,7 @@ using enum section_kind_t;
 using enum reading_t;
 
 // In the order of the manual.
-constexpr std::array<config_key_t, 31> TABLE = {{
+constexpr std::array<config_key_t, 33> TABLE = {{
     {LOGGER, "log_type", TEXT, 0, "file", 0, "file syslog"},
     {LOGGER, "log_level", NUMBER, 0, nullptr, DEFAULT_LOG_LEVEL},
     {LOGGER, "log_file", TEXT, 0, DEFAULT_LOG_FILE},
@@ -60,6 +61,8 @@ constexpr std::array<config_key_t, 31> TABLE = {{
     {PAGER, "protocol", TEXT, 0, "espa", 0, "espa ascii"},
     {PAGER, "no_check_bcc", YES_NO, 0, nullptr, 0},
     {PAGER, "espa_poll", YES_NO, 0, nullptr, 0},
+    {PAGER, "espa_address", NUMBER, 0, nullptr, NO_STATION},
+    {PAGER, "espa_control", NUMBER, 0, nullptr, 1},
     // Seconds: yes gives 1, no gives 0, any other word or number gives 30.
     {PAGER, "read_timeout", YES_NO, 0, nullptr, 30},
     {PAGER, "spool_dir", TEXT, sizeof pager_t::spool_dir, "/tmp/"},
@@ -120,6 +123,9 @@ section_kind_t section_kind(std::string_view name) noexcept;
 int parse_protocol(std::string_view text) noexcept;  // any beginning of "ascii", the empty one too
 int parse_action(std::string_view text) noexcept;    // what begins with "call", "script"
 bool is_syslog(const char *log_type) noexcept;
+
+// The address that a number is on an ESPA line, '0' to '9'; zero for any other number.
+char espa_digit(int number) noexcept;
 
 // The name that a value key gives: the text between the last '[' and the next ']' of its first 255
 // characters, which the section's name and a colon are counted in.

@@ -19,7 +19,7 @@ void dispatch(pager_t *pager, int alrm, const char *number, const char *message,
     count_message();
     rule_t rule;
     if (!choose_rule(pager, message, &rule)) {
-        answer->give(true);
+        answer->give(verdict_t::TAKEN);
         LOG_FROM(LEVEL_ERROR, "vesperd", "process_message", "empty rules for pager");
         my_stats().unmatched.add();
         journal_write({pager, alrm, number, message, nullptr, {}, answer->received_us()});

@@ -18,15 +18,6 @@ constexpr char POLL_ADDRESS = '2';
 constexpr char SELECT_ADDRESS = '1';
 constexpr std::string_view POLL_REPLY = "2\x05\x1F";  // the address, ENQ and US
 
-ssize_t read_byte(int sock, char *byte) {
-    ssize_t got = 0;
-    do {
-        got = read(sock, byte, 1);
-    } while (got < 0 && errno == EINTR);
-    my_stats().received_bytes.add(got > 0 ? 1 : 0);
-    return got;
-}
-
 void reply(int sock, char byte) {
     write_reply(sock, {&byte, 1});
 }
@@ -35,7 +26,7 @@ void answer_request(int sock, char address, int *polls, int espa_poll) {
     constexpr const char *function = "espa_read_packet";
     LOG_AS(LEVEL_DEBUG, function, "Got ENQ request address %c", address);
     count_up_shared(polls);
-    my_stats().polls.add();
+    count_request(address);
     if (espa_poll != 0) {
         LOG_AS(LEVEL_DEBUG, function, "0 Read %x", shown_byte(ENQ));
         if (address == POLL_ADDRESS) {
@@ -136,6 +127,15 @@ int wait_data(int sock) noexcept {
         return -1;
     }
     return has_data;
+}
+
+ssize_t read_byte(int sock, char *byte) noexcept {
+    ssize_t got = 0;
+    do {
+        got = read(sock, byte, 1);
+    } while (got < 0 && errno == EINTR);
+    my_stats().received_bytes.add(got > 0 ? 1 : 0);
+    return got;
 }
 
 void write_reply(int sock, std::string_view bytes) noexcept {

@@ -4,6 +4,8 @@
 // in the socket for the next call.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string_view>
 
 #include "espa.h"
@@ -13,6 +15,9 @@
 // Returns a positive number when it can, 0 when nothing arrived, negative on an error or an
 // exceptional condition.
 int wait_data(int sock) noexcept;
+
+// Reads a byte, whatever signals come, and counts it. Returns as read(2) does.
+ssize_t read_byte(int sock, char *byte) noexcept;
 
 // Writes bytes to a line, one write each. Errors are ignored, and bytes that the peer leaves no
 // room for are dropped: neither a peer that reset the connection nor one that never reads may hold

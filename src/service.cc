@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "action.h"
@@ -13,6 +14,7 @@
 #include "message.h"
 #include "proto.h"
 #include "service_log.h"
+#include "station_reader.h"
 #include "stats.h"
 
 std::atomic<int> doexit;
@@ -29,6 +31,7 @@ struct line_t {
     connection_t connection;
     char buffer[PACKET_BUFFER_SIZE];
     charset_t charset;
+    std::optional<station_line_t> station;  // while the pager has an espa_address
 };
 
 bool is_silent_for_more_than(const pager_t *pager, int seconds) {
@@ -68,7 +71,7 @@ void handle_espa_packet(line_t *line, owed_answer_t *answer) {
     if (load_shared(pager->no_check_bcc) != 0) {
         LOG_SERVICE(LEVEL_EVENT, "ESPA packet BCC check is OFF");
     } else if (checkBCC(line->buffer, PACKET_SIZE) == 0) {
-        answer->give(false);
+        answer->give(verdict_t::GARBLED);
         my_stats().check_errors.add();
         call_service_action(pager, ALARM_TRANSMISSION_ERROR);
         LOG_SERVICE(LEVEL_ERROR, "ESPA packet BCC is WRONG. won't process\n");
@@ -82,7 +85,7 @@ void handle_espa_packet(line_t *line, owed_answer_t *answer) {
     if (packet.header_type == CALL_HEADER) {
         handle_call_record(line, packet.record, answer);
     } else {
-        answer->give(true);
+        answer->give(verdict_t::TAKEN);
     }
 }
 
@@ -98,6 +101,12 @@ void report_failure(const line_t *line, int result) {
     LOG_SERVICE(LEVEL_ERROR, "Line of pager %s to %s:%u %s. Connecting again\n",
                 table_text(line->connection.pager->name).text, to.host, to.shown_port,
                 result == ESPA_UNEXPECTED ? "brought a byte out of place" : "was closed or failed");
+}
+
+void drop_when_silent(line_t *line) {
+    if (is_silent_for_more_than(line->connection.pager, SILENCE_LIMIT_SECONDS)) {
+        connection_drop(&line->connection, ALARM_TRANSMISSION_ERROR);
+    }
 }
 
 void serve_espa(line_t *line) {
@@ -119,8 +128,44 @@ void serve_espa(line_t *line) {
             swap_to_ascii(line);
         }
         connection_drop(&line->connection, ALARM_CONNECTION_LOST);
-    } else if (result == 0 && is_silent_for_more_than(pager, SILENCE_LIMIT_SECONDS)) {
-        connection_drop(&line->connection, ALARM_TRANSMISSION_ERROR);
+    } else if (result == 0) {
+        drop_when_silent(line);
+    }
+}
+
+// Takes a packet of a line that follows the procedure, which is answered as the packet deserves.
+void handle_addressed_packet(line_t *line, int etx) {
+    const pager_t *pager = line->connection.pager;
+    owed_answer_t answer(line->connection.sock, &line->station->station, microseconds_passed());
+    const std::string_view packet(line->buffer, static_cast<size_t>(etx) + 2);
+    const bool is_right =
+        load_shared(pager->no_check_bcc) != 0 || checkBCC(line->buffer, PACKET_SIZE) != 0;
+    if (is_right && !is_packet_formed(packet)) {
+        LOG_SERVICE(LEVEL_ERROR, "ESPA packet makes no sense. won't process\n");
+        answer.give(verdict_t::SENSELESS);
+        return;
+    }
+    if (is_right && load_shared(pager->ack_when_done) == 0) {
+        answer.give(verdict_t::TAKEN);
+    }
+    handle_espa_packet(line, &answer);
+}
+
+void serve_station(line_t *line) {
+    pager_t *pager = line->connection.pager;
+    if (!line->station || !line->station->is_current()) {
+        line->station.emplace(pager);
+    }
+    const int result = station_read_packet(&*line->station, line->connection.sock, line->buffer);
+    if (result > 1) {
+        handle_addressed_packet(line, result);
+    } else if (connection_is_reloaded(&line->connection)) {
+        return;
+    } else if (result < 0) {
+        report_failure(line, result);
+        connection_drop(&line->connection, ALARM_CONNECTION_LOST);
+    } else if (result == 0) {
+        drop_when_silent(line);
     }
 }
 
@@ -185,12 +230,19 @@ void serve_turn(line_t *line) {
     if (connection_is_reloaded(&line->connection)) {
         connection_abandon(&line->connection);
     }
-    if (line->connection.sock < 0 && !connection_open(&line->connection)) {
-        return;
+    if (line->connection.sock < 0) {
+        if (line->station) {
+            line->station->forget();
+        }
+        if (!connection_open(&line->connection)) {
+            return;
+        }
     }
     const int protocol = load_shared(line->connection.pager->protocol);
     note_protocol(protocol);
-    if (protocol == PROTOCOL_ESPA) {
+    if (protocol == PROTOCOL_ESPA && load_shared(line->connection.pager->espa_address) != '\0') {
+        serve_station(line);
+    } else if (protocol == PROTOCOL_ESPA) {
         serve_espa(line);
     } else {
         serve_ascii(line);
@@ -202,7 +254,7 @@ void serve_turn(line_t *line) {
 
 void *service_proc(void *argument) noexcept {
     pager_t *pager = static_cast<pager_t *>(argument);
-    line_t line{{pager, load_shared(pager->socket)}, {}, {}};
+    line_t line{{pager, load_shared(pager->socket)}, {}, {}, {}};
     stats_serve(pager);
     LOG_SERVICE(LEVEL_VERBOSE, "Starting thread for pager %s\n", table_text(pager->name).text);
     call_service_action(pager, ALARM_STARTED);

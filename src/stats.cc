@@ -55,6 +55,11 @@ void note_protocol(int protocol) noexcept {
     }
 }
 
+void count_request(char address) noexcept {
+    my_stats().polls.add();
+    my_stats().requests[static_cast<size_t>(address - '0')].add();
+}
+
 void count_alarm(int alrm, alarm_result_t result) noexcept {
     my_stats().alarms[static_cast<size_t>(alarm_row(alrm))][static_cast<size_t>(result)].add();
 }

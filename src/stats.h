@@ -38,6 +38,8 @@ struct alignas(64) line_stats_t {  // threads do not share cache lines
     counter_t check_errors;
     counter_t messages;
     counter_t unmatched;
+    counter_t noise_bytes;               // that belong to nothing, on a line with an espa_address
+    std::array<counter_t, 10> requests;  // by their address
     std::array<std::array<counter_t, 2>, RULE_ACTIONS> actions;  // failed, ok
     std::array<std::array<counter_t, ALARM_RESULTS>, ALARM_EVENTS> alarms;
     std::atomic<int64_t> last_message_ms = 0;  // since the epoch, 0: none yet
@@ -79,6 +81,10 @@ class acting_t {
 
 // Notes the protocol that the calling thread's line speaks, and since when.
 void note_protocol(int protocol) noexcept;
+
+// Counts a request, that is an address and ENQ.
+//   address  '0' to '9'
+void count_request(char address) noexcept;
 
 // Counts what became of an alarm of the calling thread's line.
 void count_alarm(int alrm, alarm_result_t result) noexcept;

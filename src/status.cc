@@ -177,6 +177,23 @@ void expose_counters(exposition_t *out, const lines_t &lines) {
     }
 }
 
+// Who is spoken to on a line: of the addresses those that have been heard.
+void expose_requests(exposition_t *out, const lines_t &lines) {
+    out->begin("line_noise_bytes_total", "counter",
+               "Bytes that belong to nothing, on a line with espa_address.");
+    for (const shown_line_t &line : lines) {
+        out->sample(line.label, line.stats->noise_bytes.get());
+    }
+    out->begin("line_requests_total", "counter", "Requests heard, by the address before the ENQ.");
+    for (const shown_line_t &line : lines) {
+        for (size_t address = 0; address < line.stats->requests.size(); address++) {
+            if (const uint64_t count = line.stats->requests[address].get(); count > 0) {
+                out->sample(line.label + ",address=\"" + std::to_string(address) + "\"", count);
+            }
+        }
+    }
+}
+
 void expose_actions(exposition_t *out, const lines_t &lines) {
     out->begin("line_actions_total", "counter", "Actions of rules, for messages and alarms.");
     for (const shown_line_t &line : lines) {
@@ -230,6 +247,7 @@ std::string content_of(bool is_up) {
     for (const shown_line_t &line : lines) {
         out.sample_seconds(line.label, line.stats->last_message_ms);
     }
+    expose_requests(&out, lines);
     return std::move(out.text());
 }
 

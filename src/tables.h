@@ -94,6 +94,9 @@ struct pager_t {
     char staging_dir[1024];         // where call files are written; empty: in `spool_dir`
     int configured_protocol;        // what `protocol` was loaded as
     char charset[64];               // of messages and call addresses; empty: bytes as they are
+    char
+        espa_address;  // the station that an ESPA line is, a digit; zero: none, whoever sends is heard
+    char espa_control;  // and its control station, a digit
 };
 
 extern pager_t pagers[MAX_PAGERS];

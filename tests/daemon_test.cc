@@ -206,6 +206,45 @@ TEST_F(Daemon, AcknowledgesWhatIsDone) {
     EXPECT_EQ(daemon.dir.read("ran"), "\n\n");
 }
 
+TEST_F(Daemon, IsAStationOfItsLine) {
+    const std::string keys = "rules = rule_x\nespa_address = 2\n";
+    daemon_t daemon({{"now", keys}, {"done", keys + "spool_dir = @missing\nack_when_done = y\n"}},
+                    "[logger]\nstatus_file = @status\n"
+                    "[rule_x]\naction = call\nextension = %number%\n");
+    daemon.run_in_foreground();
+    const std::string good = compose_packet(to("7", "FIRE"));
+    std::string garbled = good;
+    garbled.back() ^= 1;
+    for (const size_t line : {0, 1}) {
+        const unique_fd_t sock = daemon.accept(line);
+        control_station_t control(sock.get(), 60, nullptr);
+        const std::pair<std::string, std::string> rows[] = {
+            {"xy2<ENQ>", "<EOT>"},
+            {"<EOT>1<ENQ>4<ENQ>" + good + "<EOT>1<ENQ>2<ENQ>", "<ACK>"},
+            {garbled, "1<NAK>"},
+            {"<SOH>1<ETX><32>", "3<NAK>"},
+            {"<SOH>2<STX>1<US>7<ETX><2A>", "<ACK>"},
+            {good, line == 0 ? "<ACK>" : "2<NAK>"},
+            {"<ENQ>", line == 0 ? "<ACK>" : "2<NAK>"},
+        };
+        for (const auto &[bytes, answer] : rows) {
+            EXPECT_TRUE(control.send_bytes(wire(bytes)) && control.expect(wire(answer)))
+                << bytes << control.error();
+        }
+    }
+    EXPECT_EQ(daemon.call("7").empty(), false);
+    EXPECT_EQ(daemon.dir.list("call_").size(), 1U);
+    EXPECT_EQ(daemon.count("NOTICE"), 2) << daemon.log();
+    const unique_fd_t again = daemon.accept(0);  // closed, and a station still
+    control_station_t control(again.get(), 60, nullptr);
+    EXPECT_TRUE(control.send_bytes(wire("2<ENQ>")) && control.expect(wire("<EOT>")));
+    EXPECT_TRUE(eventually([&] {
+        const std::string status = daemon.dir.read("status");
+        return status.find("requests_total{line=\"now\",address=\"4\"} 1\n") != std::string::npos &&
+               status.find("noise_bytes_total{line=\"now\"} 2\n") != std::string::npos;
+    })) << daemon.dir.read("status");
+}
+
 // The spool directory is on another file system, and neither journal nor status can be written.
 TEST_F(Daemon, WritesDirectlyWhatItCannotStage) {
     const temp_dir_t elsewhere;

@@ -118,10 +118,16 @@ void check_yes_no(const config_key_t &key, const file_entry_t &entry, int read,
 void check_range(const config_key_t &key, const file_entry_t &entry, int read,
                  findings_t *findings) {
     const bool is_port = key.name == std::string_view("port");
+    const bool is_address = std::string_view(key.name).starts_with("espa_");
     if (is_port && (read < 1 || read > MAX_PORT)) {
         findings->warn(entry.line, "port", "port ", entry.value,
                        " is not within 1 and 65535: the line connects to port ",
                        static_cast<int>(static_cast<uint16_t>(read)));
+    } else if (is_address) {
+        if (espa_digit(read) == '\0') {
+            findings->error(entry.line, "address", key.name, " = ", entry.value,
+                            " is no digit: the line follows no procedure");
+        }
     } else if (!is_port && read < 0) {
         findings->warn(entry.line, "value", "log_level = ", entry.value,
                        " lets everything through, as 5 does");

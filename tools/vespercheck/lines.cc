@@ -67,11 +67,33 @@ void check_converter(const site_line_t &line, const std::vector<const site_line_
 // Whatever an ESPA line fails at makes it an ASCII line.
 void check_recovery(const site_line_t &line, findings_t *findings) {
     if (line.pager != nullptr && line.pager->protocol == PROTOCOL_ESPA &&
-        line.pager->recover_link == 0) {
+        line.pager->recover_link == 0 && line.pager->espa_address == '\0') {
         findings->note(line.section->line_of("recover_link"), "no-recovery", "[",
                        line.section->name,
                        "] becomes an ASCII line when its connection fails, until a reload: "
                        "recover_link = yes keeps it an ESPA line");
+    }
+}
+
+// What a station of a line makes nothing of, and what makes a station of none.
+void check_station(const site_line_t &line, findings_t *findings) {
+    const file_section_t &section = *line.section;
+    const auto warn = [&](const char *key, const auto &...parts) {
+        findings->warn(section.line_of(key), "station", key, ": ", parts...);
+    };
+    if (line.pager == nullptr) {
+        return;
+    }
+    const bool is_station = line.pager->espa_address != '\0';
+    if (section.find("espa_address") != nullptr && line.pager->protocol == PROTOCOL_ASCII) {
+        warn("espa_address", "[", section.name, "] is an ASCII line, which has no addresses");
+    } else if (is_station && line.pager->espa_address == line.pager->espa_control) {
+        warn("espa_address", "[", section.name, "] has the address of its control station, ",
+             line.pager->espa_control, ": it is never addressed");
+    } else if (is_station && line.pager->espa_poll != 0) {
+        warn("espa_poll", "means nothing beside espa_address");
+    } else if (!is_station && section.find("espa_control") != nullptr) {
+        warn("espa_control", "means nothing without espa_address");
     }
 }
 
@@ -97,6 +119,7 @@ void check_lines(const site_t &site, findings_t *findings) {
             served.push_back(&line);
         }
         check_recovery(line, findings);
+        check_station(line, findings);
         check_charset(*line.section, findings);
         check_spool(line, findings);
     }
