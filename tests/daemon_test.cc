@@ -215,7 +215,7 @@ TEST_F(Daemon, IsAStationOfItsLine) {
     const std::string good = compose_packet(to("7", "FIRE"));
     std::string garbled = good;
     garbled.back() ^= 1;
-    for (const size_t line : {0, 1}) {
+    for (size_t line = 0; line < 2; line++) {
         const unique_fd_t sock = daemon.accept(line);
         control_station_t control(sock.get(), 60, nullptr);
         const std::pair<std::string, std::string> rows[] = {

@@ -1,5 +1,6 @@
 // The library: detaching, pidfiles, deferred signals, log lines and the INI dialect.
 
+#include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/un.h>
@@ -8,6 +9,7 @@
 #include "files.h"
 #include "ini.h"
 #include "printable.h"
+#include "rights.h"
 #include "sig.h"
 #include "support.h"
 
@@ -173,6 +175,27 @@ TEST(Printable, ShowsWhatIsHidden) {
         escape_controls(text, [&](std::string_view piece) { pieces += piece; });
         EXPECT_EQ(pieces, escaped);
     }
+}
+
+TEST(Rights, AreThoseOfAnAccountForAWhile) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    const gid_t groups[] = {7, 8};
+    ASSERT_EQ(setgroups(2, groups), 0);
+    const temp_dir_t dir;
+    const std::string path = dir.write("file", "");
+    fs::permissions(path, fs::perms(0060));
+    EXPECT_EQ(chown(path.c_str(), 0, 7), 0);
+    {
+        const rights_t of_somebody(65534, 65534);
+        EXPECT_TRUE(of_somebody.are_taken());
+        EXPECT_FALSE(unique_fd_t(open(path.c_str(), O_RDWR)));
+    }
+    EXPECT_TRUE(unique_fd_t(open(path.c_str(), O_RDWR)));
+    gid_t after[4] = {};
+    EXPECT_EQ(getgroups(4, after), 2);
+    EXPECT_EQ(after[1], 8U);
 }
 
 TEST(Files, AreReadUpToALimit) {

@@ -258,10 +258,15 @@ TEST(Quoting, KeepsReplacementsFromTheTextAroundThem) {
         {quoting_t::COMMAND, "x $%message%$", "it's; `y` $z", "x $'it'\\''s; `y` $z'$"},
         {quoting_t::COMMAND, "%number% %message%", "", "'4711' ''"},
         {quoting_t::COMMAND, "%message%", "1234567", "'1234567", 9, false},
-        {quoting_t::NAME, "/%message%;", "../a,B 1*+_.-&\x80", "/..aB1*+_.-;"},
+        {quoting_t::NAME, "/%message%;", "../a,B 1*+_.-&zZA09\x80", "/..aB1*+_.-zZA09;"},
         {quoting_t::CALLER_ID, "#\"%message%\" <%number%>", "a\n;#\"<>b\x7F\xC3\xA4",
          "#\"a \\;b \xC3\xA4\" <4711>"},
         {quoting_t::CALLER_ID, "12%message%", ";;", "12\\;", 6, false},
+        {quoting_t::COMMAND, "%message%", "a\xC3", "'a\xC3'"},
+        {quoting_t::CALLER_ID, "12%message%", "\xC3\xA4", "12", 4, false},
+        {quoting_t::CALLER_ID, "12%message%", "\xE2\x82\xAC", "12", 5, false},
+        {quoting_t::CALLER_ID, "1%message%", "\xF0\x9F\x98\x80", "1", 5, false},
+        {quoting_t::CALLER_ID, "1%message%", "\xF0\x9F\x98\x80x", "1\xF0\x9F\x98\x80", 6, false},
     };
     for (const auto &[quoting, fmt, message, expanded, size, fits] : rows) {
         char line[64];
