@@ -22,12 +22,14 @@ const std::string REPORT = {SOH, '2', STX, '7', US, '6', ETX, 0x1A};
 // until EOT, the next address or ten seconds.
 class silence_t {
   public:
-    void hear(char byte, bool is_request) {
-        if (is_request) {
+    void hear(char byte, station_t::heard_t heard) {
+        if (heard == station_t::heard_t::REQUEST) {
             const bool is_selected = std::exchange(is_control_, last_ == CONTROL);
             holds_ = is_control_ || (is_selected && last_ != OWN);
         } else if (byte == EOT) {
             end();
+        } else if (heard != station_t::heard_t::NOISE) {
+            is_control_ = false;
         }
         last_ = byte;
     }
@@ -70,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const uint64_t noise_before = station.noise_bytes();
         std::string said;
         const station_t::heard_t heard = station.take(byte, now, report, &said);
-        silence.hear(byte, heard == station_t::heard_t::REQUEST);
+        silence.hear(byte, heard);
         require(station.noise_bytes() >= noise_before);
         require(station.packet().size() <= PACKET_SIZE + 1);
         if (heard == station_t::heard_t::PACKET) {
