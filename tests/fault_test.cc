@@ -58,7 +58,11 @@ void play(const fault_t &fault, const daemon_t *daemon, size_t line) {
     if (fault.good != NONE) {
         deliver(sock ? std::move(sock) : daemon->accept(line), fault, *daemon, line);
     }
-    daemon->expect_logged(std::regex_replace(fault.logged, std::regex("#"), daemon->ports[line]));
+    std::string logged = fault.logged;
+    if (const size_t port = logged.find('#'); port != std::string::npos) {
+        logged.replace(port, 1, daemon->ports[line]);
+    }
+    daemon->expect_logged(logged);
 }
 
 struct Faults : Installed {};
