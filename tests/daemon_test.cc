@@ -321,7 +321,7 @@ TEST_F(Daemon, ReloadsUnderTrafficAndOrderlyShutdown) {
         daemon.call(std::to_string(n));
         daemon.configure({{"line", KEYS}}, rules(std::to_string(n + 1)));
         for (int i = 0; i < 3; i++) {
-            kill(process.pid, SIGHUP);
+            process.send(SIGHUP);
         }
         unique_fd_t next;
         EXPECT_TRUE(eventually([&] {
@@ -336,7 +336,7 @@ TEST_F(Daemon, ReloadsUnderTrafficAndOrderlyShutdown) {
 
     wait_for_scripts(line);
     const time_t before = time(nullptr);
-    kill(process.pid, SIGINT);
+    process.send(SIGINT);
     daemon.expect_logged("in sig_term: Caught signal 2. Exiting.");
     send_bytes(line, wire("<EOT>"));     // ends the turn
     EXPECT_EQ(process.end(SIGTERM), 0);  // changes nothing any more

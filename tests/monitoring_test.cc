@@ -52,7 +52,7 @@ TEST_F(Monitoring, FaultsComeAndGo) {
     send_bytes(lines[1], wire("<EOT>"));
     kill(std::stoi(daemon.dir.read("pid")), SIGTERM);
     lines[0] = daemon.accept(0);
-    kill(process.pid, SIGHUP);  // makes an ESPA line of the one that fell back
+    process.send(SIGHUP);  // makes an ESPA line of the one that fell back
     for (size_t i = 0; i < 4; i++) {
         send(lines[i].get(), "\n\x04", 2, MSG_NOSIGNAL);
         lines[i] = daemon.accept(i);

@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 
 #include "espasend/line.h"
+#include "espasend/standard_station.h"
 #include "support.h"
 
 namespace {
@@ -59,6 +60,85 @@ TEST(Station, SendsCallsAndSaysWhatWentWrong) {
     EXPECT_FALSE(station.is_closed());
 }
 
+// The far end of a line: for each turn of "what is heard;what is answered|...".
+void answer_by(const std::string &dialogue, const unique_fd_t &line) {
+    std::istringstream turns(dialogue);
+    for (std::string turn; std::getline(turns, turn, '|');) {
+        const std::string heard = wire(turn.substr(0, turn.find(';')));
+        std::string bytes(heard.size(), '\0');
+        EXPECT_EQ(recv(line.get(), bytes.data(), bytes.size(), MSG_WAITALL), std::ssize(heard));
+        EXPECT_EQ(bytes, heard) << dialogue;
+        if (bytes != heard) {
+            break;
+        }
+        send_bytes(line, wire(turn.substr(turn.find(';') + 1)));
+    }
+    shutdown(line.get(), SHUT_WR);
+}
+
+TEST(Station, FollowsTheProcedure) {
+    const std::string quiet = "2<ENQ>;<EOT>|", select = "1<ENQ>2<ENQ>;<ACK>|";
+    const std::string refused = "1<ENQ>2<ENQ>;<NAK>|<EOT>;|";
+    const std::string good = "<SOH>1<STX>1<US>7<ETX>);", bad = "<SOH>1<STX>1<US>7<ETX>(;";
+    const std::string report = "<SOH>2<STX>7<US>6<ETX>-";
+    const std::string rest = select + good + "<ACK>|<EOT>;";
+    const struct {
+        std::string dialogue, error, trace;
+        int garbled = 0;
+        bool asks = false;
+    } rows[] = {
+        {quiet + rest, "", "<- ACK\n-> SOH '1' STX '1' US"},
+        {"2<ENQ>;<EOT><ACK>|" + rest, "", "not waited for: ACK. The other side does not"},
+        {quiet + select + bad + "1<NAK>|" + good + "<ACK>|<EOT>;", "", "<- '1' NAK\nnot ack", 1},
+        {quiet + select + bad + "<NAK>|" + bad + "2<NAK>|" + good + "<ACK>|<EOT>;", "", "", 2},
+        {quiet + select + good + "2<NAK>|" + good + "2<NAK>|" + good + "2<NAK>|<EOT>;",
+         "not acknowledged, after 2 repeats", ""},
+        {quiet + refused + rest, "", ""},
+        {quiet + refused + refused + refused, "the station refuses its select", ""},
+        {"2<ENQ>;1<ENQ>|<ACK>;" + report + "|<ACK>;<EOT>|" + rest, "",
+         "station 2 reports: SOH '2' STX '7' US '6'"},
+        {"2<ENQ>;1<ENQ>|<ACK>;<SOH>2<ETX>x|1<NAK>;" + report + "|<ACK>;<EOT>|" + rest, "", ""},
+        {"2<ENQ>;1<ENQ>|<ACK>;<SOH><ETX>x|1<NAK>;<SOH><ETX>x|1<NAK>;<SOH><ETX>x|1<NAK><EOT>;",
+         "a report is garbled again and again", ""},
+        {"2<ENQ>;1x|<EOT>;", "no select behind a station's address", ""},
+        {"2<ENQ>;<ACK>|<EOT>;", "got ACK for a poll: an answer that is none. Look at baud", ""},
+        {quiet + "1<ENQ>2<ENQ>;<9B>|<EOT>;", "got 0x9b for a select: an answer that", ""},
+        {quiet + select + good + "<EOT>|<EOT>;", "got EOT for a packet", ""},
+        {quiet + select + good + "<ACK>|<ENQ>;<ACK>|<EOT>;", "", "", 0, true},
+        {quiet + select + good + "<ACK>|<ENQ>;1<NAK>|<EOT>;",
+         "asked again it says '1' NAK and not ACK", "", 0, true},
+        {quiet + "1<ENQ>2<ENQ>;", "the line was closed", ""},
+        {"2<ENQ>;", "the line was closed", ""},
+    };
+    for (const auto &row : rows) {
+        const pair_t line;
+        std::thread peer(answer_by, row.dialogue, std::cref(line.far));
+        const unique_file_t trace(tmpfile());
+        standard_station_t station(line.near.get(), 60, trace.get(), '1');
+        station.set_repeats(2, row.garbled);
+        station.set_asks_again(row.asks);
+        std::string reported;
+        const bool is_sent = station.poll_station('2', &reported) &&
+                             station.send_call('2', {"7", "", "", "", "", ""});
+        peer.join();
+        EXPECT_EQ(is_sent, row.error.empty()) << row.dialogue << station.error();
+        EXPECT_THAT(is_sent ? "" : station.error(), StartsWith(row.error));
+        rewind(trace.get());
+        std::string traced(4096, '\0');
+        traced.resize(fread(traced.data(), 1, traced.size(), trace.get()));
+        EXPECT_THAT(traced, HasSubstr(row.trace));
+        EXPECT_EQ(read_available(line.far), "") << row.dialogue;
+    }
+    const pair_t silent;
+    standard_station_t station(silent.near.get(), 1, nullptr, '1');
+    station.set_repeats(0, 0);
+    EXPECT_TRUE(station.poll_other('5') && station.send_unheard('4', {"7", "", "", "", "", ""}));
+    EXPECT_FALSE(station.send_call('2', {"7", "", "", "", "", ""}));
+    EXPECT_THAT(station.error(), StartsWith("connected, and nothing answers: is espa_address"));
+    EXPECT_EQ(read_available(silent.far),
+              wire("5<ENQ><EOT>1<ENQ>4<ENQ><SOH>1<STX>1<US>7<ETX>)<EOT>1<ENQ>2<ENQ><EOT>"));
+}
+
 TEST(Station, WaitsAgainWhereItHasJustClosed) {
     std::string error;
     unique_fd_t listener = listen_on("127.0.0.1", 0, &error);
@@ -95,9 +175,9 @@ TEST(Programs, HelpManualPageAndCompletionAgree) {
     }
     EXPECT_THAT(run(0, "espasend --help"),
                 AllOf(StartsWith("Usage: espasend --listen PORT"),
-                      HasSubstr("\n  -l, --listen PORT       wait for vesperd to connect, as a "
-                                "converter does;\n                          port 0 picks"),
-                      HasSubstr("\n      --interval SECONDS  pause between")));
+                      HasSubstr("\n  -l, --listen PORT         wait for vesperd to connect, as a "
+                                "converter does;\n                            port 0 picks"),
+                      HasSubstr("\n      --interval SECONDS    pause between")));
 }
 
 TEST(Programs, RefuseArguments) {
@@ -105,7 +185,13 @@ TEST(Programs, RefuseArguments) {
         int status;
         std::string command, words;
     } rows[] = {
-        {2, "espasend --message x", "espasend: give either --listen or --device (try --help)\n"},
+        {2, "espasend --message x", "give one of --listen, --connect and --device (try --help)\n"},
+        {2, "espasend --listen 1 -m x --also-poll 4,", "--also-poll takes digits with commas"},
+        {2, "espasend --listen 1 -m x --standard --own 12", "--own takes a digit, not '12'"},
+        {2, "espasend --listen 1 -m x --parity mark", "--parity takes none, even or odd"},
+        {2, "espasend --listen 1 -m x --standard -A", "give either --ascii or --standard"},
+        {1, "espasend --connect nowhere -m x", "not a host and its port: nowhere\n"},
+        {1, "espasend --connect 127.0.0.1:1 --wait 1 -m x", "no connection to 127.0.0.1:1: Conn"},
         {2, "espasend --listen 70000", "a number from 0 to 65535, not '70000' (try --help)\n"},
         {2, "espasend --count 1x", "not '1x'"},
         {2, "espasend --listen 1", "give at least one --message"},
@@ -115,7 +201,7 @@ TEST(Programs, RefuseArguments) {
         {2, "espasend -x", "option '-x' is none"},
         {2, "espasend --ascii=no", "option '--ascii=no' is none"},
         {1, "espasend --bind nowhere --listen 0 -m x", "not an IPv4 address: nowhere\n"},
-        {1, "espasend --listen 0 --wait 1 --message x", "nobody connected within 1 seconds\n"},
+        {1, "espasend --listen 0 --wait 1 --message x", "nobody connected within 1 seconds. Look"},
         {1, "espasend --device /dev/ptmx --wait 1 -m x", "no answer within 1 seconds\n"},
         {1, "espasend --device /dev/null -m x", "cannot open serial device /dev/null: "},
         {3, "vesperstat --check --json", "give either --json or --check"},

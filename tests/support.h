@@ -165,10 +165,12 @@ struct child_t {
         pid = 0;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
-    int end(int signo) {
-        kill(pid, signo);
-        return wait();
+    // Process 0 would be the whole group.
+    bool send(int signo) const {
+        EXPECT_GT(pid, 0) << "there is no process";
+        return pid > 0 && kill(pid, signo) == 0;
     }
+    int end(int signo) { return send(signo) ? wait() : -1; }
 
     pid_t pid;
 };

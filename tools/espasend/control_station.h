@@ -1,9 +1,10 @@
 // The control station's side of an ESPA 4.4.4 line, and the sender's side of a plain ASCII line.
 #pragma once
 
-#include <cstdio>
 #include <string>
 #include <string_view>
+
+#include "traced_line.h"
 
 // What a call record carries; an empty field is left out of the packet.
 struct call_t {
@@ -23,18 +24,10 @@ constexpr size_t MAX_PACKET_LENGTH = 1024;
 // MAX_PACKET_LENGTH.
 std::string compose_packet(const call_t &call);
 
-// Bytes in readable form: control characters by name, text in single quotes.
-std::string describe_bytes(std::string_view bytes);
-
-// One end of a connected line. Every operation returns false when the line failed or the expected
-// answer did not come; error() then says why in one line.
-class control_station_t {
+// The sender that a daemon without espa_address expects, which waits for an echo of each EOT.
+class control_station_t : public traced_line_t {
   public:
-    // fd           socket or serial device, owned by the caller
-    // wait_seconds the longest wait for an answer
-    // trace        where each exchange is printed, or null
-    control_station_t(int fd, int wait_seconds, FILE *trace) noexcept
-        : fd_(fd), wait_seconds_(wait_seconds), trace_(trace) {}
+    using traced_line_t::traced_line_t;
 
     // From now on sends a packet that was answered with NAK again, `repeats` times at most, and gives
     // the first `garbled` packets of a call a wrong block check character.
@@ -56,28 +49,11 @@ class control_station_t {
     // Sends a text and CR LF; ASCII lines have no answers.
     bool send_line(std::string_view text);
 
-    // Sends bytes as they stand.
-    bool send_bytes(std::string_view bytes);
-
-    // Waits for exactly these bytes.
-    bool expect(std::string_view bytes);
-
-    // Whether the other end has closed the connection.
-    bool is_closed() const;
-
-    const std::string &error() const { return error_; }
-
   private:
     bool learn_select_answer();
     bool expect_answer(char *answer);
-    int read_byte();
-    bool fail(const std::string &why);
 
-    int fd_;
-    int wait_seconds_;
-    FILE *trace_;
     int repeats_ = 0;
     int garbled_ = 0;
     std::string select_answer_;
-    std::string error_;
 };

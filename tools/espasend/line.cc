@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -11,8 +12,16 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <memory>
+
+#include "clock.h"
 
 namespace {
+
+constexpr long CONNECT_PAUSE_US = 200'000;
+constexpr const char *LOOK_AT_CONNECTION =
+    ". Look at host and port of the line's section, whether it listens, and whether vesperd runs "
+    "(vesperstat)";
 
 struct baud_t {
     int rate;
@@ -30,6 +39,22 @@ constexpr std::array<baud_t, 8> bauds = {{{1200, B1200},
 unique_fd_t failed(std::string *error, const std::string &what) {
     *error = what + ": " + strerror(errno);
     return unique_fd_t();
+}
+
+// Raw mode is 8N1.
+void set_frame(const serial_settings_t &wanted, termios *settings) {
+    if (wanted.bits == 7) {
+        settings->c_cflag = (settings->c_cflag & ~static_cast<tcflag_t>(CSIZE)) | CS7;
+    }
+    if (wanted.parity != "none") {
+        settings->c_cflag |= PARENB;
+    }
+    if (wanted.parity == "odd") {
+        settings->c_cflag |= PARODD;
+    }
+    if (wanted.stop == 2) {
+        settings->c_cflag |= CSTOPB;
+    }
 }
 
 }  // namespace
@@ -62,7 +87,8 @@ int bound_port(int sock) {
 unique_fd_t accept_within(int listener, int wait_seconds, std::string *error) {
     pollfd waiting{listener, POLLIN, 0};
     if (poll(&waiting, 1, wait_seconds < 0 ? -1 : wait_seconds * 1000) == 0) {
-        *error = "nobody connected within " + std::to_string(wait_seconds) + " seconds";
+        *error = "nobody connected within " + std::to_string(wait_seconds) + " seconds" +
+                 LOOK_AT_CONNECTION;
         return unique_fd_t();
     }
     unique_fd_t sock(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
@@ -74,13 +100,44 @@ unique_fd_t accept_within(int listener, int wait_seconds, std::string *error) {
     return sock;
 }
 
-unique_fd_t open_serial(const std::string &path, int baud, std::string *error) {
+unique_fd_t connect_to(const std::string &where, int wait_seconds, std::string *error) {
+    const size_t colon = where.rfind(':');
+    const std::string host = where.substr(0, colon);
+    const std::string port = colon == std::string::npos ? "" : where.substr(colon + 1);
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    const int fault = getaddrinfo(host.c_str(), port.c_str(), &hints, &found);
+    if (fault != 0 || port.empty()) {
+        *error = "not a host and its port: " + where;
+        return unique_fd_t();
+    }
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+    const int64_t until = microseconds_passed() + wait_seconds * int64_t{1'000'000};
+    for (;;) {
+        unique_fd_t sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const int on = 1;
+        setsockopt(sock.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        if (connect(sock.get(), found->ai_addr, found->ai_addrlen) == 0) {
+            return sock;
+        }
+        if (microseconds_passed() >= until) {
+            *error = "no connection to " + where + ": " + strerror(errno) + LOOK_AT_CONNECTION;
+            return unique_fd_t();
+        }
+        pause_us(CONNECT_PAUSE_US);
+    }
+}
+
+unique_fd_t open_serial(const std::string &path, const serial_settings_t &wanted,
+                        std::string *error) {
     speed_t speed = B0;
     for (const baud_t &known : bauds) {
-        speed = known.rate == baud ? known.speed : speed;
+        speed = known.rate == wanted.baud ? known.speed : speed;
     }
     if (speed == B0) {
-        *error = "no such baud rate: " + std::to_string(baud);
+        *error = "no such baud rate: " + std::to_string(wanted.baud);
         return unique_fd_t();
     }
     // Without O_NONBLOCK the opening would wait for a carrier that a three-wire line does not have.
@@ -91,6 +148,7 @@ unique_fd_t open_serial(const std::string &path, int baud, std::string *error) {
     }
     cfmakeraw(&settings);
     settings.c_cflag |= CLOCAL | CREAD;
+    set_frame(wanted, &settings);
     cfsetspeed(&settings, speed);
     if (tcsetattr(device.get(), TCSANOW, &settings) != 0 || fcntl(device.get(), F_SETFL, 0) != 0) {
         return failed(error, "cannot set up serial device " + path);

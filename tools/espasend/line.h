@@ -1,5 +1,5 @@
-// The two ways to a line: waiting as a serial-to-network converter would, or opening a serial
-// device.
+// The ways to a line: waiting as a serial-to-network converter would, connecting as a paging system does
+// that connects by itself, or opening a serial device.
 #pragma once
 
 #include <string>
@@ -19,7 +19,18 @@ int bound_port(int sock);
 // descriptor, with the reason in `error`, when nobody connected.
 unique_fd_t accept_within(int listener, int wait_seconds, std::string *error);
 
-// Opens a serial device or pseudo-terminal in raw mode: 8 data bits, no parity, one stop bit.
-//   baud  1200 to 115200
-// Returns no descriptor, with the reason in `error`, on failure.
-unique_fd_t open_serial(const std::string &path, int baud, std::string *error);
+// Connects to "HOST:PORT", trying again for up to `wait_seconds`. Returns no descriptor, with the reason
+// in `error`, on failure.
+unique_fd_t connect_to(const std::string &where, int wait_seconds, std::string *error);
+
+struct serial_settings_t {
+    int baud = 9600;              // 1200 to 115200
+    int bits = 8;                 // 7 or 8
+    std::string parity = "none";  // "none", "even" or "odd"
+    int stop = 1;                 // 1 or 2
+};
+
+// Opens a serial device or pseudo-terminal in raw mode. Returns no descriptor, with the reason in
+// `error`, on failure.
+unique_fd_t open_serial(const std::string &path, const serial_settings_t &settings,
+                        std::string *error);

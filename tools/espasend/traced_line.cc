@@ -1,0 +1,139 @@
+#include "traced_line.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "espa.h"
+
+namespace {
+
+struct control_name_t {
+    char byte;
+    const char *name;
+};
+constexpr std::array<control_name_t, 11> control_names = {{{SOH, "SOH"},
+                                                           {STX, "STX"},
+                                                           {ETX, "ETX"},
+                                                           {EOT, "EOT"},
+                                                           {ENQ, "ENQ"},
+                                                           {ACK, "ACK"},
+                                                           {NAK, "NAK"},
+                                                           {RS, "RS"},
+                                                           {US, "US"},
+                                                           {'\r', "CR"},
+                                                           {'\n', "LF"}}};
+
+bool is_text(char byte) {
+    return byte >= ' ' && byte <= '~' && byte != '\'';
+}
+
+std::string control_name(char byte) {
+    for (const control_name_t &known : control_names) {
+        if (known.byte == byte) {
+            return known.name;
+        }
+    }
+    char hex[8];
+    snprintf(hex, sizeof hex, "0x%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
+    return hex;
+}
+
+// A reset line must not end the program, and a serial device takes no send().
+ssize_t write_some(int fd, std::string_view bytes) {
+    const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    return sent < 0 && errno == ENOTSOCK ? write(fd, bytes.data(), bytes.size()) : sent;
+}
+
+}  // namespace
+
+std::string describe_bytes(std::string_view bytes) {
+    std::string text;
+    while (!bytes.empty()) {
+        size_t length = 0;
+        while (length < bytes.size() && is_text(bytes[length])) {
+            length++;
+        }
+        if (!text.empty()) {
+            text += ' ';
+        }
+        if (length > 0) {
+            text += '\'' + std::string(bytes.substr(0, length)) + '\'';
+        } else {
+            text += control_name(bytes.front());
+            length = 1;
+        }
+        bytes.remove_prefix(length);
+    }
+    return text;
+}
+
+bool traced_line_t::send_bytes(std::string_view bytes) {
+    show("-> ", bytes);
+    while (!bytes.empty()) {
+        const ssize_t sent = write_some(fd_, bytes);
+        if (sent < 0 && errno != EINTR) {
+            return fail(std::string("cannot send: ") + strerror(errno));
+        }
+        bytes.remove_prefix(static_cast<size_t>(sent > 0 ? sent : 0));
+    }
+    return true;
+}
+
+bool traced_line_t::expect(std::string_view bytes) {
+    std::string answer;
+    while (answer.size() < bytes.size()) {
+        const int byte = read_byte();
+        if (byte < 0) {
+            return fail("no " + describe_bytes(bytes) + ": " + error_);
+        }
+        answer += static_cast<char>(byte);
+    }
+    show("<- ", answer);
+    return answer == bytes ||
+           fail("expected " + describe_bytes(bytes) + ", got " + describe_bytes(answer));
+}
+
+bool traced_line_t::is_closed() const {
+    char byte = 0;
+    return recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+}
+
+// Returns the byte, or -1 with error() set.
+int traced_line_t::read_byte(int wait_seconds) {
+    pollfd waiting{fd_, POLLIN, 0};
+    const int ready = poll(&waiting, 1, wait_seconds * 1000);
+    if (ready == 0) {
+        fail("no answer within " + std::to_string(wait_seconds) + " seconds");
+        return -1;
+    }
+    unsigned char byte = 0;
+    const ssize_t got = ready < 0 ? -1 : read(fd_, &byte, 1);
+    if (got == 1) {
+        return byte;
+    }
+    fail(got == 0 ? "the line was closed" : strerror(errno));
+    return -1;
+}
+
+std::string traced_line_t::read_pending() {
+    char bytes[256];
+    pollfd waiting{fd_, POLLIN, 0};
+    const ssize_t got = poll(&waiting, 1, 0) > 0 ? read(fd_, bytes, sizeof bytes) : 0;
+    return {bytes, static_cast<size_t>(got > 0 ? got : 0)};
+}
+
+void traced_line_t::show(const char *what, std::string_view bytes) const {
+    if (trace_ != nullptr) {
+        fprintf(trace_, "%s%s\n", what, describe_bytes(bytes).c_str());
+    }
+}
+
+bool traced_line_t::fail(const std::string &why) {
+    error_ = why;
+    return false;
+}
