@@ -81,7 +81,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     require(!summary_text(summary).empty());
     for (const site_line_t &line : site.lines) {
         if (line.pager != nullptr) {
-            require(!trial_text(try_message(*line.pager, "FIRE ZONE 3", "4711")).empty());
+            const record_texts_t record = {"4711", "1", "3", "2", "10"};
+            require(!trial_text(try_message(*line.pager, "FIRE ZONE 3", record)).empty());
         }
     }
     clear_tables();

@@ -227,8 +227,13 @@ bool compose_command(command_text_t *command, const rule_t *rule,
 }
 
 outcome_t perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
-                         const rule_t *rule) noexcept {
-    const placeholders_t with{alrm, number, message, rule->values};
+                         const rule_t *rule, const call_fields_t &fields) noexcept {
+    placeholders_t with{alrm, number, message, rule->values};
+    const text_copy_t line = table_text(pager->name);
+    if (rule->record_fields != 0) {
+        with.fields = &fields;
+        with.line = line.text;
+    }
     outcome_t outcome;
     if (rule->action == CALL) {
         const acting_t acting;

@@ -25,7 +25,7 @@ struct outcome_t {
 // written there first and gets a name of its own, call_EXTENSION_SECONDS_N. With the rule's `quote` a
 // command line that does not fit is not run.
 outcome_t perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
-                         const rule_t *rule) noexcept;
+                         const rule_t *rule, const call_fields_t &fields = {}) noexcept;
 
 // The call file that a CALL rule comes to now: its name, which staging makes longer, and its bytes.
 // Returns whether it would be written: with the rule's `quote` one whose name leads out of the spool

@@ -19,6 +19,7 @@ char *test_message;
 namespace {
 
 constexpr const char *TEST_NUMBER = "1000";
+constexpr call_fields_t TEST_FIELDS = {{TEST_NUMBER, "", "", "", ""}};
 constexpr int EXPANSION_SIZE = 1024;
 
 constexpr std::array<option, 6> longopts = {{{"help", no_argument, nullptr, 'h'},
@@ -44,7 +45,11 @@ void print_expansion(const char *label, const char *fmt, const rule_t *rule, quo
     char text[EXPANSION_SIZE];
     const bool quotes = rule->quote != 0;
     const int size = quotes && quoting != quoting_t::COMMAND ? QUOTED_FIELD_SIZE : EXPANSION_SIZE;
-    const placeholders_t with{ALARM_MESSAGE, TEST_NUMBER, test_message, rule->values};
+    placeholders_t with{ALARM_MESSAGE, TEST_NUMBER, test_message, rule->values};
+    if (rule->record_fields != 0) {
+        with.fields = &TEST_FIELDS;
+        with.line = pagers[0].name;
+    }
     const bool fits = expand_template(text, size, fmt, with, quotes ? quoting : quoting_t::NONE);
     fprintf(stderr, "%s%s\n", label, text);
     if (quotes && quoting == quoting_t::COMMAND && !fits) {
@@ -104,7 +109,7 @@ void run_test_mode() noexcept {
     fprintf(stderr, "Running test over message: '%s' at pager '%s'\n", test_message, pager.name);
     fprintf(stderr, "Rules: %s\n", pager.rules);
     fprintf(stderr, "default rule: %s\n", pager.default_rule);
-    rule_t *rule = select_rule(&pager, test_message);
+    rule_t *rule = select_rule(&pager, test_message, TEST_FIELDS);
     if (rule == nullptr) {
         fprintf(stderr, "No matching rules found. Just skip\n");
         return;

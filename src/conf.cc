@@ -1,5 +1,6 @@
 #include "conf.h"
 
+#include <arpa/inet.h>
 #include <netdb.h>
 
 #include <algorithm>
@@ -103,6 +104,20 @@ void load_station(int address, int control, pager_t *pager) {
     }
 }
 
+// Logs on behalf of load_pager().
+void load_listening(int listens, const char *address, pager_t *pager) {
+    pager->listen = listens;
+    in_addr on{};
+    if (listens != 0 && address[0] != '\0' && inet_pton(AF_INET, address, &on) != 1) {
+        LOG_AS(LEVEL_ERROR, "load_pager",
+               "listen_address takes an IPv4 address, not %s: listening on all\n", address);
+    }
+    pager->listen_address = on.s_addr;
+    if (listens != 0) {
+        pager->recover_link = 1;  // who connects by itself comes back in the same way
+    }
+}
+
 // Logs on behalf of load_pager(). Returns false when the host does not resolve.
 bool resolve_host(pager_t *pager) {
     const hostent *host = find_host(pager->host);
@@ -114,6 +129,10 @@ bool resolve_host(pager_t *pager) {
     pager->sin.sin_family = AF_INET;
     pager->sin.sin_port = htons(static_cast<uint16_t>(pager->port));
     memcpy(&pager->sin.sin_addr, host->h_addr_list[0], sizeof pager->sin.sin_addr);
+    memset(pager->peers, 0, sizeof pager->peers);
+    for (size_t i = 0; i < std::size(pager->peers) && host->h_addr_list[i] != nullptr; i++) {
+        memcpy(&pager->peers[i], host->h_addr_list[i], sizeof pager->peers[i]);
+    }
     return true;
 }
 
@@ -139,8 +158,23 @@ void store_settings(pager_t *pager, const pager_t &fresh) {
     copy_shared(&pager->charset, fresh.charset);
     copy_shared(&pager->espa_address, fresh.espa_address);
     copy_shared(&pager->espa_control, fresh.espa_control);
+    copy_shared(&pager->listen, fresh.listen);
+    copy_shared(&pager->listen_address, fresh.listen_address);
+    copy_shared(&pager->peers, fresh.peers);
     copy_shared(&pager->configured_protocol, fresh.protocol);
     store_shared(&pager->socket, -1);
+}
+
+void load_conditions(const section_t<section_kind_t::RULE> &keys, rule_t *rule) {
+    const char *const texts[CALL_FIELDS] = {keys.text("match_address"), keys.text("match_priority"),
+                                            keys.text("match_type"), keys.text("match_beep"),
+                                            keys.text("match_transmissions")};
+    for (size_t i = 0; i < CALL_FIELDS; i++) {
+        if (texts[i] != nullptr) {
+            rule->conditions[i].is_given = 1;
+            compile_regex(&rule->conditions[i].pattern, texts[i]);
+        }
+    }
 }
 
 // Logs on behalf of load_rule().
@@ -295,6 +329,7 @@ int load_pager(const dictionary *dict, const char *section, pager_t *pager) noex
     copy_text(fresh.staging_dir, keys.text("staging_dir"));
     copy_text(fresh.charset, known_charset(keys.text("charset")));
     load_station(keys.integer("espa_address"), keys.integer("espa_control"), &fresh);
+    load_listening(keys.boolean("listen"), keys.text("listen_address"), &fresh);
     if (!resolve_host(&fresh)) {
         return -1;
     }
@@ -318,6 +353,8 @@ int load_rule(const dictionary *dict, const char *section, rule_t *rule) noexcep
     compile_regex(&fresh.pattern, keys.text("pattern"));
     fresh.quote = keys.boolean("quote");
     fresh.ack_when_run = keys.boolean("ack_when_run");
+    load_conditions(keys, &fresh);
+    fresh.record_fields = keys.boolean("record_fields");
     *rule = fresh;
     return 0;
 }

@@ -7,12 +7,15 @@
 
 #include <vector>
 
+#include "listener.h"
 #include "tables.h"
 
 struct connection_t {
     pager_t *pager;
     int sock;  // -1: none
     std::vector<int> abandoned = {};
+    listener_t listener = {};      // of a pager that listens
+    int64_t waiting_since_us = 0;  // for its paging system; 0: not waiting
 };
 
 // Where a pager's converter is, read from its record.
@@ -32,6 +35,15 @@ bool connection_is_reloaded(const connection_t *connection) noexcept;
 // Waits three seconds and connects; raises connected, or why it could not. Returns whether there is a
 // connection now.
 bool connection_open(connection_t *connection) noexcept;
+
+// The same for a pager that listens: waits for its paging system, for a second at most. Raises
+// no_response when it has not come for 15 seconds, and general_error where nobody can come.
+bool connection_await(connection_t *connection) noexcept;
+
+// For a pager that listens: waits up to 15 seconds until there is something to read. When the paging
+// system connects again in the meantime, and only while nothing is there to read, its new connection takes
+// the place of the old one. Returns whether there is something to read.
+bool connection_has_data(connection_t *connection) noexcept;
 
 // Raises an alarm for the connection and closes it.
 void connection_drop(connection_t *connection, int alrm) noexcept;

@@ -39,6 +39,14 @@ void store_value(espa_record_t *record, char identifier, std::string_view value)
         overwrite(record->call_address, value);
     } else if (identifier == '2') {
         overwrite(record->display_message, value);
+    } else if (identifier == '3') {
+        overwrite(record->beep_text, value);
+    } else if (identifier == '4') {
+        overwrite(record->type_text, value);
+    } else if (identifier == '5') {
+        overwrite(record->transmissions_text, value);
+    } else if (identifier == '6') {
+        overwrite(record->priority_text, value);
     }
 }
 

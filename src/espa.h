@@ -24,7 +24,7 @@ enum : char {
 constexpr int PACKET_SIZE = 1024;
 constexpr int PACKET_BUFFER_SIZE = PACKET_SIZE + 2;
 
-// A call record. The text fields are zero-terminated; the others are never filled.
+// A call record. The text fields are zero-terminated; those of one character are never filled.
 struct espa_record_t {
     char call_address[20];         // data identifier '1'
     char display_message[129];     // data identifier '2'
@@ -34,6 +34,10 @@ struct espa_record_t {
     char priority;                 // data identifier '6'
     char call_status;              // data identifier '7'
     char system_status;            // data identifier '8'
+    char beep_text[16];            // data identifiers '3' to '6', whole
+    char type_text[16];
+    char transmissions_text[16];
+    char priority_text[16];
 };
 
 // A decoded packet.
@@ -60,6 +64,6 @@ int appendBCC(char *packet, int maxPacketSize) noexcept;
 // Decodes a packet into `p`, which the caller has cleared.
 //   buf   the packet, ended by a zero byte outside of a value or by the buffer's end
 //   size  the buffer's size; nothing beyond it is read
-// A value ends at RS or ETX and is cut to its field (19 and 128 characters). A repeated identifier
+// A value ends at RS or ETX and is cut to its field (19, 128 and 15 characters). A repeated identifier
 // writes over the start of the earlier value. Returns 0 always.
 int parse_espa_packet(espa_p *p, const char *buf, int size = PACKET_BUFFER_SIZE) noexcept;

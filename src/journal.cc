@@ -127,6 +127,20 @@ const char *result_word(const journal_entry_t &entry) {
     return entry.outcome.succeeded ? "ok" : "failed";
 }
 
+void add_fields(const call_fields_t &fields, object_t *object) {
+    const std::pair<const char *, call_field_t> names[] = {
+        {"priority", call_field_t::PRIORITY},
+        {"type", call_field_t::TYPE},
+        {"beep", call_field_t::BEEP},
+        {"transmissions", call_field_t::TRANSMISSIONS},
+    };
+    for (const auto &[name, field] : names) {
+        if (fields[field][0] != '\0') {
+            object->add_bytes(name, fields[field]);
+        }
+    }
+}
+
 std::string as_json(const journal_entry_t &entry) {
     const bool is_ascii = load_shared(entry.pager->protocol) == PROTOCOL_ASCII;
     object_t object;
@@ -153,6 +167,7 @@ std::string as_json(const journal_entry_t &entry) {
         object.add("exit", std::to_string(entry.outcome.exit_status));
     }
     object.add("ms", duration_text(microseconds_passed() - entry.began_us));
+    add_fields(entry.fields, &object);
     return std::move(object).ended();
 }
 

@@ -9,7 +9,8 @@
 // `text` belong to messages; `rule` and `action` are null where there was none; `result` is "ok",
 // "failed", or "none" for skip and for no rule; `file` belongs to call files, `exit` to commands;
 // `ms` is the time from the last byte of the message to the end of the action. Control characters are
-// escaped, DEL and those of C1 too.
+// escaped, DEL and those of C1 too. Behind `ms` stand `priority`, `type`, `beep` and `transmissions` of a
+// call whose record had them.
 #pragma once
 
 #include "action.h"
@@ -29,6 +30,7 @@ struct journal_entry_t {
     const rule_t *rule;  // null: none
     outcome_t outcome;
     int64_t began_us;  // by clock.h's monotonic clock
+    call_fields_t fields = {};
 };
 
 // Appends an entry, in one write; a file that is not there is made for its owner and group alone. Without a journal does nothing; one that cannot be written is

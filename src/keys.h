@@ -48,7 +48,7 @@ using enum section_kind_t;
 using enum reading_t;
 
 // In the order of the manual.
-constexpr std::array<config_key_t, 33> TABLE = {{
+constexpr std::array<config_key_t, 41> TABLE = {{
     {LOGGER, "log_type", TEXT, 0, "file", 0, "file syslog"},
     {LOGGER, "log_level", NUMBER, 0, nullptr, DEFAULT_LOG_LEVEL},
     {LOGGER, "log_file", TEXT, 0, DEFAULT_LOG_FILE},
@@ -63,6 +63,8 @@ constexpr std::array<config_key_t, 33> TABLE = {{
     {PAGER, "espa_poll", YES_NO, 0, nullptr, 0},
     {PAGER, "espa_address", NUMBER, 0, nullptr, NO_STATION},
     {PAGER, "espa_control", NUMBER, 0, nullptr, 1},
+    {PAGER, "listen", YES_NO, 0, nullptr, 0},
+    {PAGER, "listen_address", TEXT, 0, ""},
     // Seconds: yes gives 1, no gives 0, any other word or number gives 30.
     {PAGER, "read_timeout", YES_NO, 0, nullptr, 30},
     {PAGER, "spool_dir", TEXT, sizeof pager_t::spool_dir, "/tmp/"},
@@ -85,6 +87,12 @@ constexpr std::array<config_key_t, 33> TABLE = {{
      "/usr/share/quillet/mkcall.sh %espa_if% %alarm% %number% %message%"},
     {RULE, "quote", YES_NO, 0, nullptr, 0},
     {RULE, "ack_when_run", YES_NO, 0, nullptr, 0},
+    {RULE, "match_address", PATTERN, 0, nullptr},
+    {RULE, "match_priority", PATTERN, 0, nullptr},
+    {RULE, "match_type", PATTERN, 0, nullptr},
+    {RULE, "match_beep", PATTERN, 0, nullptr},
+    {RULE, "match_transmissions", PATTERN, 0, nullptr},
+    {RULE, "record_fields", YES_NO, 0, nullptr, 0},
     {RULE, VALUE_KEY_PREFIX.data(), PATTERN, 0, nullptr},
 }};
 
@@ -126,6 +134,10 @@ bool is_syslog(const char *log_type) noexcept;
 
 // The address that a number is on an ESPA line, '0' to '9'; zero for any other number.
 char espa_digit(int number) noexcept;
+
+// The keys of a rule's conditions, by call_field_t.
+constexpr std::array<const char *, CALL_FIELDS> CONDITION_KEYS = {
+    "match_address", "match_priority", "match_type", "match_beep", "match_transmissions"};
 
 // The name that a value key gives: the text between the last '[' and the next ']' of its first 255
 // characters, which the section's name and a colon are counted in.

@@ -35,18 +35,22 @@ bool finish_connect(int sock, int seconds) {
 
 int link_socket() noexcept {
     unique_fd_t sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (sock.get() >= FD_SETSIZE) {
-        return -1;
+    return link_prepare(sock.get()) ? sock.release() : -1;
+}
+
+bool link_prepare(int sock) noexcept {
+    if (sock < 0 || sock >= FD_SETSIZE) {
+        return false;
     }
-    const auto set = [&sock](int level, int name, int value) {
-        setsockopt(sock.get(), level, name, &value, sizeof value);
+    const auto set = [sock](int level, int name, int value) {
+        setsockopt(sock, level, name, &value, sizeof value);
     };
     set(IPPROTO_TCP, TCP_NODELAY, 1);
     set(SOL_SOCKET, SO_KEEPALIVE, 1);
     set(IPPROTO_TCP, TCP_KEEPIDLE, KEEPALIVE_IDLE_SECONDS);
     set(IPPROTO_TCP, TCP_KEEPINTVL, KEEPALIVE_INTERVAL_SECONDS);
     set(IPPROTO_TCP, TCP_KEEPCNT, KEEPALIVE_PROBES);
-    return sock.release();
+    return true;
 }
 
 bool link_connect(int sock, const sockaddr_in &address, int seconds) noexcept {

@@ -10,6 +10,9 @@ constexpr int AS_LONG_AS_THE_SYSTEM_TRIES = -1;
 // select() can hold it, and a converter that vanishes without a word is noticed after two minutes.
 int link_socket() noexcept;
 
+// Sets up a socket in this way, whoever made it. Returns whether select() can hold it.
+bool link_prepare(int sock) noexcept;
+
 // Connects a socket; a signal does not end the attempt.
 //   seconds  when an attempt that gets no answer is given up, or AS_LONG_AS_THE_SYSTEM_TRIES
 // Returns whether it is connected.

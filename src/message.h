@@ -10,5 +10,6 @@
 //   number   call address, or null
 //   message  message text
 //   answer   to its packet, given as soon as it can be told; null: nobody waits for one
+//   fields   the other fields of its record; their address is `number`
 void process_message(pager_t *pager, int alrm, const char *number, const char *message,
-                     owed_answer_t *answer = nullptr) noexcept;
+                     owed_answer_t *answer = nullptr, call_fields_t fields = {}) noexcept;

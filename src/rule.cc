@@ -25,11 +25,16 @@ struct choice_t {
     bool has_no_list;  // the pager lists no rules
 };
 
-choice_t choose(const pager_t *pager, const char *message) {
+int match_index(const rule_t *rule, const char *message, const call_fields_t &fields) {
+    const bool is_candidate = rule != nullptr && unmet_condition(*rule, fields) < 0;
+    return is_candidate ? match_regex(&rule->pattern, message, nullptr, 0) : 0;
+}
+
+choice_t choose(const pager_t *pager, const char *message, const call_fields_t &fields) {
     text_copy_t list(pager->rules);
     choice_t choice{nullptr, 0, list.text[0] == '\0'};
     visit_rule_list(list.text, [&](const char * /*name*/, rule_t *rule) {
-        const int index = rule != nullptr ? match_regex(&rule->pattern, message, nullptr, 0) : 0;
+        const int index = match_index(rule, message, fields);
         if (index > choice.best) {
             choice.rule = rule;
             choice.best = index;
@@ -42,11 +47,12 @@ choice_t choose(const pager_t *pager, const char *message) {
 }
 
 // Chooses a rule and, when `copy` is not null, copies it. Logs on behalf of select_rule().
-rule_t *choose_and_log(const pager_t *pager, const char *message, rule_t *copy) {
+rule_t *choose_and_log(const pager_t *pager, const char *message, const call_fields_t &fields,
+                       rule_t *copy) {
     const char *text = message != nullptr ? message : "";
     choice_t choice{};
     read_tables([&] {
-        choice = choose(pager, text);
+        choice = choose(pager, text, fields);
         if (copy != nullptr && choice.rule != nullptr) {
             copy_shared(copy, *choice.rule);
         }
@@ -76,10 +82,23 @@ rule_t *get_rule_by_name(const char *name) noexcept {
     return nullptr;
 }
 
-rule_t *select_rule(const pager_t *pager, const char *message) noexcept {
-    return choose_and_log(pager, message, nullptr);
+int unmet_condition(const rule_t &rule, const call_fields_t &fields) noexcept {
+    for (int i = 0; i < CALL_FIELDS; i++) {
+        const condition_t &condition = rule.conditions[i];
+        if (load_shared(condition.is_given) != 0 &&
+            match_regex(&condition.pattern, fields.texts[i], nullptr, 0) == 0) {
+            return i;
+        }
+    }
+    return -1;
 }
 
-bool choose_rule(const pager_t *pager, const char *message, rule_t *rule) noexcept {
-    return choose_and_log(pager, message, rule) != nullptr;
+rule_t *select_rule(const pager_t *pager, const char *message,
+                    const call_fields_t &fields) noexcept {
+    return choose_and_log(pager, message, fields, nullptr);
+}
+
+bool choose_rule(const pager_t *pager, const char *message, rule_t *rule,
+                 const call_fields_t &fields) noexcept {
+    return choose_and_log(pager, message, fields, rule) != nullptr;
 }

@@ -24,12 +24,18 @@ void visit_rule_list(char *list, visitor_t visit) {
     }
 }
 
+// The first of a rule's conditions that the fields of a record do not meet, as a call_field_t; -1 when
+// they meet all of them.
+int unmet_condition(const rule_t &rule, const call_fields_t &fields) noexcept;
+
 // Chooses the rule of the pager's rule list whose last match in `message` is longest, the earlier
-// of two that tie; when no listed rule matches, the pager's default rule, which is not tried
-// against the message. A null message counts as the empty one, which no listed rule matches.
-// Returns null when the default rule is not found either.
-rule_t *select_rule(const pager_t *pager, const char *message) noexcept;
+// of two that tie, among those whose conditions are met; when no listed rule matches, the pager's
+// default rule, which is not tried against anything. A null message counts as the empty one, which no
+// listed rule matches. Returns null when the default rule is not found either.
+rule_t *select_rule(const pager_t *pager, const char *message,
+                    const call_fields_t &fields = {}) noexcept;
 
 // Copies the rule that select_rule() chooses to `rule`, untorn by a reload. Returns whether there
 // is one.
-bool choose_rule(const pager_t *pager, const char *message, rule_t *rule) noexcept;
+bool choose_rule(const pager_t *pager, const char *message, rule_t *rule,
+                 const call_fields_t &fields = {}) noexcept;

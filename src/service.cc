@@ -59,8 +59,9 @@ void handle_call_record(line_t *line, const espa_record_t &record, owed_answer_t
     const std::string message = decoded(line, record.display_message);
     const std::string address = decoded(line, record.call_address);
     LOG_SERVICE(LEVEL_VERBOSE, "\tSend message '%s' to '%s'\n", message.c_str(), address.c_str());
-    process_message(line->connection.pager, ALARM_MESSAGE, address.c_str(), message.c_str(),
-                    answer);
+    process_message(line->connection.pager, ALARM_MESSAGE, address.c_str(), message.c_str(), answer,
+                    {{"", record.priority_text, record.type_text, record.beep_text,
+                      record.transmissions_text}});
 }
 
 void handle_espa_packet(line_t *line, owed_answer_t *answer) {
@@ -103,8 +104,15 @@ void report_failure(const line_t *line, int result) {
                 result == ESPA_UNEXPECTED ? "brought a byte out of place" : "was closed or failed");
 }
 
+// How long a line may be silent; 0: for ever.
+int silence_limit(const pager_t *pager) {
+    return load_shared(pager->protocol) == PROTOCOL_ESPA ? SILENCE_LIMIT_SECONDS
+                                                         : load_shared(pager->read_timeout);
+}
+
 void drop_when_silent(line_t *line) {
-    if (is_silent_for_more_than(line->connection.pager, SILENCE_LIMIT_SECONDS)) {
+    const int limit = silence_limit(line->connection.pager);
+    if (limit > 0 && is_silent_for_more_than(line->connection.pager, limit)) {
         connection_drop(&line->connection, ALARM_TRANSMISSION_ERROR);
     }
 }
@@ -218,11 +226,37 @@ void serve_ascii(line_t *line) {
     } else if (result < 0) {
         connection_drop(&line->connection, ALARM_CONNECTION_LOST);
     } else if (result == 0) {
-        const int limit = load_shared(pager->read_timeout);
-        if (limit > 0 && is_silent_for_more_than(pager, limit)) {
-            connection_drop(&line->connection, ALARM_TRANSMISSION_ERROR);
-        }
+        drop_when_silent(line);
     }
+}
+
+// What was heard on a connection says nothing about the next.
+void forget_station(line_t *line) {
+    if (line->station) {
+        line->station->forget();
+    }
+}
+
+bool connect_line(line_t *line) {
+    forget_station(line);
+    if (load_shared(line->connection.pager->listen) == 0) {
+        line->connection.listener.close();
+        return connection_open(&line->connection);
+    }
+    return connection_await(&line->connection);
+}
+
+// Whether the readers shall look at the line, which wait for it themselves unless it listens.
+bool has_turn(line_t *line) {
+    if (load_shared(line->connection.pager->listen) == 0 ||
+        connection_has_data(&line->connection)) {
+        return true;
+    }
+    forget_station(line);
+    if (!connection_is_reloaded(&line->connection)) {
+        drop_when_silent(line);
+    }
+    return false;
 }
 
 void serve_turn(line_t *line) {
@@ -230,16 +264,14 @@ void serve_turn(line_t *line) {
     if (connection_is_reloaded(&line->connection)) {
         connection_abandon(&line->connection);
     }
-    if (line->connection.sock < 0) {
-        if (line->station) {
-            line->station->forget();
-        }
-        if (!connection_open(&line->connection)) {
-            return;
-        }
+    if (line->connection.sock < 0 && !connect_line(line)) {
+        return;
     }
     const int protocol = load_shared(line->connection.pager->protocol);
     note_protocol(protocol);
+    if (!has_turn(line)) {
+        return;
+    }
     if (protocol == PROTOCOL_ESPA && load_shared(line->connection.pager->espa_address) != '\0') {
         serve_station(line);
     } else if (protocol == PROTOCOL_ESPA) {

@@ -40,6 +40,7 @@ struct alignas(64) line_stats_t {  // threads do not share cache lines
     counter_t unmatched;
     counter_t noise_bytes;               // that belong to nothing, on a line with an espa_address
     std::array<counter_t, 10> requests;  // by their address
+    counter_t refused;                   // connections of others than the line's host
     std::array<std::array<counter_t, 2>, RULE_ACTIONS> actions;  // failed, ok
     std::array<std::array<counter_t, ALARM_RESULTS>, ALARM_EVENTS> alarms;
     std::atomic<int64_t> last_message_ms = 0;  // since the epoch, 0: none yet

@@ -248,6 +248,11 @@ std::string content_of(bool is_up) {
         out.sample_seconds(line.label, line.stats->last_message_ms);
     }
     expose_requests(&out, lines);
+    out.begin("line_refused_total", "counter",
+              "Connections of others than the line's host, on a line with listen.");
+    for (const shown_line_t &line : lines) {
+        out.sample(line.label, line.stats->refused.get());
+    }
     return std::move(out.text());
 }
 

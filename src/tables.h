@@ -45,6 +45,25 @@ struct alarm_times_t {
     int last;   // seconds since the epoch of the last firing
 };
 
+// The fields of a call record beside its message, in the order of a rule's conditions.
+enum class call_field_t : int { ADDRESS, PRIORITY, TYPE, BEEP, TRANSMISSIONS };
+constexpr int CALL_FIELDS = 5;
+
+// Their texts, which are empty where a record has none of them, as for an ASCII line or an alarm.
+struct call_fields_t {
+    const char *texts[CALL_FIELDS] = {"", "", "", "", ""};
+
+    const char *operator[](call_field_t field) const noexcept {
+        return texts[static_cast<int>(field)];
+    }
+};
+
+// What a field has to match for a rule to be chosen.
+struct condition_t {
+    int is_given;
+    pattern_t pattern;
+};
+
 // A named extra pattern of a rule; "$" and the name stand for what it extracts from the message.
 struct value_t {
     char name[256];  // lower case
@@ -65,6 +84,8 @@ struct rule_t {
     char channel[256];
     int quote;         // replacements cannot change the meaning of the text around them
     int ack_when_run;  // a command's exit status answers the packet, with the pager's ack_when_done
+    condition_t conditions[CALL_FIELDS];  // by call_field_t
+    int record_fields;                    // templates have placeholders for the fields too
 };
 
 // One pager interface.
@@ -96,7 +117,10 @@ struct pager_t {
     char charset[64];               // of messages and call addresses; empty: bytes as they are
     char
         espa_address;  // the station that an ESPA line is, a digit; zero: none, whoever sends is heard
-    char espa_control;  // and its control station, a digit
+    char espa_control;         // and its control station, a digit
+    int listen;                // `port` is this machine's, and `host` connects to it
+    in_addr_t listen_address;  // on which of its addresses; 0: all
+    in_addr_t peers[8];        // the addresses of `host`; 0: no further one
 };
 
 extern pager_t pagers[MAX_PAGERS];

@@ -1,6 +1,7 @@
 #include "template.h"
 
 #include <cstring>
+#include <utility>
 
 #include "alarm.h"
 
@@ -71,6 +72,9 @@ class expander_t {
             replace(with_.message);
             return fmt.substr(MESSAGE.size());
         }
+        if (const size_t length = expand_field(fmt); length > 0) {
+            return fmt.substr(length);
+        }
         if (fmt.front() == '$') {
             fmt = expand_values(fmt);
         }
@@ -80,6 +84,28 @@ class expander_t {
 
   private:
     void replace(const char *text) { append_quoted(line_, text != nullptr ? text : "", quoting_); }
+
+    // Replaces the word for a field or the line that `fmt` begins with. Returns its length, or 0.
+    size_t expand_field(std::string_view fmt) {
+        if (with_.fields == nullptr || fmt.front() != '%') {
+            return 0;
+        }
+        const call_fields_t &fields = *with_.fields;
+        const std::pair<std::string_view, const char *> words[] = {
+            {"%priority%", fields[call_field_t::PRIORITY]},
+            {"%type%", fields[call_field_t::TYPE]},
+            {"%beep%", fields[call_field_t::BEEP]},
+            {"%transmissions%", fields[call_field_t::TRANSMISSIONS]},
+            {"%line%", with_.line},
+        };
+        for (const auto &[word, text] : words) {
+            if (fmt.starts_with(word)) {
+                replace(text);
+                return word.size();
+            }
+        }
+        return 0;
+    }
 
     // Replaces the values that `fmt`, which begins with "$", names one after the other in table
     // order. Returns the rest.

@@ -12,6 +12,8 @@ struct placeholders_t {
     const char *number;   // call address, may be null
     const char *message;  // may be null
     const value_t *values;
+    const call_fields_t *fields = nullptr;  // null: the words for them and the line are copied
+    const char *line = "";                  // the pager's name
 };
 
 // What a template is for, and so what a replacement must not be able to do there.
@@ -33,8 +35,9 @@ void append_quoted(text_writer_t *line, std::string_view text, quoting_t quoting
 // Expands a template into `line`.
 //   line, size  the caller's buffer and its size in bytes; filled with zeros first, and what does
 //               not fit into size - 1 bytes is cut
-//   fmt         template: %number%, %alarm%, %message%, and "$" followed by the name of a value;
-//               everything else, "%espa_if%" included, is copied
+//   fmt         template: %number%, %alarm%, %message%, and "$" followed by the name of a value; with
+//               `fields` %priority%, %type%, %beep%, %transmissions% and %line% too; everything else,
+//               "%espa_if%" included, is copied
 //   quoting     of every replacement; the template's own text is copied as it is
 // Returns whether everything fitted.
 //

@@ -63,7 +63,9 @@ TEST_F(Check, FindsWithItsPlace) {
         {"; " + std::string(1022, 'x') + "\n[p\n", "1 warning long-line: .*\n.*2 warning open"},
         {"[p]\nrecover_lnik = 1\n", "2 warning unknown-key: .* did you mean recover_link"},
         {"[p]\nfrobnicate = 1\n", "2 warning unknown-key: .*nothing reads it"},
-        {"[p]\npattern = x\n", "2 warning wrong-section: .*rule_"},
+        {"[p]\npattern = x\n", "2 warning wrong-section: .*is a key of a rule.*a pager.*rule_"},
+        {"[rule_a]\nlog_level = 1\n", "2 warning wrong-section: .*of the logger.* a rule: nothing"},
+        {"[logger]\nhost = x\n", "2 warning wrong-section: .*of a pager.* the logger: nothing"},
         {"port = 1\n", "1 warning no-section: "},
         {"[p]\nport = 1\nPort = 2\n", "3 warning twice: port .*line 2.* port = 2"},
         {"[p]\n[q]\n[P]\n", "3 warning twice: section .p. .*line 1"},
@@ -127,6 +129,17 @@ TEST_F(Check, FindsWithItsPlace) {
         {LINE + "espa_address = 2\nprotocol = ascii\n", "7 warning station: .*ASCII line"},
         {LINE + "espa_address = 2\nespa_poll = y\n", "8 warning station: espa_poll: means nothing"},
         {LINE + "espa_control = 2\n", "7 warning station: .*without espa_address"},
+        {LINE + "listen_address = 1.2.3.4\n", "7 warning listen: .*without listen"},
+        {LINE + "listen = y\nlisten_address = here\n", "8 error listen: .*here is no IPv4"},
+        {LINE + "listen = y\nport = 1023\n", "8 error listen: .*port 1023, which is for root"},
+        {LINE + "listen = y\n[q]\nhost = 1.2.3.4\nlisten = y\nlisten_address = 1.1.1.1\n",
+         "8 error same-port: .q. listens on the port of .ward. .line 1"},
+        {LINE + "[rule_a]\nmatch_type = (\n", "8 error pattern: match_type does not compile"},
+        {LINE + RULES + "match_type = 1\n", "10 warning condition: .*rule_d. is a default rule"},
+        {LINE + "protocol = ascii\n[rule_a]\nmatch_beep = 1\n", "9 warning condition: .*ASCII"},
+        {CALL + "context = %priority%\n", "11 warning placeholder: .*without record_fields"},
+        {SCRIPT_RULE + "record_fields = y\ncallscript = x %type%\n",
+         "12 warning quoting: .*%type% stands there without"},
         {LINE + "callscript = x\n", "7 note unused: "},
         {CALL + "ack_when_run = y\n", "11 note unused: ack_when_run is used by action = script"},
         {QUOTED + "ack_when_run = yes\n", "12 warning no-effect: .*rule_d. has ack_when_done"},
@@ -157,6 +170,14 @@ TEST_F(Check, FindsNothingInWhatIsMeant) {
         "callscript = x $HOME $(date +%H%M) %message% $ab '100 % of 10%' for i in $i "
         "`x \\`y\\``\"$(a '`' %message%)\" $a$1 '&' \\&\n[rule_d]\n");
     EXPECT_THAT(clean, Not(ContainsRegex("warning|note|error [^d]")));
+    const std::string listening = findings_in(
+        LINE +
+        "listen = y\nlisten_address = 127.0.0.1\nespa_poll = y\n[q]\nhost = 127.0.0.1\n"
+        "listen = y\nlisten_address = 127.0.0.2\nspool_dir = /s\nrules = rule_a\n"
+        "espa_address = 2\n[r]\nhost = 127.0.0.1\nrecover_link = y\nspool_dir = /s\n"
+        "default_rule = rule_d\n[rule_a]\npattern = FIRE\naction = call\nmatch_beep = 1\n"
+        "record_fields = y\ncontext = %line%%priority%\n[rule_d]\n");
+    EXPECT_THAT(listening, Not(ContainsRegex("[2-9] (warning|note|error [^d])")));
 }
 
 TEST(Findings, NameThatIsNearest) {
@@ -189,6 +210,8 @@ TEST_F(InstalledCheck, JudgesFilesAsTheAccount) {
     }
     EXPECT_THAT(findings_in("[logger]\nlog_file = /dev/null\nstatus_file = /run/lock/s\n"),
                 ContainsRegex("\n3 note unit: .*/run/lock has to be listed"));
+    EXPECT_THAT(findings_in("[logger]\njournal_file = /run/lock/j\n"),
+                ContainsRegex("\n2 note unit: journal_file: .*/j has to be listed"));
     fs::create_directory(dir.path("closed"));
     const std::string closed = dir.path("closed");
     dir.write("locked", "");
@@ -269,7 +292,10 @@ TEST_F(Check, WhatAMessageComesTo) {
         "[rule_f]\naction = call\npattern = F([A-Z])\nvalue[v] = (B)\nextension = $v\n"
         "[rule_s]\naction = script\npattern = SC\ncallscript = run %number% '%message%'\n"
         "[rule_e]\naction = call\npattern = B$\nquote = yes\nextension = /../%message%\n"
-        "[rule_k]\n");
+        "[rule_k]\n[rule_m]\npattern = PRIO.*\nmatch_address = ^4\nmatch_priority = 1\n"
+        "match_beep = 5\nmatch_transmissions = 6\nrecord_fields = y\naction = call\n"
+        "context = %priority%%type%%beep%%transmissions%%line%\n"
+        "[m]\nhost = 10.0.0.3\nlisten = y\nport = 4001\nrules = rule_m\n");
     const std::string try_on = "vespercheck " + path + " -l ";
     const std::pair<std::string, const char *> rows[] = {
         {"p -m FAFB",
@@ -302,6 +328,10 @@ TEST_F(Check, WhatAMessageComesTo) {
          R"(0,"groups": ""},{"listed": "rule_e","rule": "rule_e","index": 0,"groups": ""}])"
          R"(,"selected": "rule_s","why": "its last match is the longest, 2 characters",)"
          R"("action": "script","values": {},"command": {"line": "run 7 'SC'","is_run": true})"},
+        {"m -m PRIO -a 1 --priority 1", ": match index 4, match_address does not match\n  Sel"},
+        {"m -m PRIO -a 4 --json", R"("groups": "","unmet": "match_priority"}],"selected": null)"},
+        {"m -m PRIO -a 4 --priority 01 --type 3 --beep 5 --transmissions 6",
+         "    Context: 01356m\\r\n"},
         {"p -m FB --json", R"("values": {"v": "B"},"call_file": {"path": "/s/call_B_#","content")"},
         {"r -m FB --json", R"("selected": null,"why": "the list names)"},
     };
@@ -313,7 +343,7 @@ TEST_F(Check, WhatAMessageComesTo) {
         shown = std::regex_replace(shown, std::regex(path + "|1[0-9]{9}_0"), "#");
         EXPECT_THAT(shown, HasSubstr(expected)) << options;
     }
-    EXPECT_EQ(run(0, "vespercheck --converters " + path), "10.0.0.1\n10.0.0.2\n");
+    EXPECT_EQ(run(0, "vespercheck --converters " + path), "10.0.0.1\n10.0.0.2\n10.0.0.3\n");
     EXPECT_THAT(run(0, "vespercheck -m FB " + path),
                 AllOf(HasSubstr("line n has no host and is left out\n"), HasSubstr("\nLine r:")));
     EXPECT_THAT(run(2, "vespercheck --no-resolve " + path),
@@ -321,7 +351,9 @@ TEST_F(Check, WhatAMessageComesTo) {
                           "    2. rule_s (script)\n    3. rule_e (call)\n    otherwise rule_k "
                           "(skip)\n  q: 10.0.0.2 port 7, ASCII lines\n    otherwise rule_s "
                           "(script)\n  r: 10.0.0.1 port 2233, ESPA 4.4.4\n    otherwise messages "
-                          "are dropped\nLog: /dev/null, level 0\n"));
+                          "are dropped\n  m: 10.0.0.3 connects to port 4001, ESPA 4.4.4\n    1. "
+                          "rule_m (call)\n    otherwise messages are dropped\nLog: /dev/null, "
+                          "level 0\n"));
 }
 
 }  // namespace

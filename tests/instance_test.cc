@@ -9,7 +9,8 @@
 namespace {
 
 TEST(Instance, Names) {
-    for (const std::string &name : texts_t{"east", "E-2_b.c:d", "9", std::string(64, 'n')}) {
+    for (const std::string &name :
+         texts_t{"east", "azAZ09", "E-2_b.c:d", "9", std::string(64, 'n')}) {
         EXPECT_TRUE(is_instance_name(name)) << name;
         EXPECT_EQ(instance_of_config("/etc/quillet/" + name + ".conf"), name);
     }

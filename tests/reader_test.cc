@@ -143,10 +143,12 @@ TEST(Espa, BlockCheckCharacter) {
 TEST(Espa, ParsesCallRecords) {
     const std::string m200(200, 'm'), m128(128, 'm'), m19(19, 'm');
     const std::pair<std::string, std::string> rows[] = {
-        // packet; header type, call address and display message
+        // packet; header type, call address, display message, and of the other fields those there are
         {"<SOH>1<STX>1<US>4711<RS>2<US>Fire alarm<ETX>q", "1|4711|Fire alarm|"},
         {"<SOH>1<STX>1<US><RS>2<US>Text<ETX>q", "1||Text|"},
-        {"<SOH>1<STX>6<US>3<RS>2<US>Text<ETX>q", "1||Text|"},
+        {"<SOH>1<STX>6<US>3<RS>2<US>Text<ETX>q", "1||Text|3|"},
+        {"<SOH>1<STX>6<US>03<RS>5<US>10<RS>4<US>2<RS>3<US>" + m19 + "<ETX>q",
+         "1|||03|2|" + m19.substr(4) + "|10|"},
         {"<SOH>1zz<STX>1x55<ETX>q", "1|55||"},
         {"<SOH>1<STX>1<US>ABCDE<RS>1<US>XY<ETX>q", "1|XYCDE||"},
         {"<SOH><NUL><STX>1<US>5<ETX>", "<NUL>|||"},
@@ -165,9 +167,14 @@ TEST(Espa, ParsesCallRecords) {
         const std::string buffer = wire(packet + "<NUL>");  // as large as stated, for the sanitizer
         espa_p p{};
         EXPECT_EQ(parse_espa_packet(&p, buffer.data(), int(buffer.size())), 0);
-        EXPECT_EQ(
-            joined(p.header_type, field(p.record.call_address), field(p.record.display_message)),
-            wire(fields));
+        const espa_record_t &record = p.record;
+        std::string found =
+            joined(p.header_type, field(record.call_address), field(record.display_message));
+        for (const char *other : {record.priority_text, record.type_text, record.beep_text,
+                                  record.transmissions_text}) {
+            found += other[0] != '\0' ? other + "|"s : "";
+        }
+        EXPECT_EQ(found, wire(fields));
     }
 }
 

@@ -129,6 +129,30 @@ TEST_F(Tables, LongestLastMatchWinsElseTheDefaultRule) {
     }
 }
 
+TEST_F(Tables, ConditionsOnTheFieldsOfARecord) {
+    load(
+        "[rule_a]\npattern = FIRE ZONE\nmatch_priority = ^1$\nmatch_type = 3\n"
+        "[rule_b]\npattern = FIRE\nmatch_address = ^4\n"
+        "[rule_c]\npattern = FIRE\nmatch_beep = x*\n"
+        "[rule_d]\npattern = FIRE\nmatch_transmissions = (\n"
+        "[rule_e]\nmatch_priority = 9\npattern = never\n");
+    const std::pair<std::array<const char *, CALL_FIELDS>, const char *> rows[] = {
+        {{"", "1", "3", "", ""}, "rule_a"},   {{"41", "1", "03", "", ""}, "rule_a"},
+        {{"41", "2", "3", "", ""}, "rule_b"}, {{"", "1", "2", "", ""}, "rule_e"},
+        {{"14", "", "", "y", "("}, "rule_e"}, {{"", "", "", "xx", ""}, "rule_c"},
+        {{"", "", "", "", ""}, "rule_e"},
+    };
+    copy_text(pagers[0].rules, "rule_c,rule_d,rule_b,rule_a");
+    copy_text(pagers[0].default_rule, "rule_e");  // which has no conditions
+    for (const auto &[texts, selected] : rows) {
+        call_fields_t fields;
+        std::copy(texts.begin(), texts.end(), fields.texts);
+        EXPECT_STREQ(select_rule(&pagers[0], "FIRE ZONE 3", fields)->name, selected)
+            << joined(texts[0], texts[1], texts[2], texts[3]);
+    }
+    EXPECT_EQ(unmet_condition(rules[0], {{"", "1", "2", "", ""}}), int(call_field_t::TYPE));
+}
+
 struct Action : Tables {
     // Also tests that the rest of the buffer is zero and the byte after it untouched.
     std::string expand(const char *fmt, const char *message = "FIRE ZONE 3 ROOM 12",
@@ -155,6 +179,21 @@ TEST_F(Action, Placeholders) {
     for (const auto &[code, name] : names) {
         EXPECT_EQ(expand("%alarm%", "", code), name) << code;
     }
+}
+
+TEST_F(Action, PlaceholdersForTheFieldsOfARecord) {
+    const std::string all = "%priority%|%type%|%beep%|%transmissions%|%line%|%Type%|%number%";
+    const call_fields_t fields{{"", "1'", "3", "", "10"}};
+    placeholders_t with{ALARM_MESSAGE, "7", "m", nullptr};
+    char text[256];
+    expand_template(text, sizeof text, all, with, quoting_t::NONE);
+    EXPECT_EQ(text, std::regex_replace(all, std::regex("%number%"), "7"));
+    with.fields = &fields;
+    with.line = "ward";
+    expand_template(text, sizeof text, all, with, quoting_t::NONE);
+    EXPECT_STREQ(text, "1'|3||10|ward|%Type%|7");
+    expand_template(text, sizeof text, "%priority%%line%", with, quoting_t::COMMAND);
+    EXPECT_STREQ(text, "'1'\\''''ward'");
 }
 
 TEST_F(Action, NamedValues) {

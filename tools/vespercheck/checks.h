@@ -10,7 +10,7 @@ void check_site(const site_t &site, findings_t *findings);
 // Keys that nobody reads, and values that are not what their key reads.
 void check_keys(const site_t &site, findings_t *findings);
 
-// Hosts that are not found, lines that share a converter, character sets, spool directories that
+// Hosts that are not found, lines that share a converter or a port, character sets, spool directories that
 // were left as they are, sections behind a full table.
 void check_lines(const site_t &site, findings_t *findings);
 

@@ -21,6 +21,7 @@ json_t as_json(const line_summary_t &line) {
     object["address"] = line.address.empty() ? json_t(nullptr) : json_t(line.address);
     object["port"] = line.port;
     object["protocol"] = line.protocol;
+    object["listens"] = line.listens;
     object["rules"] = json_t::array();
     for (const rule_summary_t &rule : line.rules) {
         object["rules"].push_back(as_json(rule));
@@ -34,6 +35,9 @@ json_t as_json(const tried_rule_t &tried) {
     object["rule"] = tried.name.empty() ? json_t(nullptr) : json_t(tried.name);
     object["index"] = tried.index;
     object["groups"] = tried.groups;
+    if (!tried.unmet.empty()) {
+        object["unmet"] = tried.unmet;
+    }
     return object;
 }
 

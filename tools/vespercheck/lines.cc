@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <strings.h>
 
 #include "charset.h"
@@ -42,8 +43,13 @@ void check_spool(const site_line_t &line, findings_t *findings) {
 }
 
 // Of two lines that are served.
+bool is_same_port(const pager_t &a, const pager_t &b) {
+    return a.listen != 0 && b.listen != 0 && a.port == b.port &&
+           (a.listen_address == b.listen_address || a.listen_address == 0 || b.listen_address == 0);
+}
+
 bool is_same_converter(const site_line_t &a, const site_line_t &b) {
-    if (a.pager->port != b.pager->port) {
+    if (a.pager->port != b.pager->port || a.pager->listen != 0 || b.pager->listen != 0) {
         return false;
     }
     const bool is_known = a.host.is_asked && b.host.is_asked;
@@ -54,6 +60,12 @@ bool is_same_converter(const site_line_t &a, const site_line_t &b) {
 void check_converter(const site_line_t &line, const std::vector<const site_line_t *> &before,
                      findings_t *findings) {
     for (const site_line_t *other : before) {
+        if (is_same_port(*line.pager, *other->pager)) {
+            findings->error(line.section->line_of("port"), "same-port", "[", line.section->name,
+                            "] listens on the port of [", other->section->name, "] (line ",
+                            other->section->line, "): only one of them can have it");
+            return;
+        }
         if (is_same_converter(line, *other)) {
             findings->warn(line.section->line_of("host"), "same-converter", "[", line.section->name,
                            "] connects to the same host and port as [", other->section->name,
@@ -97,6 +109,29 @@ void check_station(const site_line_t &line, findings_t *findings) {
     }
 }
 
+// What a line that waits for its paging system can be told in vain.
+void check_listening(const site_line_t &line, findings_t *findings) {
+    constexpr int PRIVILEGED_PORTS = 1024;
+    const file_section_t &section = *line.section;
+    const file_entry_t *address = section.find("listen_address");
+    in_addr parsed{};
+    if (line.pager == nullptr) {
+        return;
+    }
+    if (line.pager->listen == 0 && address != nullptr) {
+        findings->warn(address->line, "listen",
+                       "listen_address means nothing without listen = yes");
+    } else if (address != nullptr && inet_pton(AF_INET, address->value.c_str(), &parsed) != 1) {
+        findings->error(address->line, "listen", "listen_address = ", address->value,
+                        " is no IPv4 address: [", section.name, "] listens on all");
+    }
+    const auto port = static_cast<uint16_t>(line.pager->port);
+    if (line.pager->listen != 0 && port < PRIVILEGED_PORTS) {
+        findings->error(section.line_of("port"), "listen", "[", section.name, "] listens on port ",
+                        port, ", which is for root alone: take one from 1024 on");
+    }
+}
+
 }  // namespace
 
 void check_site(const site_t &site, findings_t *findings) {
@@ -120,6 +155,7 @@ void check_lines(const site_t &site, findings_t *findings) {
         }
         check_recovery(line, findings);
         check_station(line, findings);
+        check_listening(line, findings);
         check_charset(*line.section, findings);
         check_spool(line, findings);
     }

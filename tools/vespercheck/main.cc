@@ -34,7 +34,7 @@ struct options_t {
     bool converters = false;
     bool without_names = false;
     std::optional<std::string> message;
-    std::string address = DEFAULT_ADDRESS;
+    record_texts_t record = {DEFAULT_ADDRESS, "", "", "", ""};
     std::vector<std::string> lines;
 };
 
@@ -84,7 +84,14 @@ void add_trial_options(arguments_t *arguments, options_t *options) {
                       [=](const std::string &message) { options->message = message; });
     arguments->option("-l, --line LINE", "on this line, instead of on all; can be repeated",
                       [=](const std::string &line) { options->lines.push_back(lower_case(line)); });
-    arguments->text_option("-a, --address A", "with this call address (1000)", &options->address);
+    const auto field = [&](const char *form, const char *help, call_field_t which) {
+        arguments->text_option(form, help, &options->record[static_cast<size_t>(which)]);
+    };
+    field("-a, --address A", "with this call address (1000)", call_field_t::ADDRESS);
+    field("--priority P", "with this priority, as the call record has it", call_field_t::PRIORITY);
+    field("--type T", "with this call type", call_field_t::TYPE);
+    field("--beep B", "with this beep coding", call_field_t::BEEP);
+    field("--transmissions N", "with this number of transmissions", call_field_t::TRANSMISSIONS);
 }
 
 options_t parse_options(int argc, char **argv) {
@@ -133,11 +140,12 @@ int try_on_lines(const options_t &options, const site_t &site) {
         if (is_wanted && line.pager == nullptr) {
             say(text_of("line ", line.section->name, " has no host and is left out"));
         } else if (is_wanted) {
-            trials.push_back(try_message(*line.pager, *options.message, options.address));
+            trials.push_back(try_message(*line.pager, *options.message, options.record));
         }
     }
     if (options.json) {
-        fputs(trials_json(options.path, *options.message, options.address, trials).c_str(), stdout);
+        fputs(trials_json(options.path, *options.message, options.record[0], trials).c_str(),
+              stdout);
         return EXIT_SUCCESS;
     }
     for (const trial_t &trial : trials) {

@@ -12,10 +12,12 @@ struct converter_t {
     int line;
     std::string host;
     uint16_t port;
+    bool listens;
 };
 
 void add_converters(const std::string &path, std::vector<converter_t> *converters) {
     const config_key_t &port = *find_key(section_kind_t::PAGER, "port");
+    const config_key_t &listen = *find_key(section_kind_t::PAGER, "listen");
     outline_t outline;
     findings_t of_that_file;
     std::string text;
@@ -26,7 +28,8 @@ void add_converters(const std::string &path, std::vector<converter_t> *converter
     for (const file_section_t &section : outline.sections) {
         if (section.kind == section_kind_t::PAGER && !section.text("host").empty()) {
             converters->push_back({path, section.name, section.line, section.text("host"),
-                                   static_cast<uint16_t>(section.number(port))});
+                                   static_cast<uint16_t>(section.number(port)),
+                                   section.number(listen) != 0});
         }
     }
 }
@@ -34,10 +37,17 @@ void add_converters(const std::string &path, std::vector<converter_t> *converter
 // Names are compared as names: nobody is asked for another daemon's hosts.
 bool serves(const pager_t &pager, const converter_t &converter) {
     in_addr address{};
-    return static_cast<uint16_t>(pager.port) == converter.port &&
+    return pager.listen == 0 && !converter.listens &&
+           static_cast<uint16_t>(pager.port) == converter.port &&
            (strcasecmp(pager.host, converter.host.c_str()) == 0 ||
             (inet_aton(converter.host.c_str(), &address) != 0 &&
              address.s_addr == pager.sin.sin_addr.s_addr));
+}
+
+// Addresses that two daemons listen on are not compared: mostly it is all of them.
+bool shares_port(const pager_t &pager, const converter_t &converter) {
+    return pager.listen != 0 && converter.listens &&
+           static_cast<uint16_t>(pager.port) == converter.port;
 }
 
 }  // namespace
@@ -49,7 +59,12 @@ void check_neighbours(const site_t &site, findings_t *findings) {
     }
     for (const site_line_t &line : site.lines) {
         for (const converter_t &converter : converters) {
-            if (line.pager != nullptr && serves(*line.pager, converter)) {
+            if (line.pager != nullptr && shares_port(*line.pager, converter)) {
+                findings->warn(line.section->line_of("port"), "same-port", "[", line.section->name,
+                               "] listens on the port of [", converter.section, "] of ",
+                               converter.file, " (line ", converter.line,
+                               "): only one of them can have it");
+            } else if (line.pager != nullptr && serves(*line.pager, converter)) {
                 findings->warn(line.section->line_of("host"), "same-converter", "[",
                                line.section->name, "] connects to the same host and port as [",
                                converter.section, "] of ", converter.file, " (line ",

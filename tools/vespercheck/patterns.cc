@@ -168,6 +168,13 @@ void check_patterns(const site_t &site, findings_t *findings) {
     for (const site_rule_t &rule : site.rules) {
         check_pattern(rule.section->line_of("pattern"), "the pattern", rule.rule->pattern,
                       rule.section->text("pattern"), findings);
+        for (size_t i = 0; i < CALL_FIELDS; i++) {
+            const char *key = CONDITION_KEYS[i];
+            if (rule.rule->conditions[i].is_given != 0) {
+                check_pattern(rule.section->line_of(key), key, rule.rule->conditions[i].pattern,
+                              rule.section->text(key), findings);
+            }
+        }
         const std::vector<const file_entry_t *> values = values_of(*rule.section);
         for (size_t slot = 0; slot < values.size(); slot++) {
             check_value(*values[slot], *rule.rule, slot, slot + 1 == values.size(), findings);

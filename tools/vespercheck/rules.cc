@@ -15,8 +15,13 @@ struct named_t {
     rule_t *rule;  // null: nothing
 };
 
-// The rules that lines reach, and whether one of these lines has ack_when_done.
-using reached_t = std::map<const rule_t *, bool>;
+// What the lines that reach a rule are like.
+struct reach_t {
+    bool acknowledges = false;  // one of them has ack_when_done
+    bool is_listed = false;     // in the rules of one, not as a default rule alone
+    bool has_fields = false;    // by one that is no ASCII line
+};
+using reached_t = std::map<const rule_t *, reach_t>;
 
 // Looks a name up as the daemon would.
 rule_t *find(std::string_view name) {
@@ -53,10 +58,14 @@ class choice_checker_t {
     void note_reached(reached_t *reached) const {
         const config_key_t &key = *find_key(section_kind_t::PAGER, "ack_when_done");
         const bool acknowledges = section_.number(key) != 0;
+        const bool has_fields = parse_protocol(section_.text("protocol")) != PROTOCOL_ASCII;
         for (const named_t &named : listed_) {
-            (*reached)[named.rule] |= acknowledges;
+            reach_t &reach = (*reached)[named.rule];
+            reach.acknowledges |= acknowledges;
+            reach.has_fields |= has_fields;
+            reach.is_listed = true;
         }
-        (*reached)[default_.rule] |= acknowledges;
+        (*reached)[default_.rule].acknowledges |= acknowledges;
     }
 
   private:
@@ -206,10 +215,32 @@ void check_acknowledgement(const site_t &site, const reached_t &reached, finding
     for (const site_rule_t &rule : site.rules) {
         const auto lines = reached.find(rule.rule);
         if (rule.rule->action == SCRIPT && rule.section->number(key) != 0 &&
-            lines != reached.end() && !lines->second) {
+            lines != reached.end() && !lines->second.acknowledges) {
             findings->warn(rule.section->line_of(key.name), "no-effect",
                            "ack_when_run has no effect: no line that reaches [", rule.section->name,
                            "] has ack_when_done");
+        }
+    }
+}
+
+// Conditions that nothing looks at, or that nothing meets.
+void check_conditions(const site_t &site, const reached_t &reached, findings_t *findings) {
+    for (const site_rule_t &rule : site.rules) {
+        const auto given =
+            std::find_if(CONDITION_KEYS.begin(), CONDITION_KEYS.end(),
+                         [&](const char *key) { return rule.section->find(key) != nullptr; });
+        const auto lines = reached.find(rule.rule);
+        if (given == CONDITION_KEYS.end() || lines == reached.end()) {
+            continue;
+        }
+        const int at = rule.section->line_of(*given);
+        if (!lines->second.is_listed) {
+            findings->warn(at, "condition", *given, " has no effect: [", rule.section->name,
+                           "] is a default rule only, and those have no conditions");
+        } else if (!lines->second.has_fields) {
+            findings->warn(at, "condition", *given, ": [", rule.section->name,
+                           "] is never chosen, because only ASCII lines list it and these have no "
+                           "fields");
         }
     }
 }
@@ -225,4 +256,5 @@ void check_rules(const site_t &site, findings_t *findings) {
     }
     check_reach(site, reached, findings);
     check_acknowledgement(site, reached, findings);
+    check_conditions(site, reached, findings);
 }

@@ -20,6 +20,7 @@ line_summary_t summarize(const pager_t &pager) {
     line.address = pager.sin.sin_addr.s_addr != 0 ? inet_ntoa(pager.sin.sin_addr) : "";
     line.port = ntohs(pager.sin.sin_port);
     line.protocol = pager.protocol == PROTOCOL_ASCII ? "ascii" : "espa";
+    line.listens = pager.listen != 0;
     std::string list(pager.rules);
     visit_rule_list(list.data(), [&](const char * /*name*/, const rule_t *rule) {
         if (rule != nullptr) {
@@ -41,7 +42,7 @@ std::string line_text(const line_summary_t &line) {
     if (!line.address.empty() && line.address != line.host) {
         text += text_of(" (", line.address, ")");
     }
-    text += text_of(" port ", line.port,
+    text += text_of(line.listens ? " connects to port " : " port ", line.port,
                     line.protocol == "ascii" ? ", ASCII lines" : ", ESPA 4.4.4", "\n");
     int number = 0;
     for (const rule_summary_t &rule : line.rules) {

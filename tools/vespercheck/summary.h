@@ -20,6 +20,7 @@ struct line_summary_t {
     std::string protocol;               // "espa", "ascii"
     std::vector<rule_summary_t> rules;  // in the order of the list
     std::optional<rule_summary_t> default_rule;
+    bool listens = false;  // the host connects to the port
 
     bool operator==(const line_summary_t &) const = default;
 };

@@ -8,6 +8,8 @@
 namespace {
 
 constexpr std::string_view PLACEHOLDERS[] = {"%number%", "%alarm%", "%message%"};
+constexpr std::string_view FIELD_PLACEHOLDERS[] = {"%priority%", "%type%", "%beep%",
+                                                   "%transmissions%", "%line%"};
 constexpr size_t SHORTEST_WORD = 3;  // "%H%M" is a time
 
 bool is_word_character(char c) {
@@ -20,13 +22,16 @@ std::string_view word_of(std::string_view text) {
     return text.substr(0, static_cast<size_t>(end - text.begin()));
 }
 
-std::string_view placeholder_at(std::string_view text) {
-    for (const std::string_view placeholder : PLACEHOLDERS) {
-        if (text.starts_with(placeholder)) {
-            return placeholder;
-        }
-    }
-    return {};
+template <size_t N>
+std::string_view one_of(const std::string_view (&words)[N], std::string_view text) {
+    const auto found = std::find_if(std::begin(words), std::end(words),
+                                    [&](std::string_view word) { return text.starts_with(word); });
+    return found != std::end(words) ? *found : std::string_view();
+}
+
+// Whether what stands for it comes from the line, and not from the configuration or the daemon.
+bool is_from_line(std::string_view placeholder) {
+    return placeholder.starts_with('%') && placeholder != "%alarm%" && placeholder != "%line%";
 }
 
 // Where a shell stands in its quotes, and in the commands that it runs for their output.
@@ -142,7 +147,7 @@ class template_checker_t {
     }
 
     void check_quoting(std::string_view placeholder) {
-        const bool is_text = placeholder == "%message%" || placeholder == "%number%";
+        const bool is_text = is_from_line(placeholder);
         if (!is_command_) {
             return;
         }
@@ -165,7 +170,16 @@ class template_checker_t {
         }
     }
 
+    std::string_view placeholder_at(std::string_view text) const {
+        const std::string_view usual = one_of(PLACEHOLDERS, text);
+        return usual.empty() && rule_.record_fields != 0 ? one_of(FIELD_PLACEHOLDERS, text) : usual;
+    }
+
     void check_unknown(std::string_view text) {
+        if (const std::string_view field = one_of(FIELD_PLACEHOLDERS, text); !field.empty()) {
+            warn("placeholder", field, " is copied as it stands without record_fields = yes");
+            return;
+        }
         const std::string_view word = word_of(text.substr(1));
         if (is_default_ || word.size() < SHORTEST_WORD ||
             !text.substr(1 + word.size()).starts_with('%')) {

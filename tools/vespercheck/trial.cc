@@ -5,6 +5,7 @@
 #include "action.h"
 #include "espa.h"
 #include "findings.h"
+#include "keys.h"
 #include "printable.h"
 #include "rule.h"
 #include "service.h"
@@ -20,15 +21,18 @@ std::string groups_of(const pattern_t &pattern, const std::string &message) {
     return groups;
 }
 
-std::vector<tried_rule_t> try_list(const pager_t &pager, const std::string &message) {
+std::vector<tried_rule_t> try_list(const pager_t &pager, const std::string &message,
+                                   const call_fields_t &fields) {
     std::vector<tried_rule_t> tried;
     std::string list(pager.rules);
     visit_rule_list(list.data(), [&](const char *name, const rule_t *rule) {
-        tried_rule_t &one = tried.emplace_back(tried_rule_t{name, "", 0, ""});
+        tried_rule_t &one = tried.emplace_back(tried_rule_t{name, "", 0, "", ""});
         if (rule != nullptr) {
             one.name = rule->name;
             one.index = match_regex(&rule->pattern, message.c_str(), nullptr, 0);
             one.groups = groups_of(rule->pattern, message);
+            const int unmet = unmet_condition(*rule, fields);
+            one.unmet = unmet >= 0 ? CONDITION_KEYS[static_cast<size_t>(unmet)] : "";
         }
     });
     return tried;
@@ -38,6 +42,9 @@ std::string why_selected(const trial_t &trial) {
     int best = 0;
     int equals = 0;
     for (const tried_rule_t &tried : trial.tried) {
+        if (!tried.unmet.empty()) {
+            continue;
+        }
         equals = tried.index > best ? 0 : equals;
         equals += tried.index >= best && tried.index > 0 ? 1 : 0;
         best = std::max(best, tried.index);
@@ -50,6 +57,26 @@ std::string why_selected(const trial_t &trial) {
     const char *reason = trial.tried.empty() ? "the list names no rule" : "no listed rule matches";
     return text_of(
         reason, trial.selected.empty() ? ", and there is no default rule" : ": the default rule");
+}
+
+// The fields as they come from a record: cut to the room that it has for them.
+record_texts_t cut_texts(const record_texts_t &record, bool is_ascii) {
+    record_texts_t texts;
+    for (size_t i = 0; i < texts.size() && !is_ascii; i++) {
+        const bool is_address = i == static_cast<size_t>(call_field_t::ADDRESS);
+        texts[i] = record[i].substr(0, (is_address ? sizeof espa_record_t::call_address
+                                                   : sizeof espa_record_t::priority_text) -
+                                           1);
+    }
+    return texts;
+}
+
+call_fields_t fields_of(const record_texts_t &texts) {
+    call_fields_t fields;
+    for (size_t i = 0; i < texts.size(); i++) {
+        fields.texts[i] = texts[i].c_str();
+    }
+    return fields;
 }
 
 void expand(const pager_t &pager, const rule_t &rule, const placeholders_t &with, trial_t *trial) {
@@ -108,27 +135,32 @@ std::string action_text(const trial_t &trial) {
 
 }  // namespace
 
-trial_t try_message(const pager_t &pager, const std::string &received, const std::string &address) {
+trial_t try_message(const pager_t &pager, const std::string &received,
+                    const record_texts_t &record) {
     const bool is_ascii = pager.protocol == PROTOCOL_ASCII;
     // A character of a character set can be several in UTF-8: how much fits cannot be told then.
     const bool is_cut = !is_ascii && pager.charset[0] == '\0';
     const std::string message =
         is_cut ? received.substr(0, sizeof espa_record_t::display_message - 1) : received;
-    const std::string number =
-        is_ascii ? "" : address.substr(0, sizeof espa_record_t::call_address - 1);
+    const record_texts_t texts = cut_texts(record, is_ascii);
+    const call_fields_t fields = fields_of(texts);
 
-    trial_t trial{pager.name, try_list(pager, message), "", "", "", {}, "", "", true};
+    trial_t trial{pager.name, try_list(pager, message, fields), "", "", "", {}, "", "", true};
     if (is_ascii && message.size() < MIN_ASCII_LENGTH) {
         trial.why =
             text_of("an ASCII line takes messages of ", MIN_ASCII_LENGTH, " characters and more");
         return trial;
     }
     rule_t rule;
-    const bool found = choose_rule(&pager, message.c_str(), &rule);
+    const bool found = choose_rule(&pager, message.c_str(), &rule, fields);
     trial.selected = found ? rule.name : "";
     trial.why = why_selected(trial);
     if (found) {
-        expand(pager, rule, {ALARM_MESSAGE, number.c_str(), message.c_str(), rule.values}, &trial);
+        placeholders_t with{ALARM_MESSAGE, fields[call_field_t::ADDRESS], message.c_str(),
+                            rule.values};
+        with.fields = rule.record_fields != 0 ? &fields : nullptr;
+        with.line = pager.name;
+        expand(pager, rule, with, &trial);
     }
     return trial;
 }
@@ -143,7 +175,8 @@ std::string trial_text(const trial_t &trial) {
         }
         text += tried.name != tried.listed ? text_of(" (", printable(tried.name), ")") : "";
         text += text_of(": match index ", tried.index);
-        text += tried.groups.empty() ? "\n" : text_of(", groups '", printable(tried.groups), "'\n");
+        text += tried.groups.empty() ? "" : text_of(", groups '", printable(tried.groups), "'");
+        text += tried.unmet.empty() ? "\n" : text_of(", ", tried.unmet, " does not match\n");
     }
     text += text_of("  Selected: ", trial.selected.empty() ? "none" : printable(trial.selected),
                     ", ", trial.why, "\n");

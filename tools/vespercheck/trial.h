@@ -1,6 +1,7 @@
 // What a message would come to on a line. Nothing is executed.
 #pragma once
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,7 @@ struct tried_rule_t {
     std::string name;    // of the rule that it finds; empty: none
     int index;           // the length of the last match, 0: none
     std::string groups;  // what groups 1 to 9 hold, of all matches, one behind the other
+    std::string unmet;   // the key of the first condition that the record does not meet
 };
 
 struct trial_t {
@@ -26,9 +28,13 @@ struct trial_t {
     bool is_done;      // false: a quoted command that is too long, a quoted name that leads out
 };
 
-// Tries a message with a call address, which an ASCII line has not. On a line with a charset both are
-// what they were converted to, UTF-8. What an ESPA record has no room for is cut.
-trial_t try_message(const pager_t &pager, const std::string &received, const std::string &address);
+// What a record carries beside its message, by call_field_t.
+using record_texts_t = std::array<std::string, CALL_FIELDS>;
+
+// Tries a message with the other fields of its record, which an ASCII line has not. On a line with a charset
+// message and address are what they were converted to, UTF-8. What an ESPA record has no room for is cut.
+trial_t try_message(const pager_t &pager, const std::string &received,
+                    const record_texts_t &record);
 
 // In lines of text: control characters of the call file and the command as "\xNN", the carriage
 // return at the end of a line as "\r", and everything else printable.

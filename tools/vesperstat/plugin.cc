@@ -36,8 +36,7 @@ class performance_t {
   private:
     void add_line(const report_t &report, const line_status_t &line, double now) {
         const double in_state = now - line.state_since;
-        const bool is_down =
-            line.state == line_state_t::CONNECTING || line.state == line_state_t::ENDED;
+        const bool is_down = is_unconnected(line.state) || line.state == line_state_t::ENDED;
         const bool is_busy = !is_down && line.state != line_state_t::IDLE;
         const double last = line.last_message > 0 ? line.last_message : report.status.start;
         add_seconds(report, line.line + "_down", is_down ? in_state : 0, NO_LIMIT, limits_.down);

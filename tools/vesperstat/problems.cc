@@ -69,7 +69,9 @@ class judge_t {
         const level_t level = seconds > limits_.down ? level_t::CRITICAL : level_t::NOTICE;
         const std::string time = duration_words(seconds);
         const bool is_long = level == level_t::CRITICAL || seconds > USUAL_SECONDS;
-        if (line.state == line_state_t::CONNECTING) {
+        if (line.state == line_state_t::WAITING) {
+            add(level, "down", seconds, "waiting for a connection for " + time);
+        } else if (is_unconnected(line.state)) {
             add(level, "down", seconds, "no connection for " + time);
         } else if (line.state == line_state_t::ENDED) {
             add(level, "down", seconds, "ended " + time + " ago");

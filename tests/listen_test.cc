@@ -1,0 +1,130 @@
+// Lines whose paging systems connect by themselves.
+
+#include <arpa/inet.h>
+
+#include "espasend/standard_station.h"
+#include "running_daemon.h"
+
+namespace {
+
+using Listening = Installed;
+
+const std::string RULES =
+    "[rule_x]\npattern = .*\naction = call\nextension = %number%\nrecord_fields = yes\n"
+    "context = %line%-%priority%\n[rule_a]\naction = call\nextension = $n\n"
+    "value[n] = LINE ([0-9]+)\n[logger]\nstatus_file = @status\njournal_file = @journal\n";
+
+// An address on which no other test listens.
+const std::string HERE = [] {
+    std::random_device random;
+    const auto byte = [&] { return "." + std::to_string(1 + random() % 254); };
+    return "127" + byte() + byte() + byte();
+}();
+const std::string LISTENS = "listen = yes\nlisten_address = " + HERE + "\n";
+
+// From an address of the machine to a port of that one.
+unique_fd_t connect_from(const char *address, const std::string &port) {
+    unique_fd_t sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in from{AF_INET, 0, {inet_addr(address)}, {}};
+    const sockaddr_in to{AF_INET, htons(uint16_t(std::stoi(port))), {inet_addr(HERE.c_str())}, {}};
+    EXPECT_EQ(bind(sock.get(), reinterpret_cast<sockaddr *>(&from), sizeof from), 0);
+    const auto connects = [&] {
+        return connect(sock.get(), reinterpret_cast<const sockaddr *>(&to), sizeof to) == 0;
+    };
+    EXPECT_TRUE(eventually(connects)) << port;
+    return sock;
+}
+
+bool is_closed_at_once(const unique_fd_t &sock) {
+    char byte = 0;
+    return recv(sock.get(), &byte, 1, 0) <= 0;
+}
+
+// Delivers a call as the control station of the line, whose station is 2.
+bool calls(const unique_fd_t &sock, const std::string &number) {
+    standard_station_t station(sock.get(), 60, nullptr, '1');
+    call_t call = to(number, "FIRE");
+    call.priority = "03";
+    const bool is_delivered = station.send_call('2', call);
+    EXPECT_TRUE(is_delivered) << station.error();
+    return is_delivered;
+}
+
+TEST_F(Listening, ServesWhoeverMayConnect) {
+    const std::string espa = LISTENS + "rules = rule_x\nespa_address = 2\n";
+    const std::string ascii = LISTENS + "rules = rule_a\nprotocol = ascii\n";
+    daemon_t daemon({{"espa", espa}, {"ascii", ascii}, {"taken", espa}}, RULES);
+    const std::string &port = daemon.ports[0];
+    std::string error;
+    unique_fd_t taken = listen_on(HERE, std::stoi(daemon.ports[2]), &error);
+    daemon.run_in_foreground("-d");
+    daemon.expect_logged("Unable to listen on " + HERE + ":" + daemon.ports[2] +
+                         " for pager taken");
+    const unique_fd_t first = connect_from("127.0.0.1", port);
+    EXPECT_TRUE(calls(first, "1"));
+    EXPECT_THAT(daemon.call("1"), HasSubstr("Context: espa-03\r"));
+    for (int i = 0; i < 100; i++) {  // more than are taken in one go
+        EXPECT_TRUE(is_closed_at_once(connect_from("127.0.0.2", port)));
+    }
+    EXPECT_TRUE(is_closed_at_once(connect_from("127.0.0.3", port)));
+    EXPECT_TRUE(calls(first, "2"));
+    EXPECT_EQ(daemon.count("A connection of 127.0.0."), 2);
+    const unique_fd_t second = connect_from("127.0.0.1", port);  // the first is still open
+    EXPECT_TRUE(calls(second, "3"));
+    EXPECT_TRUE(is_closed_at_once(first));
+    for (int i = 0; i < 5; i++) {  // a connection for each line, as some systems make them
+        send_bytes(connect_from("127.0.0.1", daemon.ports[1]),
+                   "LINE " + std::to_string(i) + "\r\n");
+    }
+    for (int i = 0; i < 5; i++) {
+        EXPECT_FALSE(daemon.call(std::to_string(i)).empty());
+    }
+    taken.reset();
+    EXPECT_TRUE(calls(connect_from("127.0.0.1", daemon.ports[2]), "4"));
+    EXPECT_THAT(daemon.dir.read("journal"), ContainsRegex("\"ms\":[0-9.]+,\"priority\":\"03\"}\n"));
+    EXPECT_TRUE(eventually([&] {
+        const std::string status = daemon.dir.read("status");
+        return status.find("refused_total{line=\"espa\"} 101\n") != std::string::npos &&
+               status.find("\",state=\"waiting for a connection\"} 1\n") != std::string::npos;
+    })) << daemon.dir.read("status");
+    EXPECT_THAT(run(0, "vesperstat --json -s " + daemon.dir.path("status")),
+                HasSubstr("waiting for a connection"));
+}
+
+TEST_F(Listening, ReloadMovesALine) {
+    daemon_t daemon(LISTENS + "rules = rule_x\n", RULES);
+    const child_t process = daemon.start();
+    const unique_fd_t before = connect_from("127.0.0.1", daemon.ports[0]);
+    EXPECT_TRUE(control_station_t(before.get(), 60, nullptr).send_call(to("1", "FIRE")));
+    const std::string old = daemon.ports[0];
+    const unique_fd_t elsewhere = listen_anywhere(&daemon.ports[0]);
+    daemon.configure({{"line", LISTENS + "host = 127.0.0.4\nrules = rule_x\n"}}, RULES);
+    EXPECT_TRUE(process.send(SIGHUP));
+    const unique_fd_t after = connect_from("127.0.0.4", daemon.ports[0]);
+    EXPECT_TRUE(control_station_t(after.get(), 60, nullptr).send_call(to("2", "FIRE")));
+    EXPECT_TRUE(is_closed_at_once(before));
+    EXPECT_TRUE(is_closed_at_once(connect_from("127.0.0.1", daemon.ports[0])));
+    EXPECT_EQ(daemon.count("Trying to swap to ASCII"), 0);
+    std::string error;
+    EXPECT_TRUE(listen_on(HERE, std::stoi(old), &error)) << error;
+}
+
+TEST_F(Tables, ListeningIsLoaded) {
+    find_host = [](const char *) {
+        static char first[] = "\x0A\x00\x00\x01", second[] = "\x0A\x00\x00\x02";
+        static char *addresses[] = {first, second, nullptr};
+        static hostent host{nullptr, nullptr, AF_INET, 4, addresses};
+        return &host;
+    };
+    load(
+        "[p]\nhost = h\nlisten = yes\nlisten_address = 127.0.0.300\n[q]\nhost = h\n"
+        "listen_address = 127.0.0.1\n");
+    find_host = gethostbyname;
+    EXPECT_EQ(joined(pagers[0].listen, pagers[0].listen_address, pagers[0].recover_link), "1|0|1|");
+    EXPECT_EQ(joined(pagers[1].listen, pagers[1].recover_link), "0|0|");
+    EXPECT_EQ(pagers[0].peers[1], inet_addr("10.0.0.2"));
+    EXPECT_EQ(pagers[0].peers[2], 0U);
+    EXPECT_THAT(log(), HasSubstr("listen_address takes an IPv4 address, not 127.0.0.300"));
+}
+
+}  // namespace
