@@ -141,20 +141,24 @@ void compare(int lines, int log_level, log_lines_t log_lines, const char *floor_
 }
 
 // What keys cost: the daemon with them against the daemon without, at log level 0.
-void compare_keys(const char *name, int lines, const std::string &pager_keys,
-                  const std::string &sections, effort_t effort) {
+struct keys_t {
+    const char *name;
+    std::string pager, rule;
+    bool is_monitored = false;  // with status file and journal
+};
+
+void compare_keys(const keys_t &keys, int lines, effort_t effort) {
     std::vector<double> ratios;
     site_t site(lines);
     std::filesystem::create_directory(site.dir() + "/staging");
     std::filesystem::permissions(site.dir() + "/staging", std::filesystem::perms::all);
-    const std::string keys =
-        std::regex_replace(pager_keys, std::regex("@"), site.dir() + "/staging");
+    const std::string pager_keys =
+        std::regex_replace(keys.pager, std::regex("@"), site.dir() + "/staging");
     for (int round = 0; round < effort.rounds; round++) {
         const std::vector<std::string> with = {
             "vesperd", "-f", "-c",
-            site.write_conf(0, PAGER_KEYS + keys,
-                            (sections.empty() ? site.monitoring() : sections) + RULES +
-                                "quote = " + (sections.empty() ? "no" : "yes") + "\n")};
+            site.write_conf(0, PAGER_KEYS + pager_keys,
+                            (keys.is_monitored ? site.monitoring() : "") + RULES + keys.rule)};
         const result_t changed = measure(with, &site, lines, effort.messages);
         std::filesystem::remove(site.journal_file());
         for (const auto &entry : std::filesystem::directory_iterator(site.spool_dir())) {
@@ -163,7 +167,7 @@ void compare_keys(const char *name, int lines, const std::string &pager_keys,
         const result_t plain = measure(daemon_command(site, 0), &site, lines, effort.messages);
         ratios.push_back(changed.cpu_microseconds / plain.cpu_microseconds);
     }
-    printf("%5d  %-48s %6.3f times the CPU time without\n", lines, name, median(ratios));
+    printf("%5d  %-48s %6.3f times the CPU time without\n", lines, keys.name, median(ratios));
     fflush(stdout);
 }
 
@@ -254,10 +258,12 @@ int main(int argc, char **argv) {
     }
     printf("\n");
     for (const int lines : {1, MAX_LINES}) {
-        compare_keys("status_file and journal_file", lines, "", "", effort);
-        compare_keys("recover_link, ack_when_done, staging_dir, quote", lines,
-                     "recover_link = yes\nack_when_done = yes\nstaging_dir = @\n", "[logger]\n",
-                     effort);
+        compare_keys({"status_file and journal_file", "", "", true}, lines, effort);
+        compare_keys(
+            {"recover_link, ack_when_done, staging_dir, quote",
+             "recover_link = yes\nack_when_done = yes\nstaging_dir = @\n", "quote = yes\n"},
+            lines, effort);
+        compare_keys({"espa_address", "espa_address = 2\n", ""}, lines, effort);
     }
     printf("\n");
     print_calls(0);

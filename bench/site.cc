@@ -1,6 +1,8 @@
 #include "site.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/tcp.h>
 #include <pwd.h>
 #include <sched.h>
 #include <signal.h>
@@ -71,6 +73,7 @@ site_t::site_t(int lines) {
     for (int port = FIRST_PORT; port < LAST_PORT && std::ssize(listeners_) < lines; port++) {
         unique_fd_t listener = listen_on("127.0.0.1", port, &error);
         if (listener) {
+            ports_.push_back(std::to_string(port));
             listeners_.push_back(std::move(listener));
         }
     }
@@ -79,14 +82,6 @@ site_t::site_t(int lines) {
 site_t::~site_t() {
     stop();
     std::filesystem::remove_all(dir_);
-}
-
-std::vector<std::string> site_t::ports() const {
-    std::vector<std::string> ports;
-    for (const unique_fd_t &listener : listeners_) {
-        ports.push_back(std::to_string(bound_port(listener.get())));
-    }
-    return ports;
 }
 
 std::string site_t::write_conf(int log_level, const std::string &pager_keys,
@@ -147,6 +142,21 @@ unique_fd_t site_t::accept(int line) const {
         accept_within(listeners_[static_cast<size_t>(line)].get(), ACCEPT_SECONDS, &error);
     if (!sock) {
         give_up(error);
+    }
+    return sock;
+}
+
+unique_fd_t site_t::connect_from(const char *address, int line) const {
+    const int port = atoi(ports_[static_cast<size_t>(line)].c_str());
+    const sockaddr_in from{AF_INET, 0, {inet_addr(address)}, {}};
+    const sockaddr_in to{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    unique_fd_t sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int on = 1;
+    setsockopt(sock.get(), IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
+    setsockopt(sock.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    if (bind(sock.get(), reinterpret_cast<const sockaddr *>(&from), sizeof from) != 0 ||
+        connect(sock.get(), reinterpret_cast<const sockaddr *>(&to), sizeof to) != 0) {
+        return unique_fd_t();
     }
     return sock;
 }

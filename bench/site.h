@@ -30,7 +30,7 @@ class site_t {
         return "[logger]\njournal_file = " + journal_file() + "\nstatus_file = " + status_file() +
                "\n";
     }
-    std::vector<std::string> ports() const;
+    const std::vector<std::string> &ports() const { return ports_; }
 
     // Writes a configuration with one pager per line, named line0, line1, ...; `sections` holds the
     // rules, `pager_keys` what every pager has besides host, port and spool directory.
@@ -43,6 +43,10 @@ class site_t {
     void start_in_background(const std::string &conf, int max_descriptors);
     // Accepts the connection on a line.
     unique_fd_t accept(int line) const;
+    // Leaves the ports to the program, which listens on them itself.
+    void stop_listening() { listeners_.clear(); }
+    // Connects to a line's port from one of the machine's addresses; no descriptor while nobody listens.
+    unique_fd_t connect_from(const char *address, int line) const;
     // The listening socket of a line.
     int listener(int line) const { return listeners_[static_cast<size_t>(line)].get(); }
     // The running program, -1 when it has ended.
@@ -63,6 +67,7 @@ class site_t {
 
     std::string dir_;
     std::vector<unique_fd_t> listeners_;
+    std::vector<std::string> ports_;
     pid_t pid_ = -1;
 };
 
