@@ -3,6 +3,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "action.h"
 #include "clock.h"
 #include "link.h"
@@ -16,7 +18,7 @@ constexpr long CONNECT_PAUSE_US = 3'000'000;
 constexpr long SOCKET_FAILURE_PAUSE_US = 1'000'000;
 constexpr int CONNECT_LIMIT_SECONDS = 10;  // with recover_link
 
-constexpr int64_t SILENCE_US = 15'000'000;  // of a line that is connected
+constexpr int KNOCK_WAIT_MS = 1000;
 constexpr int64_t NOBODY_LIMIT_US = 15'000'000;
 
 void set_socket(connection_t *connection, int sock) {
@@ -43,10 +45,34 @@ void begin_connection(const connection_t *connection) {
     call_service_action(connection->pager, ALARM_CONNECTED);
 }
 
-// Waits for one of two descriptors, of which the second may be -1. Returns whether the first is ready.
-bool wait_for(int first, int second, int milliseconds) {
-    pollfd waiting[] = {{first, POLLIN, 0}, {second, POLLIN, 0}};
-    return poll(waiting, 2, milliseconds) > 0 && waiting[0].revents != 0;
+bool has_knock(const listener_t &listener) {
+    pollfd waiting{listener.fd(), POLLIN, 0};
+    return poll(&waiting, 1, KNOCK_WAIT_MS) > 0;
+}
+
+// The paging system connects while its line is silent: whoever lost his power has closed nothing.
+bool heed_knock(void *context) {
+    auto *connection = static_cast<connection_t *>(context);
+    const unsigned load = table_generation.number();
+    const int sock = connection->listener.take(connection->pager);
+    if (sock < 0) {
+        return false;
+    }
+    LOG_SERVICE(LEVEL_NOTICE, "The paging system of pager %s connected again\n",
+                table_text(connection->pager->name).text);
+    connection->next = sock;
+    connection->next_load = load;
+    return true;
+}
+
+// The connection that came while there was another one, if it still may.
+int take_next(connection_t *connection) {
+    const int next = std::exchange(connection->next, -1);
+    if (next >= 0 && connection->next_load != table_generation.number()) {
+        close(next);
+        return -1;
+    }
+    return next;
 }
 
 void report_nobody(connection_t *connection) {
@@ -127,9 +153,14 @@ bool connection_await(connection_t *connection) noexcept {
         pause_us(CONNECT_PAUSE_US);
         return false;
     }
+    connection->knock = {listener->fd(), heed_knock, connection};
+    hear_while_waiting(&connection->knock);
     enter_state(line_state_t::WAITING);
     const unsigned load = table_generation.number();
-    const int sock = wait_for(listener->fd(), -1, 1000) ? listener->take(pager) : -1;
+    int sock = take_next(connection);
+    if (sock < 0 && has_knock(*listener)) {
+        sock = listener->take(pager);
+    }
     if (sock < 0) {
         report_nobody(connection);
         return false;
@@ -144,30 +175,12 @@ bool connection_await(connection_t *connection) noexcept {
     return true;
 }
 
-bool connection_has_data(connection_t *connection) noexcept {
-    const int64_t until = microseconds_passed() + SILENCE_US;
-    listener_t *listener = &connection->listener;
-    while (!connection_is_reloaded(connection) && microseconds_passed() < until) {
-        if (wait_for(connection->sock, listener->fd(), 1000)) {
-            return true;
-        }
-        const unsigned load = table_generation.number();
-        const int sock = listener->take(connection->pager);
-        if (sock < 0) {
-            continue;
-        }
-        LOG_SERVICE(LEVEL_NOTICE, "The paging system of pager %s connected again\n",
-                    table_text(connection->pager->name).text);
-        connection_drop(connection, ALARM_CONNECTION_LOST);
-        set_socket(connection, sock);
-        if (table_generation.number() != load) {
-            close_socket(connection);
-            return false;
-        }
-        begin_connection(connection);
-        return false;
+void connection_stop_listening(connection_t *connection) noexcept {
+    hear_while_waiting(nullptr);
+    connection->listener.close();
+    if (connection->next >= 0) {
+        close(std::exchange(connection->next, -1));
     }
-    return false;
 }
 
 void connection_drop(connection_t *connection, int alrm) noexcept {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "listener.h"
+#include "proto.h"
 #include "tables.h"
 
 struct connection_t {
@@ -15,6 +16,9 @@ struct connection_t {
     int sock;  // -1: none
     std::vector<int> abandoned = {};
     listener_t listener = {};      // of a pager that listens
+    knock_t knock = {};            // what the listener's connections are for a wait on the line
+    int next = -1;                 // a connection that takes the place of `sock`
+    unsigned next_load = 0;        // the table generation in which it may
     int64_t waiting_since_us = 0;  // for its paging system; 0: not waiting
 };
 
@@ -37,13 +41,12 @@ bool connection_is_reloaded(const connection_t *connection) noexcept;
 bool connection_open(connection_t *connection) noexcept;
 
 // The same for a pager that listens: waits for its paging system, for a second at most. Raises
-// no_response when it has not come for 15 seconds, and general_error where nobody can come.
+// no_response when it has not come for 15 seconds, and general_error where nobody can come. From then on
+// the system's next connection takes the place of this one, whenever the thread waits for the line.
 bool connection_await(connection_t *connection) noexcept;
 
-// For a pager that listens: waits up to 15 seconds until there is something to read. When the paging
-// system connects again in the meantime, and only while nothing is there to read, its new connection takes
-// the place of the old one. Returns whether there is something to read.
-bool connection_has_data(connection_t *connection) noexcept;
+// Ends the listening of a pager that does not listen any more.
+void connection_stop_listening(connection_t *connection) noexcept;
 
 // Raises an alarm for the connection and closes it.
 void connection_drop(connection_t *connection, int alrm) noexcept;

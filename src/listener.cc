@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int WAITING_CONNECTIONS = 128;
+constexpr int WAITING_CONNECTIONS = SOMAXCONN;  // while a command runs, strangers queue up too
 constexpr int MOST_REFUSED_AT_ONCE = 32;
 constexpr size_t MOST_LOGGED_ADDRESSES = 64;  // per load
 constexpr long FAILED_ACCEPT_PAUSE_US = 100'000;

@@ -1,5 +1,6 @@
 #include "proto.h"
 
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -105,11 +106,37 @@ int read_block(int sock, char *packet, int maxlen, const espa_options_t &options
     return stored;
 }
 
+thread_local const knock_t *heard = nullptr;
+
+// wait_data() while somebody else is heard, who may knock all the time.
+int wait_for_data_or_knock(int sock) {
+    constexpr int64_t WAIT_US = READ_WAIT_SECONDS * int64_t{1'000'000};
+    const int64_t until_us = microseconds_passed() + WAIT_US;
+    for (int64_t left_us = WAIT_US; left_us > 0; left_us = until_us - microseconds_passed()) {
+        pollfd waiting[] = {{sock, POLLIN | POLLPRI, 0}, {heard->fd, POLLIN, 0}};
+        const int ready = poll(waiting, 2, static_cast<int>(left_us / 1000) + 1);
+        if (ready > 0 && waiting[0].revents != 0) {
+            return (waiting[0].revents & POLLPRI) != 0 ? -1 : 1;
+        }
+        if (ready > 0 && heard->heed(heard->context)) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
 }  // namespace
+
+void hear_while_waiting(const knock_t *knock) noexcept {
+    heard = knock;
+}
 
 int wait_data(int sock) noexcept {
     if (sock < 0 || sock >= FD_SETSIZE) {
         return -1;
+    }
+    if (heard != nullptr) {
+        return wait_for_data_or_knock(sock);
     }
     timeval left{READ_WAIT_SECONDS, 0};  // select counts it down, so an interrupted wait goes on
     fd_set readable;

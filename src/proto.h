@@ -16,6 +16,17 @@
 // exceptional condition.
 int wait_data(int sock) noexcept;
 
+// Somebody else whom a thread hears while it waits for its line and there is nothing to read.
+struct knock_t {
+    int fd;                       // becomes readable
+    bool (*heed)(void *context);  // called then; whether the line is given up for it
+    void *context;
+};
+
+// Whom wait_data() hears from now on in the calling thread; it returns -1 when the line is given up. Null:
+// nobody, as in the beginning.
+void hear_while_waiting(const knock_t *knock) noexcept;
+
 // Reads a byte, whatever signals come, and counts it. Returns as read(2) does.
 ssize_t read_byte(int sock, char *byte) noexcept;
 

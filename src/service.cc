@@ -104,15 +104,8 @@ void report_failure(const line_t *line, int result) {
                 result == ESPA_UNEXPECTED ? "brought a byte out of place" : "was closed or failed");
 }
 
-// How long a line may be silent; 0: for ever.
-int silence_limit(const pager_t *pager) {
-    return load_shared(pager->protocol) == PROTOCOL_ESPA ? SILENCE_LIMIT_SECONDS
-                                                         : load_shared(pager->read_timeout);
-}
-
 void drop_when_silent(line_t *line) {
-    const int limit = silence_limit(line->connection.pager);
-    if (limit > 0 && is_silent_for_more_than(line->connection.pager, limit)) {
+    if (is_silent_for_more_than(line->connection.pager, SILENCE_LIMIT_SECONDS)) {
         connection_drop(&line->connection, ALARM_TRANSMISSION_ERROR);
     }
 }
@@ -226,37 +219,22 @@ void serve_ascii(line_t *line) {
     } else if (result < 0) {
         connection_drop(&line->connection, ALARM_CONNECTION_LOST);
     } else if (result == 0) {
-        drop_when_silent(line);
-    }
-}
-
-// What was heard on a connection says nothing about the next.
-void forget_station(line_t *line) {
-    if (line->station) {
-        line->station->forget();
+        const int limit = load_shared(pager->read_timeout);
+        if (limit > 0 && is_silent_for_more_than(pager, limit)) {
+            connection_drop(&line->connection, ALARM_TRANSMISSION_ERROR);
+        }
     }
 }
 
 bool connect_line(line_t *line) {
-    forget_station(line);
+    if (line->station) {
+        line->station->forget();
+    }
     if (load_shared(line->connection.pager->listen) == 0) {
-        line->connection.listener.close();
+        connection_stop_listening(&line->connection);
         return connection_open(&line->connection);
     }
     return connection_await(&line->connection);
-}
-
-// Whether the readers shall look at the line, which wait for it themselves unless it listens.
-bool has_turn(line_t *line) {
-    if (load_shared(line->connection.pager->listen) == 0 ||
-        connection_has_data(&line->connection)) {
-        return true;
-    }
-    forget_station(line);
-    if (!connection_is_reloaded(&line->connection)) {
-        drop_when_silent(line);
-    }
-    return false;
 }
 
 void serve_turn(line_t *line) {
@@ -269,9 +247,6 @@ void serve_turn(line_t *line) {
     }
     const int protocol = load_shared(line->connection.pager->protocol);
     note_protocol(protocol);
-    if (!has_turn(line)) {
-        return;
-    }
     if (protocol == PROTOCOL_ESPA && load_shared(line->connection.pager->espa_address) != '\0') {
         serve_station(line);
     } else if (protocol == PROTOCOL_ESPA) {
