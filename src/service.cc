@@ -99,9 +99,11 @@ void swap_to_ascii(line_t *line) {
 
 void report_failure(const line_t *line, int result) {
     const endpoint_t to = endpoint_of(line->connection.pager);
-    LOG_SERVICE(LEVEL_ERROR, "Line of pager %s to %s:%u %s. Connecting again\n",
+    const bool listens = load_shared(line->connection.pager->listen) != 0;
+    LOG_SERVICE(LEVEL_ERROR, "Line of pager %s to %s:%u %s. %s\n",
                 table_text(line->connection.pager->name).text, to.host, to.shown_port,
-                result == ESPA_UNEXPECTED ? "brought a byte out of place" : "was closed or failed");
+                result == ESPA_UNEXPECTED ? "brought a byte out of place" : "was closed or failed",
+                listens ? "Waiting for a connection" : "Connecting again");
 }
 
 void drop_when_silent(line_t *line) {

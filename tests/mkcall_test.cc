@@ -19,42 +19,21 @@ struct arguments_t {
 class hostile_t {
   public:
     std::string text() {
-        static const std::string pieces[] = {";",
-                                             "\\",
-                                             "\\;",
-                                             "#",
-                                             " #",
-                                             " ",
-                                             "\n",
-                                             "\r\n",
-                                             "\t",
-                                             "\x01",
-                                             "\"",
-                                             "<",
-                                             ">",
-                                             "'",
-                                             "$",
-                                             "`id`",
-                                             "%",
-                                             "&",
-                                             "a",
-                                             "7",
-                                             "\xC3\xA9",
-                                             "\xE2\x82\xAC",
-                                             "\xF0\x9F\x94\xA5",
-                                             "\xFF",
-                                             "\x80",
-                                             ":",
-                                             "=",
-                                             "Application: System\n",
-                                             "-n",
-                                             "\\n",
-                                             "\\\\",
-                                             std::string(60, ';')};
+        static const texts_t pieces = [] {
+            std::istringstream all(
+                ";|\\|\\;|#| #| |\n|\r\n|\t|\x01|\"|<|>|'|$|`id`|%|&|a|7|\xC3\xA9|"
+                "\xE2\x82\xAC|\xF0\x9F\x94\xA5|\xFF|\x80|:|=|Application: System\n|"
+                "-n|\\n|\\\\|");
+            texts_t parts{std::string(60, ';')};
+            for (std::string part; std::getline(all, part, '|');) {
+                parts.push_back(part);
+            }
+            return parts;
+        }();
         std::string text;
         const int length = up_to(3) == 0 ? up_to(300) : up_to(12);
         for (int i = 0; i < length; i++) {
-            text += pieces[size_t(up_to(int(std::size(pieces)) - 1))];
+            text += pieces[size_t(up_to(int(pieces.size()) - 1))];
         }
         return text;
     }

@@ -123,25 +123,30 @@ class choice_checker_t {
 
     // Rules of the list that an earlier one always stands before.
     void check_repetitions() const {
-        std::map<const void *, const named_t *> first;  // by pattern, or rule if it has none
+        std::map<const void *, const named_t *>
+            first;  // by rule, and by pattern if nothing else counts
         for (const named_t &named : listed_) {
             if (named.rule == nullptr) {
                 continue;
             }
             const void *pattern = named.rule->pattern.compiled;
-            const auto [earlier, is_new] =
-                first.try_emplace(pattern != nullptr ? pattern : named.rule, &named);
-            if (is_new) {
-                continue;
-            }
-            if (earlier->second->rule == named.rule) {
+            if (const auto same = first.find(named.rule); same != first.end()) {
                 findings_->warn(section_.line_of("rules"), "listed-twice", "rules: '", named.name,
                                 "' finds ", site_.place_of(named.rule), " again, as '",
-                                earlier->second->name, "' did");
-            } else {
-                warn_of_tie(named.rule, earlier->second->rule);
+                                same->second->name, "' did");
+            } else if (const auto tie = first.find(pattern);
+                       pattern != nullptr && tie != first.end()) {
+                warn_of_tie(named.rule, tie->second->rule);
+            }
+            first.try_emplace(named.rule, &named);
+            if (!has_conditions(*named.rule)) {
+                first.try_emplace(pattern, &named);
             }
         }
+    }
+    static bool has_conditions(const rule_t &rule) {
+        return std::any_of(std::begin(rule.conditions), std::end(rule.conditions),
+                           [](const condition_t &condition) { return condition.is_given != 0; });
     }
     void warn_of_tie(const rule_t *rule, const rule_t *earlier) const {
         findings_->warn(site_.section_of(rule)->line_of("pattern"), "same-pattern", rule->name,
