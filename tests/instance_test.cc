@@ -79,8 +79,10 @@ struct Neighbours : Tables {};
 
 // What is known as a host by its name is not asked for.
 TEST_F(Neighbours, AreFoundByHostAndPort) {
-    const std::string other = dir.write(
-        "other", "[a]\nhost = 192.0.2.1\n[b]\nhost = Converter\nport = 4001\n[c]\nport = 4001\n");
+    const std::string other =
+        dir.write("other",
+                  "[a]\nhost = 192.0.2.1\n[b]\nhost = Converter\nport = 4001\n[c]\nport = 4001\n"
+                  "[d]\nhost = x\nport = 4002\nlisten = y\n");
     const std::pair<const char *, const char *> rows[] = {
         {"192.0.2.1", "\\[p\\] connects .* \\[a\\] of .*other .line 1.:"},
         {"192.0.2.1\nport = 0x8b9", "\\[p\\] connects .* \\[a\\] of "},
@@ -89,6 +91,9 @@ TEST_F(Neighbours, AreFoundByHostAndPort) {
         {"192.0.513", "\\[a\\] of "},
         {"converter\nport = 4001", "\\[b\\] of .*other .line 3."},
         {"converter", ""},
+        {"192.0.2.1\nlisten = y", ""},
+        {"y\nlisten = y\nport = 4002", "\\[p\\] listens on the port of \\[d\\] of "},
+        {"x\nport = 4002", ""},
     };
     for (const auto &[host, expected] : rows) {
         memset(pagers, 0, sizeof pagers);

@@ -81,6 +81,14 @@ TEST_F(Listening, ServesWhoeverMayConnect) {
     }
     taken.reset();
     EXPECT_TRUE(calls(connect_from("127.0.0.1", daemon.ports[2]), "4"));
+    const std::string said =
+        run(0, "espasend --connect " + HERE + ":" + daemon.ports[2] +
+                   " --standard --message FIRE --address 5 --also-poll 4 --also-select 6 --count 2 "
+                   "--interval 2 --poll 1");
+    EXPECT_THAT(said, AllOf(HasSubstr("\n-> '4' ENQ\nstation 4 does not answer\n-> EOT\n-> '1' ENQ "
+                                      "'6' ENQ\n"),
+                            HasSubstr("1 of 2 calls acknowledged\n-> '2' ENQ\n<- EOT\n-> '4'"),
+                            EndsWith("2 of 2 calls acknowledged\n")));
     EXPECT_THAT(daemon.dir.read("journal"), ContainsRegex("\"ms\":[0-9.]+,\"priority\":\"03\"}\n"));
     EXPECT_TRUE(eventually([&] {
         const std::string status = daemon.dir.read("status");
@@ -92,13 +100,15 @@ TEST_F(Listening, ServesWhoeverMayConnect) {
 }
 
 TEST_F(Listening, ReloadMovesALine) {
-    daemon_t daemon(LISTENS + "rules = rule_x\n", RULES);
+    daemon_t daemon({{"line", LISTENS + "rules = rule_x\n"}, {"nobody", LISTENS}}, RULES);
     const child_t process = daemon.start();
     const unique_fd_t before = connect_from("127.0.0.1", daemon.ports[0]);
     EXPECT_TRUE(control_station_t(before.get(), 60, nullptr).send_call(to("1", "FIRE")));
     const std::string old = daemon.ports[0];
     const unique_fd_t elsewhere = listen_anywhere(&daemon.ports[0]);
     daemon.configure({{"line", LISTENS + "host = 127.0.0.4\nrules = rule_x\n"}}, RULES);
+    daemon.expect_logged("No connection of 127.0.0.1 on port " + daemon.ports[1]);
+    EXPECT_EQ(daemon.count("Call service action connection_lost"), 1);  // the name of no_response
     EXPECT_TRUE(process.send(SIGHUP));
     const unique_fd_t after = connect_from("127.0.0.4", daemon.ports[0]);
     EXPECT_TRUE(control_station_t(after.get(), 60, nullptr).send_call(to("2", "FIRE")));

@@ -3,6 +3,7 @@
 #include "espasend/control_station.h"
 
 #include <netinet/in.h>
+#include <termios.h>
 
 #include "espasend/line.h"
 #include "espasend/standard_station.h"
@@ -147,6 +148,24 @@ TEST(Station, WaitsAgainWhereItHasJustClosed) {
     EXPECT_TRUE(listen_on("127.0.0.1", port, &error)) << error;
 }
 
+TEST(Station, SetsTheFrameOfASerialDevice) {
+    const unique_fd_t other(posix_openpt(O_RDWR | O_NOCTTY));
+    ASSERT_EQ(grantpt(other.get()) + unlockpt(other.get()), 0);
+    const std::string path = ptsname(other.get());
+    const std::pair<serial_settings_t, tcflag_t> rows[] = {
+        {{1200, 8, "none", 1}, B1200},
+        {{9600, 7, "odd", 2}, B9600 | PARODD | CSTOPB},
+        {{115200, 7, "even", 1}, B115200},
+    };
+    for (const auto &[settings, flags] : rows) {  // a pseudo-terminal has 8 bits and no parity bit
+        std::string error;
+        const unique_fd_t device = open_serial(path, settings, &error);
+        termios seen{};
+        EXPECT_EQ(tcgetattr(device.get(), &seen), 0) << error;
+        EXPECT_EQ(seen.c_cflag & (CBAUD | PARODD | CSTOPB), flags) << settings.baud;
+    }
+}
+
 // The options of a program, each once and in order, as `pattern` finds them in a text.
 texts_t options_in(const std::string &text, const std::string &pattern) {
     const std::regex option(pattern);
@@ -189,11 +208,9 @@ TEST(Programs, RefuseArguments) {
         {1, "espasend --connect nowhere -m x", "not a host and its port: nowhere\n"},
         {1, "espasend --connect 127.0.0.1:1 --wait 1 -m x", "no connection to 127.0.0.1:1: Conn"},
         {2, "espasend --listen 70000", "a number from 0 to 65535, not '70000' (try --help)\n"},
-        {2, "espasend --count 1x", "not '1x'"},
         {2, "espasend --listen 1", "give at least one --message"},
         {2, "espasend --listen 1 -Am x --garble 1", "--garble needs a block check character"},
         {2, "espasend --listen 1 --message x --type \"$(printf 't\\t')\"", "control characters"},
-        {2, "espasend --listen", "option '--listen' needs an argument"},
         {2, "espasend -x", "option '-x' is none"},
         {2, "espasend --ascii=no", "option '--ascii=no' is none"},
         {1, "espasend --bind nowhere --listen 0 -m x", "not an IPv4 address: nowhere\n"},

@@ -41,8 +41,9 @@ unique_fd_t failed(std::string *error, const std::string &what) {
     return unique_fd_t();
 }
 
-// Raw mode is 8N1.
+// Raw mode is 8 bits without parity; the rest may be what another program has left.
 void set_frame(const serial_settings_t &wanted, termios *settings) {
+    settings->c_cflag &= ~static_cast<tcflag_t>(PARODD | CSTOPB | CRTSCTS);
     if (wanted.bits == 7) {
         settings->c_cflag = (settings->c_cflag & ~static_cast<tcflag_t>(CSIZE)) | CS7;
     }
