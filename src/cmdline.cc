@@ -19,7 +19,8 @@ char *test_message;
 namespace {
 
 constexpr const char *TEST_NUMBER = "1000";
-constexpr call_fields_t TEST_FIELDS = {{TEST_NUMBER, "", "", "", ""}};
+constexpr call_fields_t TEST_FIELDS = {{TEST_NUMBER, "", "", "", ""}};  // of an ESPA line
+constexpr call_fields_t NO_FIELDS;
 constexpr int EXPANSION_SIZE = 1024;
 
 constexpr std::array<option, 6> longopts = {{{"help", no_argument, nullptr, 'h'},
@@ -109,7 +110,8 @@ void run_test_mode() noexcept {
     fprintf(stderr, "Running test over message: '%s' at pager '%s'\n", test_message, pager.name);
     fprintf(stderr, "Rules: %s\n", pager.rules);
     fprintf(stderr, "default rule: %s\n", pager.default_rule);
-    rule_t *rule = select_rule(&pager, test_message, TEST_FIELDS);
+    rule_t *rule = select_rule(&pager, test_message,
+                               pager.protocol == PROTOCOL_ASCII ? NO_FIELDS : TEST_FIELDS);
     if (rule == nullptr) {
         fprintf(stderr, "No matching rules found. Just skip\n");
         return;

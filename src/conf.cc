@@ -268,6 +268,15 @@ void store_records(record_t (&table)[SIZE], const std::vector<record_t> &staged,
     }
 }
 
+// A line that is gone would keep its port, which another one may have by now.
+void stop_listening_behind(size_t count) {
+    for (size_t i = count; i < MAX_PAGERS; i++) {
+        if (pagers[i].listen != 0) {
+            copy_shared(&pagers[i], pager_t{});
+        }
+    }
+}
+
 // Rewrites the tables. A table without a count: what an earlier, longer load put behind the emptied
 // slot stays there and is found by name.
 void publish(const staged_t &staged) {
@@ -278,6 +287,9 @@ void publish(const staged_t &staged) {
         store_settings(&pagers[0], staged.pagers[0]);
     }
     store_records(pagers, staged.pagers, merges ? 1 : 0, staged.slot_0_emptied);
+    if (!staged.pagers.empty() || staged.slot_0_emptied) {
+        stop_listening_behind(staged.pagers.size());
+    }
     num_pagers = static_cast<int>(staged.pagers.size());
     table_generation.end_writing();
 }

@@ -54,6 +54,9 @@ bool has_knock(const listener_t &listener) {
 bool heed_knock(void *context) {
     auto *connection = static_cast<connection_t *>(context);
     const unsigned load = table_generation.number();
+    if (connection_is_reloaded(connection)) {
+        return true;  // it may be another's by now, or at another port
+    }
     const int sock = connection->listener.take(connection->pager);
     if (sock < 0) {
         return false;
@@ -147,7 +150,9 @@ bool connection_open(connection_t *connection) noexcept {
 bool connection_await(connection_t *connection) noexcept {
     pager_t *pager = connection->pager;
     listener_t *listener = &connection->listener;
+    const unsigned load = table_generation.number();
     if (!listener->open(pager)) {
+        connection_stop_listening(connection);
         enter_state(line_state_t::CONNECTING);
         call_service_action(pager, ALARM_GENERAL_ERROR);
         pause_us(CONNECT_PAUSE_US);
@@ -156,9 +161,8 @@ bool connection_await(connection_t *connection) noexcept {
     connection->knock = {listener->fd(), heed_knock, connection};
     hear_while_waiting(&connection->knock);
     enter_state(line_state_t::WAITING);
-    const unsigned load = table_generation.number();
     int sock = take_next(connection);
-    if (sock < 0 && has_knock(*listener)) {
+    if (sock < 0 && has_knock(*listener) && table_generation.number() == load) {
         sock = listener->take(pager);
     }
     if (sock < 0) {
@@ -178,6 +182,7 @@ bool connection_await(connection_t *connection) noexcept {
 void connection_stop_listening(connection_t *connection) noexcept {
     hear_while_waiting(nullptr);
     connection->listener.close();
+    connection->waiting_since_us = 0;
     if (connection->next >= 0) {
         close(std::exchange(connection->next, -1));
     }
@@ -193,7 +198,7 @@ void connection_abandon(connection_t *connection) noexcept {
         connection->abandoned.push_back(connection->sock);
     }
     connection->sock = -1;
-    if (connection_recovers(connection)) {
+    if (connection_recovers(connection) || connection->listener.fd() >= 0) {
         close_abandoned(connection);
     }
 }

@@ -34,19 +34,25 @@ void overwrite(char (&field)[N], std::string_view value) {
     memcpy(field, value.data(), std::min(value.size(), N - 1));
 }
 
+template <size_t N>
+void replace(char (&field)[N], std::string_view value) {
+    memset(field, 0, N);
+    overwrite(field, value);
+}
+
 void store_value(espa_record_t *record, char identifier, std::string_view value) {
     if (identifier == '1') {
         overwrite(record->call_address, value);
     } else if (identifier == '2') {
         overwrite(record->display_message, value);
     } else if (identifier == '3') {
-        overwrite(record->beep_text, value);
+        replace(record->beep_text, value);
     } else if (identifier == '4') {
-        overwrite(record->type_text, value);
+        replace(record->type_text, value);
     } else if (identifier == '5') {
-        overwrite(record->transmissions_text, value);
+        replace(record->transmissions_text, value);
     } else if (identifier == '6') {
-        overwrite(record->priority_text, value);
+        replace(record->priority_text, value);
     }
 }
 

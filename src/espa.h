@@ -65,5 +65,5 @@ int appendBCC(char *packet, int maxPacketSize) noexcept;
 //   buf   the packet, ended by a zero byte outside of a value or by the buffer's end
 //   size  the buffer's size; nothing beyond it is read
 // A value ends at RS or ETX and is cut to its field (19, 128 and 15 characters). A repeated identifier
-// writes over the start of the earlier value. Returns 0 always.
+// writes over the start of the earlier call address or message. Returns 0 always.
 int parse_espa_packet(espa_p *p, const char *buf, int size = PACKET_BUFFER_SIZE) noexcept;

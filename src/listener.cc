@@ -61,8 +61,8 @@ bool listener_t::open(const pager_t *pager) {
     sock_.reset();
     unique_fd_t sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int on = 1;
-    setsockopt(sock.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (bind(sock.get(), reinterpret_cast<const sockaddr *>(&wanted), sizeof wanted) != 0 ||
+    if (!sock || setsockopt(sock.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        bind(sock.get(), reinterpret_cast<const sockaddr *>(&wanted), sizeof wanted) != 0 ||
         listen(sock.get(), WAITING_CONNECTIONS) != 0) {
         LOG_SERVICE(LEVEL_ERROR, "Unable to listen on %s:%u for pager %s: %s. Trying again\n",
                     inet_ntoa(wanted.sin_addr), static_cast<unsigned>(ntohs(wanted.sin_port)),
@@ -85,10 +85,15 @@ int listener_t::take(const pager_t *pager) {
             }
             return -1;
         }
-        if (is_peer(pager, from.sin_addr) && link_prepare(sock)) {
+        if (!is_peer(pager, from.sin_addr)) {
+            refuse(sock, pager, from.sin_addr);
+        } else if (link_prepare(sock)) {
             return sock;
+        } else {
+            LOG_SERVICE(LEVEL_ERROR, "No descriptor for a connection of pager %s\n",
+                        table_text(pager->name).text);
+            close_at_once(sock);
         }
-        refuse(sock, pager, from.sin_addr);
     }
     return -1;
 }

@@ -157,11 +157,15 @@ int wait_data(int sock) noexcept {
 }
 
 ssize_t read_byte(int sock, char *byte) noexcept {
+    return read_bytes(sock, byte, 1);
+}
+
+ssize_t read_bytes(int sock, char *bytes, size_t size) noexcept {
     ssize_t got = 0;
     do {
-        got = read(sock, byte, 1);
+        got = read(sock, bytes, size);
     } while (got < 0 && errno == EINTR);
-    my_stats().received_bytes.add(got > 0 ? 1 : 0);
+    my_stats().received_bytes.add(got > 0 ? static_cast<uint64_t>(got) : 0);
     return got;
 }
 

@@ -30,6 +30,9 @@ void hear_while_waiting(const knock_t *knock) noexcept;
 // Reads a byte, whatever signals come, and counts it. Returns as read(2) does.
 ssize_t read_byte(int sock, char *byte) noexcept;
 
+// The same for as many bytes as there are, up to `size`.
+ssize_t read_bytes(int sock, char *bytes, size_t size) noexcept;
+
 // Writes bytes to a line, one write each. Errors are ignored, and bytes that the peer leaves no
 // room for are dropped: neither a peer that reset the connection nor one that never reads may hold
 // the daemon up.

@@ -36,6 +36,25 @@ void note_report(station_line_t *line, heard_t heard, const std::string &report)
     }
 }
 
+// Returns 1 with a byte of the line, or as station_read_packet(). Reads what there is at once: the
+// procedure tells apart what belongs together, whoever reads it.
+int next_byte(station_line_t *line, int sock, char *byte) {
+    if (line->next == line->end) {
+        const int ready = wait_data(sock);
+        if (ready <= 0) {
+            return ready < 0 ? -1 : 0;
+        }
+        const ssize_t got = read_bytes(sock, line->bytes, sizeof line->bytes);
+        if (got <= 0) {
+            return -1;
+        }
+        line->next = 0;
+        line->end = static_cast<size_t>(got);
+    }
+    *byte = line->bytes[line->next++];
+    return 1;
+}
+
 }  // namespace
 
 station_line_t::station_line_t(const pager_t *owner) noexcept
@@ -51,13 +70,10 @@ bool station_line_t::is_current() const noexcept {
 int station_read_packet(station_line_t *line, int sock, char *packet) noexcept {
     station_t &station = line->station;
     for (;;) {
-        const int ready = wait_data(sock);
-        if (ready <= 0) {
-            return ready < 0 ? -1 : 0;
-        }
         char byte = 0;
-        if (read_byte(sock, &byte) <= 0) {
-            return -1;
+        const int result = next_byte(line, sock, &byte);
+        if (result <= 0) {
+            return result;
         }
         LOG(LEVEL_DEBUG, "Read %.02x\n", shown_byte(byte));
         const std::string report = next_report(line->pager);

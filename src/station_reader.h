@@ -9,7 +9,10 @@ struct station_line_t {
     explicit station_line_t(const pager_t *owner) noexcept;
 
     // What was heard on a connection says nothing about the next.
-    void forget() { station = station_t(own, control); }
+    void forget() {
+        station = station_t(own, control);
+        next = end = 0;
+    }
 
     // Whether it is the station that the pager asks for.
     bool is_current() const noexcept;
@@ -18,6 +21,8 @@ struct station_line_t {
     char own, control;
     station_t station;
     once_per_load_t noise_warning = {};
+    char bytes[256] = {};  // of the line; those from `next` to `end` are not looked at yet
+    size_t next = 0, end = 0;
 };
 
 // Reads a line until something has come of it, and answers all but packets.

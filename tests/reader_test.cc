@@ -147,7 +147,7 @@ TEST(Espa, ParsesCallRecords) {
         {"<SOH>1<STX>1<US>4711<RS>2<US>Fire alarm<ETX>q", "1|4711|Fire alarm|"},
         {"<SOH>1<STX>1<US><RS>2<US>Text<ETX>q", "1||Text|"},
         {"<SOH>1<STX>6<US>3<RS>2<US>Text<ETX>q", "1||Text|3|"},
-        {"<SOH>1<STX>6<US>03<RS>5<US>10<RS>4<US>2<RS>3<US>" + m19 + "<ETX>q",
+        {"<SOH>1<STX>6<US>1234<RS>6<US>03<RS>5<US>10<RS>4<US>2<RS>3<US>" + m19 + "<ETX>q",
          "1|||03|2|" + m19.substr(4) + "|10|"},
         {"<SOH>1zz<STX>1x55<ETX>q", "1|55||"},
         {"<SOH>1<STX>1<US>ABCDE<RS>1<US>XY<ETX>q", "1|XYCDE||"},

@@ -87,7 +87,8 @@ TEST(Station, FollowsTheProcedure) {
         bool asks = false;
     } rows[] = {
         {quiet + rest, "", "<- ACK\n-> SOH '1' STX '1' US"},
-        {"2<ENQ>;<EOT><ACK>|" + rest, "", "not waited for: ACK. The other side does not"},
+        {quiet + select + good + "<ACK>|<EOT>;<EOT>|<EOT>;",
+         "got EOT that nothing asked for: the other side does not follow the procedure", ""},
         {quiet + select + bad + "1<NAK>|" + good + "<ACK>|<EOT>;", "", "<- '1' NAK\nnot ack", 1},
         {quiet + select + good + "2<NAK>|" + good + "2<NAK>|" + good + "2<NAK>|<EOT>;",
          "not acknowledged, after 2 repeats", ""},
@@ -99,7 +100,7 @@ TEST(Station, FollowsTheProcedure) {
         {"2<ENQ>;1<ENQ>|<ACK>;<SOH><ETX>x|1<NAK>;<SOH><ETX>x|1<NAK>;<SOH><ETX>x|1<NAK><EOT>;",
          "a report is garbled again and again", ""},
         {"2<ENQ>;1x|<EOT>;", "no select behind a station's address", ""},
-        {"2<ENQ>;<ACK>|<EOT>;", "got ACK for a poll: an answer that is none. Look at baud", ""},
+        {"2<ENQ>;<ACK>|<EOT>;", "got ACK for a poll: the other side does not", ""},
         {quiet + "1<ENQ>2<ENQ>;<9B>|<EOT>;", "got 0x9b for a select: an answer that", ""},
         {quiet + select + good + "<EOT>|<EOT>;", "got EOT for a packet", ""},
         {quiet + select + good + "<ACK>|<ENQ>;<ACK>|<EOT>;", "", "", 0, true},
@@ -117,9 +118,10 @@ TEST(Station, FollowsTheProcedure) {
         std::string reported;
         const bool is_sent = station.poll_station('2', &reported) &&
                              station.send_call('2', {"7", "", "", "", "", ""});
+        const bool is_over = is_sent && station.expect_silence();
         peer.join();
-        EXPECT_EQ(is_sent, row.error.empty()) << row.dialogue << station.error();
-        EXPECT_THAT(is_sent ? "" : station.error(), StartsWith(row.error));
+        EXPECT_EQ(is_over, row.error.empty()) << row.dialogue << station.error();
+        EXPECT_THAT(is_over ? "" : station.error(), StartsWith(row.error));
         rewind(trace.get());
         std::string traced(4096, '\0');
         traced.resize(fread(traced.data(), 1, traced.size(), trace.get()));
@@ -206,7 +208,8 @@ TEST(Programs, RefuseArguments) {
         {2, "espasend --listen 1 -m x --parity mark", "--parity takes none, even or odd"},
         {2, "espasend --listen 1 -m x --standard -A", "give either --ascii or --standard"},
         {1, "espasend --connect nowhere -m x", "not a host and its port: nowhere\n"},
-        {1, "espasend --connect 127.0.0.1:1 --wait 1 -m x", "no connection to 127.0.0.1:1: Conn"},
+        {1, "espasend --connect 127.0.0.1:1 --wait 1 -m x",
+         "no connection to 127.0.0.1:1. Look at host"},
         {2, "espasend --listen 70000", "a number from 0 to 65535, not '70000' (try --help)\n"},
         {2, "espasend --listen 1", "give at least one --message"},
         {2, "espasend --listen 1 -Am x --garble 1", "--garble needs a block check character"},
@@ -222,7 +225,7 @@ TEST(Programs, RefuseArguments) {
         {3, "vesperstat $(printf -- '--\\033x')", "option '--?x' is none"},
         {64, "vespercheck a b", "one file at a time, not b too"},
         {64, "vespercheck -i ../a", "no instance can have the name '../a'"},
-        {64, "vespercheck -l a", "--line needs --message"},
+        {64, "vespercheck -l a", "--line and the fields of a call need --message"},
         {64, "vespercheck --converters -m x", "--converters is asked alone"},
     };
     for (const auto &row : rows) {

@@ -107,7 +107,7 @@ class delivery_t {
                 fail(standard_.error());
             }
         }
-        if (!standard_.send_call(options_.to[0], options_.call)) {
+        if (!standard_.send_call(options_.to[0], options_.call) || !standard_.expect_silence()) {
             fail(standard_.error());
         }
     }
@@ -128,9 +128,11 @@ class delivery_t {
         const int pause = options_.poll > 0 ? options_.poll : IDLE_SECONDS;
         for (int left = seconds; left > 0; left -= pause) {
             sleep(static_cast<unsigned>(std::min(left, pause)));
-            if (!standard_.is_closed()) {
-                poll_all();
+            if (standard_.is_closed()) {
+                printf("the line was closed\n");
+                open_line();
             }
+            poll_all();
         }
     }
 

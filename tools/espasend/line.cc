@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "clock.h"
+#include "link.h"
 
 namespace {
 
@@ -115,20 +116,19 @@ unique_fd_t connect_to(const std::string &where, int wait_seconds, std::string *
         return unique_fd_t();
     }
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
-    const int64_t until = microseconds_passed() + wait_seconds * int64_t{1'000'000};
-    for (;;) {
-        unique_fd_t sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const int on = 1;
-        setsockopt(sock.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        if (connect(sock.get(), found->ai_addr, found->ai_addrlen) == 0) {
+    sockaddr_in to{};
+    memcpy(&to, found->ai_addr, sizeof to);
+    const int64_t wait_us = wait_seconds * int64_t{1'000'000};
+    const int64_t until = microseconds_passed() + wait_us;
+    for (int64_t left = wait_us; left > 0; left = until - microseconds_passed()) {
+        unique_fd_t sock(link_socket());
+        if (link_connect(sock.get(), to, static_cast<int>(left / 1'000'000) + 1)) {
             return sock;
-        }
-        if (microseconds_passed() >= until) {
-            *error = "no connection to " + where + ": " + strerror(errno) + LOOK_AT_CONNECTION;
-            return unique_fd_t();
         }
         pause_us(CONNECT_PAUSE_US);
     }
+    *error = "no connection to " + where + LOOK_AT_CONNECTION;
+    return unique_fd_t();
 }
 
 unique_fd_t open_serial(const std::string &path, const serial_settings_t &wanted,

@@ -11,6 +11,10 @@ constexpr std::string_view GARBLED("1\x15", 2);
 
 constexpr int OTHER_STATION_SECONDS = 1;
 
+constexpr int SILENCE_MS = 100;
+
+constexpr const char *LOOK_AT_PROCEDURE =
+    ": the other side does not follow the procedure. Has the line an espa_address?";
 constexpr const char *LOOK_AT_SPEED =
     ": an answer that is none. Look at baud rate, data bits and parity";
 constexpr const char *LOOK_AT_ADDRESS =
@@ -29,7 +33,6 @@ std::string standard_station_t::request(char address) const {
 
 bool standard_station_t::poll_station(char address, std::string *report) {
     report->clear();
-    note_unasked();
     for (int attempt = 0; attempt <= repeats_; attempt++) {
         if (!send_bytes(request(address))) {
             return false;
@@ -43,8 +46,9 @@ bool standard_station_t::poll_station(char address, std::string *report) {
         }
         if (first >= 0) {
             show("<- ", last_);
-            return first == EOT ||
-                   give_up("got " + describe_bytes(last_) + " for a poll" + LOOK_AT_SPEED);
+            const bool is_usual = first == ACK || first == address;
+            return first == EOT || give_up("got " + describe_bytes(last_) + " for a poll" +
+                                           (is_usual ? LOOK_AT_PROCEDURE : LOOK_AT_SPEED));
         }
         if (is_closed()) {
             return false;
@@ -95,7 +99,6 @@ bool standard_station_t::send_call(char to, const call_t &call) {
         return fail("the call does not fit into a packet of " + std::to_string(MAX_PACKET_LENGTH) +
                     " bytes");
     }
-    note_unasked();
     return select(to) && deliver(packet) && send_bytes(END_OF_TRANSMISSION);
 }
 
@@ -197,13 +200,10 @@ bool standard_station_t::ask_again(answer_t answer) {
                                       describe_bytes(before));
 }
 
-// Answers to what has none: the sender of the next packet would take them for its own.
-void standard_station_t::note_unasked() {
-    const std::string bytes = read_pending();
-    if (!bytes.empty() && trace() != nullptr) {
-        fprintf(trace(), "not waited for: %s. The other side does not follow the procedure\n",
-                describe_bytes(bytes).c_str());
-    }
+bool standard_station_t::expect_silence() {
+    const std::string bytes = read_pending(SILENCE_MS);
+    return bytes.empty() ||
+           give_up("got " + describe_bytes(bytes) + " that nothing asked for" + LOOK_AT_PROCEDURE);
 }
 
 bool standard_station_t::give_up(const std::string &why) {

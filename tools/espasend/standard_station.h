@@ -29,6 +29,10 @@ class standard_station_t : public traced_line_t {
     // Polls a station of which nobody expects that it is there.
     bool poll_other(char address);
 
+    // Waits for a moment in which nothing must come: the answers are over, and whoever says more does not
+    // follow the procedure.
+    bool expect_silence();
+
     // Sends a call to a station whose answers are not heard on this line.
     bool send_unheard(char to, const call_t &call);
 
@@ -41,7 +45,6 @@ class standard_station_t : public traced_line_t {
     bool ask_again(answer_t answer);
     bool take_report(char address, std::string *report);
     bool read_packet(std::string *packet);
-    void note_unasked();
     bool give_up(const std::string &why);
     std::string request(char address) const;
 

@@ -120,10 +120,10 @@ int traced_line_t::read_byte(int wait_seconds) {
     return -1;
 }
 
-std::string traced_line_t::read_pending() {
+std::string traced_line_t::read_pending(int milliseconds) {
     char bytes[256];
     pollfd waiting{fd_, POLLIN, 0};
-    const ssize_t got = poll(&waiting, 1, 0) > 0 ? read(fd_, bytes, sizeof bytes) : 0;
+    const ssize_t got = poll(&waiting, 1, milliseconds) > 0 ? read(fd_, bytes, sizeof bytes) : 0;
     return {bytes, static_cast<size_t>(got > 0 ? got : 0)};
 }
 

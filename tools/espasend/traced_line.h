@@ -33,8 +33,8 @@ class traced_line_t {
     // A byte, or -1 with error() set.
     int read_byte() { return read_byte(wait_seconds_); }
     int read_byte(int wait_seconds);
-    // What has come without being waited for.
-    std::string read_pending();
+    // What comes within a time, up to the first pause.
+    std::string read_pending(int milliseconds);
 
     void show(const char *what, std::string_view bytes) const;
     FILE *trace() const { return trace_; }

@@ -121,7 +121,8 @@ void check_listening(const site_line_t &line, findings_t *findings) {
     if (line.pager->listen == 0 && address != nullptr) {
         findings->warn(address->line, "listen",
                        "listen_address means nothing without listen = yes");
-    } else if (address != nullptr && inet_pton(AF_INET, address->value.c_str(), &parsed) != 1) {
+    } else if (address != nullptr && !address->value.empty() &&
+               inet_pton(AF_INET, address->value.c_str(), &parsed) != 1) {
         findings->error(address->line, "listen", "listen_address = ", address->value,
                         " is no IPv4 address: [", section.name, "] listens on all");
     }

@@ -113,8 +113,9 @@ options_t parse_options(int argc, char **argv) {
     if (options.converters && (options.loadable || options.message)) {
         arguments.refuse("--converters is asked alone");
     }
-    if (!options.message && !options.lines.empty()) {
-        arguments.refuse("--line needs --message");
+    const record_texts_t unasked = options_t().record;
+    if (!options.message && (!options.lines.empty() || options.record != unasked)) {
+        arguments.refuse("--line and the fields of a call need --message");
     }
     return options;
 }

@@ -18,7 +18,8 @@ struct named_t {
 // What the lines that reach a rule are like.
 struct reach_t {
     bool acknowledges = false;  // one of them has ack_when_done
-    bool is_listed = false;     // in the rules of one, not as a default rule alone
+    bool is_listed = false;     // in the rules of one
+    bool is_default = false;    // the default rule of one
     bool has_fields = false;    // by one that is no ASCII line
 };
 using reached_t = std::map<const rule_t *, reach_t>;
@@ -66,6 +67,7 @@ class choice_checker_t {
             reach.is_listed = true;
         }
         (*reached)[default_.rule].acknowledges |= acknowledges;
+        (*reached)[default_.rule].is_default = true;
     }
 
   private:
@@ -243,9 +245,10 @@ void check_conditions(const site_t &site, const reached_t &reached, findings_t *
             findings->warn(at, "condition", *given, " has no effect: [", rule.section->name,
                            "] is a default rule only, and those have no conditions");
         } else if (!lines->second.has_fields) {
-            findings->warn(at, "condition", *given, ": [", rule.section->name,
-                           "] is never chosen, because only ASCII lines list it and these have no "
-                           "fields");
+            findings->warn(
+                at, "condition", *given, ": [", rule.section->name, "] is ",
+                lines->second.is_default ? "chosen as a default rule only" : "never chosen",
+                ", because only ASCII lines list it and these have no fields");
         }
     }
 }
