@@ -1,6 +1,7 @@
 #include "report.h"
 
 #include <array>
+#include <atomic>
 #include <deque>
 #include <mutex>
 
@@ -9,6 +10,7 @@ namespace {
 struct queue_t {
     std::mutex lock;
     std::deque<std::string> packets;
+    std::atomic<bool> is_empty = true;  // spares every byte of a line the lock
 };
 std::array<queue_t, MAX_PAGERS> queues;  // by the position of the pager in its table
 
@@ -25,10 +27,14 @@ void espa_report(const pager_t *pager, std::string_view packet) noexcept {
         queue.packets.pop_front();
     }
     queue.packets.emplace_back(packet);
+    queue.is_empty = false;
 }
 
 std::string next_report(const pager_t *pager) noexcept {
     queue_t &queue = queue_of(pager);
+    if (queue.is_empty) {
+        return "";
+    }
     const std::lock_guard held(queue.lock);
     return queue.packets.empty() ? "" : queue.packets.front();
 }
@@ -39,4 +45,5 @@ void drop_report(const pager_t *pager, const std::string &packet) noexcept {
     if (!queue.packets.empty() && queue.packets.front() == packet) {
         queue.packets.pop_front();
     }
+    queue.is_empty = queue.packets.empty();
 }

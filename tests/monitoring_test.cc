@@ -104,6 +104,11 @@ TEST_F(Monitoring, CountersAndJournal) {
                               label + ",action=\"script\",result=\"failed\"} 1"}));
     EXPECT_THAT(samples(daemon, "line_alarms_total"),
                 Contains(label + ",event=\"transmission_error\",result=\"raised\"} 1"));
+    const std::string status = daemon.dir.read("status");
+    const auto names = names_in(status, "\n(vesperd_[a-z_]+)");
+    EXPECT_EQ(names_in("\n" + status, "\n# TYPE (vesperd_[a-z_]+) "), names);
+    EXPECT_EQ(names_in(read_file(SOURCE_DIR "/man/quillet.conf.5"), "\n.It Li (vesperd_[a-z_]+)"),
+              names);
     EXPECT_EQ(fs::status(daemon.dir.path("journal")).permissions(), fs::perms(0640));
     EXPECT_EQ(daemon.count("is no regular file and suppresses nothing"), 1);
     const std::string head = "\"line\":\"a\\\"\\\\\xC3\xA9\",\"event\":\"";

@@ -168,26 +168,16 @@ TEST(Station, SetsTheFrameOfASerialDevice) {
     }
 }
 
-// The options of a program, each once and in order, as `pattern` finds them in a text.
-texts_t options_in(const std::string &text, const std::string &pattern) {
-    const std::regex option(pattern);
-    std::set<std::string> found;
-    for (std::sregex_iterator match(text.begin(), text.end(), option), end; match != end; ++match) {
-        found.insert((*match)[1]);
-    }
-    return {found.begin(), found.end()};
-}
-
 TEST(Programs, HelpManualPageAndCompletionAgree) {
     for (const char *program : {"espasend", "vesperstat", "vespercheck"}) {
         const std::string help = run(0, program + " --help"s);
         EXPECT_EQ(help, run(0, program + " -h"s));
-        const texts_t options = options_in(help, "(?:^|\n)  (?:-[a-zA-Z], |    )--([a-z-]+)");
+        const texts_t options = names_in(help, "(?:^|\n)  (?:-[a-zA-Z], |    )--([a-z-]+)");
         EXPECT_GE(options.size(), 8U) << help;
         const std::string page = read_file(SOURCE_DIR "/man/"s + program + ".1");
-        EXPECT_EQ(options_in(page, "\n\\.It Fl (?:[a-zA-Z] [^\n]*, )?(?:Fl )?-([a-z-]+)"), options);
+        EXPECT_EQ(names_in(page, "\n\\.It Fl (?:[a-zA-Z] [^\n]*, )?(?:Fl )?-([a-z-]+)"), options);
         const std::string completion = read_file(SOURCE_DIR "/completion/"s + program);
-        EXPECT_EQ(options_in(completion.substr(completion.rfind("compgen -W")), "--([a-z-]+)"),
+        EXPECT_EQ(names_in(completion.substr(completion.rfind("compgen -W")), "--([a-z-]+)"),
                   options);
     }
     EXPECT_THAT(run(0, "espasend --help"),

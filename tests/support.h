@@ -44,6 +44,16 @@ inline std::string wire(const std::string &text) {
     return bytes;
 }
 
+// The names that the group of a pattern finds in a text, each once and in order.
+inline texts_t names_in(const std::string &text, const std::string &pattern) {
+    const std::regex name(pattern);
+    std::set<std::string> found;
+    for (std::sregex_iterator match(text.begin(), text.end(), name), end; match != end; ++match) {
+        found.insert((*match)[1]);
+    }
+    return {found.begin(), found.end()};
+}
+
 template <typename... parts_t>
 std::string joined(const parts_t &...parts) {
     std::ostringstream text;
