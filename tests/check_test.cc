@@ -319,6 +319,7 @@ TEST_F(Check, WhatAMessageComesTo) {
          R"(,"selected": "rule_s","why": "its last match is the longest, 2 characters",)"
          R"("action": "script","values": {},"command": {"line": "run 7 'SC'","is_run": true})"},
         {"m -m PRIO -a 1 --priority 1", ": match index 4, match_address does not match\n  Sel"},
+        {"m -m PRIO -a 4 --beep 7 --json", R"("address": "4","beep": "7","lines")"},
         {"m -m PRIO -a 4 --json", R"("groups": "","unmet": "match_priority"}],"selected": null)"},
         {"m -m PRIO -a 4 --priority 01 --type 3 --beep 5 --transmissions 6",
          "    Context: 01356m\\r\n"},

@@ -60,6 +60,7 @@ TEST_F(Listening, ServesWhoeverMayConnect) {
     daemon.run_in_foreground("-d");
     daemon.expect_logged("Unable to listen on " + HERE + ":" + daemon.ports[2] +
                          " for pager taken");
+    daemon.expect_logged("Call service action general_error");
     const unique_fd_t first = connect_from("127.0.0.1", port);
     EXPECT_TRUE(calls(first, "1"));
     EXPECT_THAT(daemon.call("1"), HasSubstr("Context: espa-03\r"));

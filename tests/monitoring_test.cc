@@ -100,7 +100,8 @@ TEST_F(Monitoring, CountersAndJournal) {
     EXPECT_EQ(samples(daemon, "line_messages_total"), texts_t{label + "} 3"});
     EXPECT_EQ(samples(daemon, "line_unmatched_total"), texts_t{label + "} 1"});
     EXPECT_THAT(samples(daemon, "line_actions_total"),
-                IsSupersetOf({label + ",action=\"call\",result=\"ok\"} 1",
+                IsSupersetOf({label + ",action=\"skip\",result=\"ok\"} 0",
+                              label + ",action=\"call\",result=\"ok\"} 1",
                               label + ",action=\"script\",result=\"failed\"} 1"}));
     EXPECT_THAT(samples(daemon, "line_alarms_total"),
                 Contains(label + ",event=\"transmission_error\",result=\"raised\"} 1"));

@@ -42,8 +42,11 @@ class delivery_t {
     }
 
     [[noreturn]] void fail(const std::string &why) const {
+        const bool is_refused =
+            !options_.connect.empty() && delivered_ == 0 && line_ && station_.is_closed();
         fflush(stdout);
-        fprintf(stderr, "espasend: %s\n", why.c_str());
+        fprintf(stderr, "espasend: %s%s\n", why.c_str(),
+                is_refused ? ". Is this machine the host of the line's section?" : "");
         exit(EXIT_FAILURE);
     }
 

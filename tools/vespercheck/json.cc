@@ -89,8 +89,14 @@ std::string report_json(const std::string &path, const std::vector<finding_t> &f
 }
 
 std::string trials_json(const std::string &path, const std::string &message,
-                        const std::string &address, const std::vector<trial_t> &trials) {
-    json_t object = {{"file", path}, {"message", message}, {"address", address}};
+                        const record_texts_t &record, const std::vector<trial_t> &trials) {
+    json_t object = {{"file", path}, {"message", message}, {"address", record[0]}};
+    const char *names[CALL_FIELDS] = {"address", "priority", "type", "beep", "transmissions"};
+    for (size_t i = 1; i < CALL_FIELDS; i++) {
+        if (!record[i].empty()) {
+            object[names[i]] = record[i];
+        }
+    }
     object["lines"] = json_t::array();
     for (const trial_t &trial : trials) {
         object["lines"].push_back(as_json(trial));

@@ -17,4 +17,4 @@ std::string report_json(const std::string &path, const std::vector<finding_t> &f
 
 // One JSON object: {"file": PATH, "message", "address", "lines": [{...}...]}
 std::string trials_json(const std::string &path, const std::string &message,
-                        const std::string &address, const std::vector<trial_t> &trials);
+                        const record_texts_t &record, const std::vector<trial_t> &trials);

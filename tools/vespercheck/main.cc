@@ -145,8 +145,7 @@ int try_on_lines(const options_t &options, const site_t &site) {
         }
     }
     if (options.json) {
-        fputs(trials_json(options.path, *options.message, options.record[0], trials).c_str(),
-              stdout);
+        fputs(trials_json(options.path, *options.message, options.record, trials).c_str(), stdout);
         return EXIT_SUCCESS;
     }
     for (const trial_t &trial : trials) {
