@@ -92,6 +92,7 @@ TEST_F(Check, FindsWithItsPlace) {
         {CALL + "context = %espa_if%\n", "11 warning placeholder: .*%espa_if% is no"},
         {CALL + "context = %Number%\n", "11 warning placeholder: .*mean %number%"},
         {CALL + "context = $zone\n", "11 warning placeholder: .*value.zone. for .zone"},
+        {CALL + "value[zone] = (a)\ncontext = $zoen\n", "12 warning placeholder: .*mean .zone"},
         {CALL + "value[a] = (a)\nvalue[ab] = (b)\ncontext = $ab\n", "13 warning shadowed: "},
         {CALL + "value[a] = (a)\ncontext = $a%number%\n", "12 warning placeholder: .*behind"},
         {CALL + "value[a] = (a)\nvalue[b] = (b)\ncontext = $b$a\n",

@@ -58,6 +58,7 @@ TEST_F(Procedure, AnswersAsTheOthersExpect) {
         {"<ENQ>", ""},
         {"2<ENQ><ENQ>", "<EOT><EOT>"},
         {CALL + "<ENQ><ENQ>", taken + "<ACK><ACK>"},
+        {CALL + "<ENQ><ACK>" + CALL, taken + "<ACK>" + taken},  // an echo again
         {CALL + "<EOT><ENQ>", taken},
         {CALL + "xyz<ENQ><ENQ>", taken + "1<NAK>1<NAK>"},  // of a packet in which nothing was whole
         {select + "1<STX>1<US>x<ETX>x<ENQ>", "<ACK>1<NAK>"},

@@ -184,6 +184,7 @@ TEST(Programs, HelpManualPageAndCompletionAgree) {
                 AllOf(StartsWith("Usage: espasend --listen PORT"),
                       HasSubstr("\n  -l, --listen PORT         wait for vesperd to connect, as a "
                                 "converter does;\n                            port 0 picks"),
+                      HasSubstr("\n\nWhat is sent:\n  -m, --message TEXT"),
                       HasSubstr("\n      --interval SECONDS    pause between")));
 }
 
