@@ -229,8 +229,9 @@ bool compose_command(command_text_t *command, const rule_t *rule,
 outcome_t perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
                          const rule_t *rule, const call_fields_t &fields) noexcept {
     placeholders_t with{alrm, number, message, rule->values};
-    const text_copy_t line = table_text(pager->name);
+    text_copy_t<sizeof pager->name> line;
     if (rule->record_fields != 0) {
+        line = table_text(pager->name);
         with.fields = &fields;
         with.line = line.text;
     }
