@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "running_daemon.h"
+#include "status.h"
 
 namespace {
 
@@ -267,6 +268,10 @@ TEST_F(Daemon, WritesDirectlyWhatItCannotStage) {
     EXPECT_EQ(daemon.count("Unable to write journal /dev/full: No space left on device"), 1);
     daemon.expect_logged("Unable to write status file " + daemon.dir.path("missing/status"));
     EXPECT_EQ(daemon.count("Unable to write status file"), 1);
+    status_init(daemon.dir.path_.c_str());  // a directory: the last step fails
+    status_end();
+    EXPECT_FALSE(fs::exists(daemon.dir.path_ + ".new"));
+    status_init("");
     fs::remove_all(spool);
 }
 

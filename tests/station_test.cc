@@ -27,6 +27,8 @@ TEST(Station, SendsCallsAndSaysWhatWentWrong) {
         {"m", "<EOT>2", "expected ACK, got '2'", ""},
         {"m", "", "no echo of EOT: the line was closed", ""},
         {"m", "<EOT>", "no ACK: the line was closed", ""},
+        {"m", "<EOT><ACK><EOT><ACK>", "no ACK: the line was closed", ""},
+        {"m", "<EOT><ACK><EOT><ACK><ACK>", "no echo of EOT: the line was closed", ""},
         {std::string(997, 'm'), "<EOT><ACK><EOT><ACK><ACK><EOT>", "", ""},
         {std::string(998, 'm'), "", "the call does not fit into a packet of 1024 bytes", ""},
     };
@@ -107,6 +109,9 @@ TEST(Station, FollowsTheProcedure) {
         {quiet + select + good + "<ACK>|<ENQ>;1<NAK>|<EOT>;",
          "asked again it says '1' NAK and not ACK", "", 0, true},
         {quiet + "1<ENQ>2<ENQ>;", "the line was closed", ""},
+        {quiet + select + good, "the line was closed", ""},
+        {quiet + select + good + "<ACK>|<ENQ>;", "the line was closed", "", 0, true},
+        {"2<ENQ>;", "the line was closed", ""},
     };
     for (const auto &row : rows) {
         const pair_t line;

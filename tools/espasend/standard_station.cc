@@ -192,12 +192,12 @@ bool standard_station_t::ask_again(answer_t answer) {
         return true;
     }
     const std::string before = last_;
-    if (!send_bytes(ASK)) {
+    if (!send_bytes(ASK) || read_answer() == answer_t::FAILED) {
         return false;
     }
-    read_answer();
-    return last_ == before || give_up("asked again it says " + describe_bytes(last_) + " and not " +
-                                      describe_bytes(before));
+    return last_ == before ||
+           give_up("asked again it says " + (last_.empty() ? "nothing" : describe_bytes(last_)) +
+                   " and not " + describe_bytes(before));
 }
 
 bool standard_station_t::expect_silence() {
