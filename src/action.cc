@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -12,6 +13,8 @@
 #include "clock.h"
 #include "command.h"
 #include "files.h"
+#include "follow.h"
+#include "instance.h"
 #include "journal.h"
 #include "logger.h"
 #include "proto.h"
@@ -45,9 +48,34 @@ void warn_of_direct_writing(const staged_call_t &call) {
     }
 }
 
+void warn_of_not_following(const staged_call_t &call) {
+    static once_per_load_t warning;
+    if (call.follow_error != 0 && warning.is_first()) {
+        LOG_AS(LEVEL_ERROR, "call_action", "Unable to follow call %s in %s: %s\n", call.name,
+               followed_dir(call.staging_dir).c_str(), strerror(call.follow_error));
+    }
+}
+
+// Whether a call of this name is to be followed.
+bool is_followed(const pager_t *pager, const char *name) {
+    static once_per_load_t warning;
+    if (load_shared(pager->follow_calls) == 0 || can_be_followed(name)) {
+        return load_shared(pager->follow_calls) != 0;
+    }
+    if (warning.is_first()) {
+        LOG_AS(LEVEL_ERROR, "call_action",
+               "Call %s is not followed: more than letters, digits and * + _ . - in its name, or "
+               "too long\n",
+               name);
+    }
+    return false;
+}
+
 // Stores a call file under its name, directly or by way of the pager's staging directory. Logs on
 // behalf of call_action().
-outcome_t store_call_file(const pager_t *pager, const char *name, std::string_view content) {
+//   followed  what has to be known of a call to follow; null: it is not followed
+outcome_t store_call_file(const pager_t *pager, const char *name, std::string_view content,
+                          followed_call_t *followed) {
     char spool_dir[sizeof pager->spool_dir];
     char staging_dir[sizeof pager->staging_dir];
     read_tables([&] {
@@ -59,6 +87,9 @@ outcome_t store_call_file(const pager_t *pager, const char *name, std::string_vi
     if (staging_dir[0] == '\0') {
         join_path(call.path, spool_dir, name);
         result = call_file_write(call.path, content);
+    } else if (followed != nullptr) {
+        result = call_file_follow(&call, content, to_comments(*followed));
+        warn_of_not_following(call);
     } else {
         result = call_file_stage(&call, content);
     }
@@ -75,17 +106,50 @@ outcome_t store_call_file(const pager_t *pager, const char *name, std::string_vi
     if (outcome.succeeded) {
         copy_text(outcome.file, std::string_view(call.path).substr(strlen(spool_dir) + 1));
     }
+    if (call.is_followed) {
+        followed->name = outcome.file;
+        follow_call(pager, staging_dir, *followed);
+    }
     return outcome;
 }
 
-outcome_t place_call(const pager_t *pager, const rule_t *rule, const placeholders_t &with) {
+followed_call_t call_to_follow(const pager_t *pager, const rule_t *rule, const placeholders_t &with,
+                               const call_fields_t &fields, const chain_t &chain) {
+    followed_call_t call;
+    call.daemon = instance();
+    call.line = table_text(pager->name).text;
+    call.rule = rule->name;
+    call.address = with.number != nullptr ? with.number : "";
+    call.text = with.message != nullptr ? with.message : "";
+    std::copy(std::begin(fields.texts), std::end(fields.texts), call.fields.begin());
+    call.after = chain.after;
+    call.alrm = with.alrm;
+    call.passed_on = chain.passed_on;
+    call.placed_ms = milliseconds_now();
+    return call;
+}
+
+outcome_t place_call(const pager_t *pager, const rule_t *rule, const placeholders_t &with,
+                     const call_fields_t &fields, const chain_t &chain) {
     call_text_t call;
     if (!compose_call(&call, rule, with)) {
         LOG_AS(LEVEL_ERROR, "call_action",
                "Extension of rule %s leads out of the spool directory\n", rule->name);
         return {false, false, "", -1};
     }
-    return store_call_file(pager, call.name, call.content);
+    if (!is_followed(pager, call.name)) {
+        return store_call_file(pager, call.name, call.content, nullptr);
+    }
+    followed_call_t followed = call_to_follow(pager, rule, with, fields, chain);
+    return store_call_file(pager, call.name, call.content, &followed);
+}
+
+void add_seconds(call_text_t *call, const char *setting, int seconds) {
+    if (seconds >= 0) {
+        const size_t length = strlen(call->content);
+        snprintf(call->content + length, sizeof call->content - length, "%s: %d\r\n", setting,
+                 seconds);
+    }
 }
 
 outcome_t run_command(const rule_t *rule, const placeholders_t &with) {
@@ -213,8 +277,11 @@ bool compose_call(call_text_t *call, const rule_t *rule, const placeholders_t &w
     snprintf(call->name, sizeof call->name, "call_%s_%d", extension.text, seconds_now());
     snprintf(call->content, sizeof call->content,
              "Channel: %s\r\nContext: %s\r\nExtension: %s\r\nCallerID: %s\r\n"
-             "Priority: 1\r\nMaxRetries: 0\r\n",
-             channel.text, context.text, extension.text, callerid.text);
+             "Priority: 1\r\nMaxRetries: %d\r\n",
+             channel.text, context.text, extension.text, callerid.text,
+             std::max(rule->max_retries, 0));
+    add_seconds(call, "WaitTime", rule->wait_time);
+    add_seconds(call, "RetryTime", rule->retry_time);
     return !quotes || std::string_view(call->name).find("/../") == std::string_view::npos;
 }
 
@@ -227,7 +294,8 @@ bool compose_command(command_text_t *command, const rule_t *rule,
 }
 
 outcome_t perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
-                         const rule_t *rule, const call_fields_t &fields) noexcept {
+                         const rule_t *rule, const call_fields_t &fields,
+                         const chain_t &chain) noexcept {
     placeholders_t with{alrm, number, message, rule->values};
     text_copy_t<sizeof pager->name> line;
     if (rule->record_fields != 0) {
@@ -238,7 +306,7 @@ outcome_t perform_action(const pager_t *pager, int alrm, const char *number, con
     outcome_t outcome;
     if (rule->action == CALL) {
         const acting_t acting;
-        outcome = place_call(pager, rule, with);
+        outcome = place_call(pager, rule, with, fields, chain);
     } else if (rule->action == SCRIPT) {
         const acting_t acting;
         outcome = run_command(rule, with);

@@ -21,18 +21,26 @@ struct outcome_t {
     int exit_status = -1;   // of a command, or 128 and the signal that ended it; -1: not known
 };
 
+// What a message went through before: empty for the first rule that takes it.
+struct chain_t {
+    int passed_on = 0;       // how often
+    const char *after = "";  // the call that nobody answered
+};
+
 // call_action() without raising general_error. With the pager's staging directory a call file is
-// written there first and gets a name of its own, call_EXTENSION_SECONDS_N. With the rule's `quote` a
+// written there first and gets a name of its own, call_EXTENSION_SECONDS_N, and with its `follow_calls`
+// the call is followed. With the rule's `quote` a
 // command line that does not fit is not run.
 outcome_t perform_action(const pager_t *pager, int alrm, const char *number, const char *message,
-                         const rule_t *rule, const call_fields_t &fields = {}) noexcept;
+                         const rule_t *rule, const call_fields_t &fields = {},
+                         const chain_t &chain = {}) noexcept;
 
 // The call file that a CALL rule comes to now: its name, which staging makes longer, and its bytes.
 // Returns whether it would be written: with the rule's `quote` one whose name leads out of the spool
 // directory is not.
 struct call_text_t {
     char name[288];
-    char content[1152];
+    char content[1280];
 };
 bool compose_call(call_text_t *call, const rule_t *rule, const placeholders_t &with) noexcept;
 

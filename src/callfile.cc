@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <functional>
 #include <memory>
@@ -21,6 +22,7 @@
 namespace {
 
 constexpr mode_t CALL_FILE_MODE = 0666;
+constexpr mode_t FOLLOWED_MODE = 0700;
 constexpr std::string_view STAGED_PREFIX = "vesperd-call-";
 
 // Writes the whole content and removes the file if that fails; it stays open.
@@ -142,6 +144,8 @@ class staged_file_t {
     // Whether it was opened; when not, no other call can be staged either.
     bool was_opened() const { return was_opened_; }
 
+    // The PBX's account is to write into a file that is ours.
+    void open_to_all() const { fchmod(file_.get(), CALL_FILE_MODE); }
     // Returns whether it now has that path, which did not exist.
     bool rename_to(const char *path) {
         if (renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, path, RENAME_NOREPLACE) != 0) {
@@ -158,13 +162,6 @@ class staged_file_t {
     int error_ = 0;
     bool was_opened_ = false;
 };
-
-bool are_on_different_disks(const char *one, const char *other) {
-    struct stat one_status {};
-    struct stat other_status {};
-    return stat(one, &one_status) == 0 && stat(other, &other_status) == 0 &&
-           one_status.st_dev != other_status.st_dev;
-}
 
 // Whether the way over the staging directory is closed for good, rather than for want of space. Only
 // then is a call file written where the PBX may see a part of it.
@@ -188,7 +185,47 @@ bool cannot_be_staged(const staged_file_t &staged, const staged_call_t &call) {
     }
 }
 
+// Calls `visit` with the path of every file that a killed process left in a staging directory.
+template <typename visitor_t>
+void visit_staged(const char *staging_dir, visitor_t visit) {
+    const unique_dir_t directory(opendir(staging_dir));
+    while (const dirent *entry = directory ? readdir(directory.get()) : nullptr) {
+        if (!std::string_view(entry->d_name).starts_with(STAGED_PREFIX)) {
+            continue;
+        }
+        const std::string path = std::string(staging_dir) + "/" + entry->d_name;
+        const unique_fd_t file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+        if (file && flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
+            visit(path, file);
+        }
+    }
+}
+
+// Makes a further name of a file in the directory for calls that are followed. Returns 0 or errno.
+int link_followed(const std::string &staged, const std::string &directory, const char *name) {
+    const std::string path = directory + "/" + name;
+    if (link(staged.c_str(), path.c_str()) == 0) {
+        return 0;
+    }
+    if (errno == ENOENT && mkdir(directory.c_str(), FOLLOWED_MODE) == 0 &&
+        link(staged.c_str(), path.c_str()) == 0) {
+        return 0;
+    }
+    return errno;
+}
+
 }  // namespace
+
+bool are_on_different_disks(const char *one, const char *other) noexcept {
+    struct stat one_status {};
+    struct stat other_status {};
+    return stat(one, &one_status) == 0 && stat(other, &other_status) == 0 &&
+           one_status.st_dev != other_status.st_dev;
+}
+
+std::string followed_dir(std::string_view staging_dir) {
+    return std::string(staging_dir) + "/followed";
+}
 
 call_file_result_t call_file_write(const char *path, std::string_view content) noexcept {
     return write_with(O_TRUNC, path, content);
@@ -219,16 +256,57 @@ call_file_result_t call_file_stage(staged_call_t *call, std::string_view content
     return {call_file_t::NOT_OPENED, ENAMETOOLONG};
 }
 
-void call_file_clean(const char *staging_dir) noexcept {
-    const unique_dir_t directory(opendir(staging_dir));
-    while (const dirent *entry = directory ? readdir(directory.get()) : nullptr) {
-        if (!std::string_view(entry->d_name).starts_with(STAGED_PREFIX)) {
+call_file_result_t call_file_follow(staged_call_t *call, std::string_view settings,
+                                    std::string_view comments) noexcept {
+    const std::string directory = followed_dir(call->staging_dir);
+    while (next_path(call)) {
+        const char *name = call->path + strlen(call->spool_dir) + 1;
+        std::string content(settings);
+        content.append("Archive: yes\r\nSetVar: VESPERD_CALL=").append(name).append("\r\n");
+        staged_file_t staged(call->staging_dir, content.append(comments));
+        if (!staged.is_complete()) {
+            break;
+        }
+        staged.open_to_all();
+        call->follow_error = link_followed(staged.path(), directory, name);
+        if (call->follow_error == EEXIST) {
             continue;
         }
-        const std::string path = std::string(staging_dir) + "/" + entry->d_name;
-        const unique_fd_t file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-        if (file && flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
-            unlink(path.c_str());
+        if (call->follow_error != 0) {
+            break;
+        }
+        if (staged.rename_to(call->path)) {
+            call->is_followed = true;
+            return {call_file_t::WRITTEN, 0};
+        }
+        unlink((directory + "/" + name).c_str());
+        if (staged.error() != EEXIST) {
+            break;
         }
     }
+    return call_file_stage(call, settings);
+}
+
+bool call_file_finish(const char *staging_dir, const char *spool_dir,
+                      const std::string &name) noexcept {
+    const std::string link = followed_dir(staging_dir) + "/" + name;
+    struct stat followed {};
+    if (lstat(link.c_str(), &followed) != 0 || followed.st_nlink < 2) {
+        return false;
+    }
+    bool is_finished = false;
+    visit_staged(staging_dir, [&](const std::string &path, const unique_fd_t &file) {
+        struct stat staged {};
+        const bool is_it = fstat(file.get(), &staged) == 0 && staged.st_ino == followed.st_ino &&
+                           staged.st_dev == followed.st_dev;
+        is_finished |= is_it && renameat2(AT_FDCWD, path.c_str(), AT_FDCWD,
+                                          (std::string(spool_dir) + "/" + name).c_str(),
+                                          RENAME_NOREPLACE) == 0;
+    });
+    return is_finished;
+}
+
+void call_file_clean(const char *staging_dir) noexcept {
+    visit_staged(staging_dir,
+                 [](const std::string &path, const unique_fd_t &) { unlink(path.c_str()); });
 }

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "callfile.h"
 #include "charset.h"
 #include "ini.h"
 #include "instance.h"
@@ -118,6 +119,18 @@ void load_listening(int listens, const char *address, pager_t *pager) {
     }
 }
 
+// Logs on behalf of load_pager().
+void load_following(int follows, pager_t *pager) {
+    pager->follow_calls = follows;
+    if (follows != 0 && (pager->staging_dir[0] == '\0' ||
+                         are_on_different_disks(pager->staging_dir, pager->spool_dir))) {
+        LOG_AS(LEVEL_ERROR, "load_pager",
+               "follow_calls needs a staging_dir on the file system of spool_dir: calls are not "
+               "followed\n");
+        pager->follow_calls = 0;
+    }
+}
+
 // Logs on behalf of load_pager(). Returns false when the host does not resolve.
 bool resolve_host(pager_t *pager) {
     const hostent *host = find_host(pager->host);
@@ -161,6 +174,10 @@ void store_settings(pager_t *pager, const pager_t &fresh) {
     copy_shared(&pager->listen, fresh.listen);
     copy_shared(&pager->listen_address, fresh.listen_address);
     copy_shared(&pager->peers, fresh.peers);
+    copy_shared(&pager->follow_calls, fresh.follow_calls);
+    copy_shared(&pager->status_called, fresh.status_called);
+    copy_shared(&pager->status_answered, fresh.status_answered);
+    copy_shared(&pager->status_unanswered, fresh.status_unanswered);
     copy_shared(&pager->configured_protocol, fresh.protocol);
     store_shared(&pager->socket, -1);
 }
@@ -342,6 +359,10 @@ int load_pager(const dictionary *dict, const char *section, pager_t *pager) noex
     copy_text(fresh.charset, known_charset(keys.text("charset")));
     load_station(keys.integer("espa_address"), keys.integer("espa_control"), &fresh);
     load_listening(keys.boolean("listen"), keys.text("listen_address"), &fresh);
+    load_following(keys.boolean("follow_calls"), &fresh);
+    copy_text(fresh.status_called, keys.text("status_called"));
+    copy_text(fresh.status_answered, keys.text("status_answered"));
+    copy_text(fresh.status_unanswered, keys.text("status_unanswered"));
     if (!resolve_host(&fresh)) {
         return -1;
     }
@@ -367,6 +388,12 @@ int load_rule(const dictionary *dict, const char *section, rule_t *rule) noexcep
     fresh.ack_when_run = keys.boolean("ack_when_run");
     load_conditions(keys, &fresh);
     fresh.record_fields = keys.boolean("record_fields");
+    fresh.wait_time = keys.integer("wait_time");
+    fresh.max_retries = keys.integer("max_retries");
+    fresh.retry_time = keys.integer("retry_time");
+    fresh.confirm = keys.boolean("confirm");
+    fresh.give_up = keys.integer("give_up");
+    copy_text(fresh.otherwise, keys.text("otherwise"));
     *rule = fresh;
     return 0;
 }

@@ -78,6 +78,13 @@ int appendBCC(char *packet, int maxPacketSize) noexcept {
     return 1;
 }
 
+std::string compose_status(std::string_view address, char status) {
+    std::string packet = {SOH, '2', STX, '1', US};
+    packet.append(address).append({RS, '7', US, status, ETX, '\0'});
+    appendBCC(packet.data(), static_cast<int>(packet.size()));
+    return packet;
+}
+
 // The walk does not stop behind an ETX that ends a value: the block check character is looked at
 // like any other byte, and one that equals STX or RS opens a block whose value nobody keeps.
 int parse_espa_packet(espa_p *p, const char *buf, int size) noexcept {

@@ -5,6 +5,7 @@
 //   SOH '1' STX '1' US 4711 RS '2' US Fire alarm ETX bcc
 #pragma once
 
+#include <string>
 #include <string_view>
 
 enum : char {
@@ -60,6 +61,10 @@ bool is_packet_formed(std::string_view packet) noexcept;
 // Stores the block check character of a packet in the byte after its ETX. Arguments as for
 // checkBCC(). Returns 1, or 0 when SOH is missing or no ETX is found.
 int appendBCC(char *packet, int maxPacketSize) noexcept;
+
+// A status record: header 2 with the call address and, as identifier 7, what has become of the call.
+// SOH to block check character.
+std::string compose_status(std::string_view address, char status);
 
 // Decodes a packet into `p`, which the caller has cleared.
 //   buf   the packet, ended by a zero byte outside of a value or by the buffer's end

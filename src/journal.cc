@@ -1,6 +1,7 @@
 #include "journal.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 #include "alarm.h"
 #include "clock.h"
 #include "fd.h"
+#include "files.h"
 #include "kept_text.h"
 #include "logger.h"
 #include "printable.h"
@@ -141,6 +143,15 @@ void add_fields(const call_fields_t &fields, object_t *object) {
     }
 }
 
+void add_action(const outcome_t &outcome, object_t *object) {
+    if (outcome.file[0] != '\0') {
+        object->add_bytes("file", outcome.file);
+    }
+    if (outcome.exit_status >= 0) {
+        object->add("exit", std::to_string(outcome.exit_status));
+    }
+}
+
 std::string as_json(const journal_entry_t &entry) {
     const bool is_ascii = load_shared(entry.pager->protocol) == PROTOCOL_ASCII;
     object_t object;
@@ -160,15 +171,45 @@ std::string as_json(const journal_entry_t &entry) {
         object.add("action", "null");
     }
     object.add_text("result", result_word(entry));
-    if (entry.outcome.file[0] != '\0') {
-        object.add_bytes("file", entry.outcome.file);
-    }
-    if (entry.outcome.exit_status >= 0) {
-        object.add("exit", std::to_string(entry.outcome.exit_status));
-    }
+    add_action(entry.outcome, &object);
     object.add("ms", duration_text(microseconds_passed() - entry.began_us));
     add_fields(entry.fields, &object);
     return std::move(object).ended();
+}
+
+std::string as_json(const outcome_entry_t &entry) {
+    object_t object;
+    object.add_text("time", time_text(milliseconds_now()));
+    object.add_bytes("line", entry.call.line);
+    object.add_text("event", "outcome");
+    object.add_bytes("call", entry.call.name);
+    object.add_bytes("address", entry.call.address);
+    object.add_bytes("text", entry.call.text);
+    object.add_bytes("rule", entry.call.rule);
+    object.add_text("result", entry.result);
+    object.add("attempts", std::to_string(entry.attempts));
+    object.add("seconds", std::to_string(entry.seconds));
+    if (entry.next.empty()) {
+        object.add("next", "null");
+    } else {
+        object.add_bytes("next", entry.next);
+    }
+    add_action(entry.outcome, &object);
+    return std::move(object).ended();
+}
+
+// Appends a line, in one write.
+void append_line(const std::string &json) {
+    const char *path = journal_file;
+    // What a full disk has cut is at least not continued.
+    const std::string line = (torn.exchange(false) ? "\n" : "") + json;
+    constexpr int FLAGS = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    const unique_fd_t file(open(path, FLAGS, 0640));
+    const ssize_t written = file ? write(file.get(), line.data(), line.size()) : -1;
+    if (written != std::ssize(line)) {
+        report_failure(path, written < 0 ? errno : ENOSPC);
+        torn = written > 0;
+    }
 }
 
 }  // namespace
@@ -183,18 +224,27 @@ bool journal_is_kept() noexcept {
 }
 
 void journal_write(const journal_entry_t &entry) noexcept {
-    const char *path = journal_file;
-    if (path[0] == '\0') {
-        return;
+    if (journal_is_kept()) {
+        append_line(as_json(entry));
     }
-    // What a full disk has cut is at least not continued.
-    std::string line(torn.exchange(false) ? "\n" : "");
-    line += as_json(entry);
-    constexpr int FLAGS = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-    const unique_fd_t file(open(path, FLAGS, 0640));
-    const ssize_t written = file ? write(file.get(), line.data(), line.size()) : -1;
-    if (written != std::ssize(line)) {
-        report_failure(path, written < 0 ? errno : ENOSPC);
-        torn = written > 0;
+}
+
+void journal_write_outcome(const outcome_entry_t &entry) noexcept {
+    if (journal_is_kept()) {
+        append_line(as_json(entry));
     }
+}
+
+bool journal_has_outcome(const std::string &call) noexcept {
+    constexpr off_t LOOKED_AT = 1 << 20;
+    const unique_fd_t file = open_regular(journal_file, O_RDONLY);
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0) {
+        return false;
+    }
+    std::string text(LOOKED_AT, '\0');
+    const ssize_t got =
+        pread(file.get(), text.data(), text.size(), std::max<off_t>(status.st_size - LOOKED_AT, 0));
+    text.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    return text.find(R"("event":"outcome","call":")" + call + '"') != std::string::npos;
 }

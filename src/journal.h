@@ -14,6 +14,7 @@
 #pragma once
 
 #include "action.h"
+#include "followed.h"
 
 // Sets the file; empty: no journal. It is opened for every line, as the log is.
 void journal_init(const char *file) noexcept;
@@ -32,6 +33,27 @@ struct journal_entry_t {
     int64_t began_us;  // by clock.h's monotonic clock
     call_fields_t fields = {};
 };
+
+// The outcome of a call that is followed:
+//
+//   {"time":"...","line":"ward3","event":"outcome","call":"call_8003_1795273340_0","address":"4711",
+//    "text":"FIRE ZONE 3","rule":"rule_nurse","result":"unanswered","attempts":2,"seconds":41,
+//    "next":"rule_doctor","file":"call_8004_1795273381_0"}
+//
+// `next` is the rule that went on with it, null for none, `file` and `exit` what that did.
+struct outcome_entry_t {
+    const followed_call_t &call;
+    const char *result;
+    int attempts;
+    int seconds;
+    const std::string &next;  // empty: none
+    const outcome_t &outcome;
+};
+void journal_write_outcome(const outcome_entry_t &entry) noexcept;
+
+// Whether the last megabyte of the journal has the outcome of a call.
+//   call  the name of its file, of characters that are not escaped
+bool journal_has_outcome(const std::string &call) noexcept;
 
 // Appends an entry, in one write; a file that is not there is made for its owner and group alone. Without a journal does nothing; one that cannot be written is
 // logged as an ERROR once per load.

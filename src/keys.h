@@ -48,7 +48,7 @@ using enum section_kind_t;
 using enum reading_t;
 
 // In the order of the manual.
-constexpr std::array<config_key_t, 41> TABLE = {{
+constexpr std::array<config_key_t, 51> TABLE = {{
     {LOGGER, "log_type", TEXT, 0, "file", 0, "file syslog"},
     {LOGGER, "log_level", NUMBER, 0, nullptr, DEFAULT_LOG_LEVEL},
     {LOGGER, "log_file", TEXT, 0, DEFAULT_LOG_FILE},
@@ -75,6 +75,10 @@ constexpr std::array<config_key_t, 41> TABLE = {{
     {PAGER, "ack_when_done", YES_NO, 0, nullptr, 0},
     {PAGER, "staging_dir", TEXT, sizeof pager_t::staging_dir, ""},
     {PAGER, "charset", TEXT, sizeof pager_t::charset, ""},
+    {PAGER, "follow_calls", YES_NO, 0, nullptr, 0},
+    {PAGER, "status_called", TEXT, sizeof pager_t::status_called, ""},
+    {PAGER, "status_answered", TEXT, sizeof pager_t::status_answered, ""},
+    {PAGER, "status_unanswered", TEXT, sizeof pager_t::status_unanswered, ""},
     {PAGER, "callscript", TEXT, sizeof pager_t::callscript, nullptr},
 
     {RULE, "pattern", PATTERN, 0, ".*"},
@@ -93,6 +97,12 @@ constexpr std::array<config_key_t, 41> TABLE = {{
     {RULE, "match_beep", PATTERN, 0, nullptr},
     {RULE, "match_transmissions", PATTERN, 0, nullptr},
     {RULE, "record_fields", YES_NO, 0, nullptr, 0},
+    {RULE, "wait_time", NUMBER, 0, nullptr, NOT_GIVEN},
+    {RULE, "max_retries", NUMBER, 0, nullptr, NOT_GIVEN},
+    {RULE, "retry_time", NUMBER, 0, nullptr, NOT_GIVEN},
+    {RULE, "confirm", YES_NO, 0, nullptr, 0},
+    {RULE, "otherwise", TEXT, sizeof rule_t::otherwise, ""},
+    {RULE, "give_up", NUMBER, 0, nullptr, 300},
     {RULE, VALUE_KEY_PREFIX.data(), PATTERN, 0, nullptr},
 }};
 

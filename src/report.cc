@@ -1,15 +1,24 @@
 #include "report.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <deque>
 #include <mutex>
 
+#include "logger.h"
+
 namespace {
+
+struct report_t {
+    report_id_t id;
+    std::string packet;
+    int offers = 0;
+};
 
 struct queue_t {
     std::mutex lock;
-    std::deque<std::string> packets;
+    std::deque<report_t> reports;
     std::atomic<bool> is_empty = true;  // spares every byte of a line the lock
 };
 std::array<queue_t, MAX_PAGERS> queues;  // by the position of the pager in its table
@@ -18,16 +27,45 @@ queue_t &queue_of(const pager_t *pager) {
     return queues[static_cast<size_t>(pager - pagers)];
 }
 
+void drop_oldest(queue_t *queue) {
+    queue->reports.pop_front();
+    queue->is_empty = queue->reports.empty();
+}
+
 }  // namespace
 
-void espa_report(const pager_t *pager, std::string_view packet) noexcept {
+report_id_t espa_report(const pager_t *pager, std::string_view packet) noexcept {
+    static std::atomic<report_id_t> last_id = 0;
     queue_t &queue = queue_of(pager);
     const std::lock_guard held(queue.lock);
-    if (queue.packets.size() == MAX_REPORTS) {
-        queue.packets.pop_front();
+    if (queue.reports.size() == MAX_REPORTS) {
+        drop_oldest(&queue);
     }
-    queue.packets.emplace_back(packet);
+    queue.reports.push_back({++last_id, std::string(packet)});
     queue.is_empty = false;
+    return queue.reports.back().id;
+}
+
+bool is_report_waiting(const pager_t *pager, report_id_t id) noexcept {
+    queue_t &queue = queue_of(pager);
+    const std::lock_guard held(queue.lock);
+    return std::any_of(queue.reports.begin(), queue.reports.end(),
+                       [&](const report_t &report) { return report.id == id; });
+}
+
+void offer_report(const pager_t *pager) noexcept {
+    queue_t &queue = queue_of(pager);
+    if (queue.is_empty) {
+        return;
+    }
+    const std::lock_guard held(queue.lock);
+    if (queue.reports.front().offers == MAX_OFFERS) {
+        LOG(LEVEL_WARNING, "A report was not taken in %d polls, it is dropped\n", MAX_OFFERS);
+        drop_oldest(&queue);
+    }
+    if (!queue.reports.empty()) {
+        queue.reports.front().offers++;
+    }
 }
 
 std::string next_report(const pager_t *pager) noexcept {
@@ -36,14 +74,13 @@ std::string next_report(const pager_t *pager) noexcept {
         return "";
     }
     const std::lock_guard held(queue.lock);
-    return queue.packets.empty() ? "" : queue.packets.front();
+    return queue.reports.empty() ? "" : queue.reports.front().packet;
 }
 
 void drop_report(const pager_t *pager, const std::string &packet) noexcept {
     queue_t &queue = queue_of(pager);
     const std::lock_guard held(queue.lock);
-    if (!queue.packets.empty() && queue.packets.front() == packet) {
-        queue.packets.pop_front();
+    if (!queue.reports.empty() && queue.reports.front().packet == packet) {
+        drop_oldest(&queue);
     }
-    queue.is_empty = queue.packets.empty();
 }

@@ -98,6 +98,18 @@ rule_t *select_rule(const pager_t *pager, const char *message,
     return choose_and_log(pager, message, fields, nullptr);
 }
 
+bool find_rule(const char *name, rule_t *rule) noexcept {
+    bool is_found = false;
+    read_tables([&] {
+        const rule_t *found = get_rule_by_name(name);
+        is_found = found != nullptr;
+        if (is_found) {
+            copy_shared(rule, *found);
+        }
+    });
+    return is_found;
+}
+
 bool choose_rule(const pager_t *pager, const char *message, rule_t *rule,
                  const call_fields_t &fields) noexcept {
     return choose_and_log(pager, message, fields, rule) != nullptr;

@@ -11,6 +11,9 @@
 // none.
 rule_t *get_rule_by_name(const char *name) noexcept;
 
+// Copies the rule that a name finds, untorn by a reload. Returns whether there is one.
+bool find_rule(const char *name, rule_t *rule) noexcept;
+
 // Calls `visit` with every name of a rule list, in its order, and the rule that the name finds or
 // null.
 //   list  the names, separated by any number of ':', ',' and ';'; written over

@@ -34,6 +34,11 @@ station_t::heard_t station_t::take(char byte, int64_t now_us, std::string_view r
     return heard;
 }
 
+bool station_t::is_polled_by(char byte) const noexcept {
+    return byte == ENQ && has_digit_ && address_ == own_ && state_ != state_t::CONTROL &&
+           !is_in_packet();
+}
+
 std::string station_t::answer(verdict_t verdict) {
     constexpr char REASONS[] = {'\0', '1', '2', '3'};
     std::string sent;

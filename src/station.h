@@ -57,6 +57,9 @@ class station_t {
     //   reply   receives what has to be sent at once
     heard_t take(char byte, int64_t now_us, std::string_view report, std::string *reply);
 
+    // Whether this byte is the last of a poll of this station.
+    bool is_polled_by(char byte) const noexcept;
+
     // The answer to the packet that take() has brought, to be sent now.
     std::string answer(verdict_t verdict);
 

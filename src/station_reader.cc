@@ -76,6 +76,9 @@ int station_read_packet(station_line_t *line, int sock, char *packet) noexcept {
             return result;
         }
         LOG(LEVEL_DEBUG, "Read %.02x\n", shown_byte(byte));
+        if (station.is_polled_by(byte)) {
+            offer_report(line->pager);
+        }
         const std::string report = next_report(line->pager);
         const uint64_t noise_before = station.noise_bytes();
         std::string reply;

@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "line_state.h"
+#include "outcome.h"
 #include "tables.h"
 
 // Counted by one thread, read by any.
@@ -43,7 +44,11 @@ struct alignas(64) line_stats_t {  // threads do not share cache lines
     counter_t refused;                   // connections of others than the line's host
     std::array<std::array<counter_t, 2>, RULE_ACTIONS> actions;  // failed, ok
     std::array<std::array<counter_t, ALARM_RESULTS>, ALARM_EVENTS> alarms;
-    std::atomic<int64_t> last_message_ms = 0;  // since the epoch, 0: none yet
+    std::array<counter_t, CALL_RESULTS> calls;  // that were followed, by their outcome
+    counter_t undelivered;                      // messages that nobody of a whole chain answered
+    counter_t answer_seconds;                   // until then, of those that somebody answered
+    std::atomic<int> calls_open = 0;            // that have no outcome yet
+    std::atomic<int64_t> last_message_ms = 0;   // since the epoch, 0: none yet
     std::atomic<line_state_t> state = line_state_t::CONNECTING;
     std::atomic<int64_t> state_since_ms = 0;
     std::atomic<int> protocol = -1;

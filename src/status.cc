@@ -16,6 +16,7 @@
 #include "alarm.h"
 #include "clock.h"
 #include "fd.h"
+#include "follow.h"
 #include "instance.h"
 #include "line_state.h"
 #include "logger.h"
@@ -64,6 +65,19 @@ std::string label_value(const char *text) {
     return escaped(as_utf8(text));
 }
 
+// As much of a text as a label should have.
+std::string beginning_of(const std::string &text) {
+    constexpr size_t LIMIT = 128;
+    const std::string whole = as_utf8(text);
+    std::string_view left = whole;
+    std::string beginning;
+    while (!left.empty() && beginning.size() + utf8_length(left) <= LIMIT) {
+        beginning += left.substr(0, utf8_length(left));
+        left.remove_prefix(utf8_length(left));
+    }
+    return beginning;
+}
+
 // A reload can leave two records of one name; samples must not come twice.
 std::string unique_label(const std::vector<shown_line_t> &lines, const char *name) {
     const std::string value = label_value(name);
@@ -99,8 +113,9 @@ class exposition_t {
         name_ = std::string("vesperd_") + name;
         text_ += "# HELP " + name_ + " " + help + "\n# TYPE " + name_ + " " + type + "\n";
     }
-    void sample(const std::string &labels, uint64_t value) {
-        append(labels, std::to_string(value));
+    //   suffix  of the name, for a summary's parts
+    void sample(const std::string &labels, uint64_t value, const char *suffix = "") {
+        append(labels, std::to_string(value), suffix);
     }
     void sample_seconds(const std::string &labels, int64_t milliseconds) {
         char value[32];
@@ -111,10 +126,10 @@ class exposition_t {
     std::string &text() { return text_; }
 
   private:
-    void append(const std::string &labels, const std::string &value) {
+    void append(const std::string &labels, const std::string &value, const char *suffix = "") {
         const std::string all = labels + (labels.empty() ? daemon_ : "," + daemon_);
         const std::string &shown = daemon_.empty() ? labels : all;
-        text_ += name_ + (shown.empty() ? "" : "{" + shown + "}") + " " + value + "\n";
+        text_ += name_ + suffix + (shown.empty() ? "" : "{" + shown + "}") + " " + value + "\n";
     }
 
     // Tells the files of several instances apart in a monitoring system.
@@ -224,6 +239,44 @@ void expose_alarms(exposition_t *out, const lines_t &lines) {
     }
 }
 
+void expose_calls(exposition_t *out, const lines_t &lines) {
+    out->begin("line_calls_open", "gauge", "Calls that are followed and have no outcome yet.");
+    for (const shown_line_t &line : lines) {
+        out->sample(line.label, static_cast<uint64_t>(line.stats->calls_open.load()));
+    }
+    out->begin("line_calls_total", "counter", "Calls that were followed, by their outcome.");
+    for (const shown_line_t &line : lines) {
+        for (size_t i = 0; i < CALL_RESULTS; i++) {
+            out->sample(line.label + ",outcome=\"" + CALL_RESULT_NAMES[i] + "\"",
+                        line.stats->calls[i].get());
+        }
+    }
+    out->begin("line_answer_seconds", "summary", "Until somebody answered.");
+    for (const shown_line_t &line : lines) {
+        const uint64_t answered = line.stats->calls[0].get() + line.stats->calls[1].get();
+        out->sample(line.label, line.stats->answer_seconds.get(), "_sum");
+        out->sample(line.label, answered, "_count");
+    }
+}
+
+void expose_undelivered(exposition_t *out, const lines_t &lines) {
+    out->begin("line_undelivered_total", "counter", "Messages that nobody answered.");
+    for (const shown_line_t &line : lines) {
+        out->sample(line.label, line.stats->undelivered.get());
+    }
+    out->begin("line_undelivered_time_seconds", "gauge", "When nobody answered, for an hour.");
+    const std::vector<undelivered_t> messages = recently_undelivered();
+    for (const shown_line_t &line : lines) {
+        for (const undelivered_t &message : messages) {
+            if (&line_stats[message.line] == line.stats) {
+                out->sample_seconds(line.label + ",call=\"" + label_value(message.call.c_str()) +
+                                        "\",text=\"" + escaped(beginning_of(message.text)) + "\"",
+                                    message.at_ms);
+            }
+        }
+    }
+}
+
 // Everything but the time at which it is written.
 std::string content_of(bool is_up) {
     exposition_t out;
@@ -253,6 +306,8 @@ std::string content_of(bool is_up) {
     for (const shown_line_t &line : lines) {
         out.sample(line.label, line.stats->refused.get());
     }
+    expose_calls(&out, lines);
+    expose_undelivered(&out, lines);
     return std::move(out.text());
 }
 

@@ -70,6 +70,8 @@ struct value_t {
     pattern_t pattern;
 };
 
+constexpr int NOT_GIVEN = -1;  // of a number that has no default
+
 // One rule.
 struct rule_t {
     char name[256];  // the section name, lower case; empty: unused slot
@@ -86,6 +88,12 @@ struct rule_t {
     int ack_when_run;  // a command's exit status answers the packet, with the pager's ack_when_done
     condition_t conditions[CALL_FIELDS];  // by call_field_t
     int record_fields;                    // templates have placeholders for the fields too
+    int wait_time;                        // seconds that a call file lets the telephone ring
+    int max_retries;                      // further attempts of its call
+    int retry_time;                       // seconds between them; NOT_GIVEN: not in the call file
+    int confirm;                          // answered is what was confirmed at the telephone
+    int give_up;                          // seconds until a call without an outcome is lost
+    char otherwise[256];                  // the rule that takes what nobody answered; empty: none
 };
 
 // One pager interface.
@@ -121,6 +129,10 @@ struct pager_t {
     int listen;                // `port` is this machine's, and `host` connects to it
     in_addr_t listen_address;  // on which of its addresses; 0: all
     in_addr_t peers[8];        // the addresses of `host`; 0: no further one
+    int follow_calls;          // call files are watched until somebody has answered
+    char status_called[2];  // call statuses for the control station, a character each; empty: it is
+    char status_answered[2];  // not told
+    char status_unanswered[2];
 };
 
 extern pager_t pagers[MAX_PAGERS];

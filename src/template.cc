@@ -17,11 +17,6 @@ int count_values(const value_t *values) {
     return count;
 }
 
-bool is_name_character(char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-           (c != '\0' && strchr("*+_.-", c) != nullptr);
-}
-
 void append_caller_id_character(text_writer_t *line, char c) {
     const bool is_control = (c >= 0 && c < ' ') || c == '\x7F';
     if (is_control) {
@@ -131,6 +126,11 @@ class expander_t {
 };
 
 }  // namespace
+
+bool is_name_character(char c) noexcept {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+           (c != '\0' && strchr("*+_.-", c) != nullptr);
+}
 
 void append_quoted(text_writer_t *line, std::string_view text, quoting_t quoting) noexcept {
     if (quoting == quoting_t::NONE) {

@@ -25,6 +25,9 @@ enum class quoting_t {
                 // or belongs to its form, which are # " < > and an unescaped ;
 };
 
+// Whether quoting_t::NAME lets a character through.
+bool is_name_character(char c) noexcept;
+
 // The size of a buffer for a call file's field with quoting. The PBX reads a line in pieces of 255
 // characters and would take the rest of a longer one for another setting.
 constexpr int QUOTED_FIELD_SIZE = 241;

@@ -19,6 +19,7 @@
 #include "cmdline.h"
 #include "conf.h"
 #include "daemon.h"
+#include "follow.h"
 #include "instance.h"
 #include "journal.h"
 #include "logger.h"
@@ -134,6 +135,7 @@ void go_to_background(const char *program) {
         exit(0);
     }
     logger_own_files(NOBODY, NOBODY);
+    follow_start();
     clean_staging_directories();
     start_service_threads();
     for (;;) {
@@ -204,6 +206,7 @@ void sig_hup(int /*signo*/) noexcept {
     }
     start_logger();
     heed_children();
+    follow_start();
 }
 
 void vesperd_run(int argc, char **argv) noexcept {

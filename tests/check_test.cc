@@ -13,6 +13,7 @@ const std::string LINE =
     "rules = rule_a\ndefault_rule = rule_d\n";
 const std::string RULES = "[rule_a]\npattern = FIRE\n[rule_d]\n";  // from line 7 on
 const std::string CALL = LINE + RULES + "action = call\n";         // the action is line 10
+const std::string FOLLOWED = LINE + "follow_calls = y\nstaging_dir = /t\n";  // eight lines
 const std::string SCRIPT_RULE = LINE + RULES + "action = script\n";
 const std::string QUOTED = SCRIPT_RULE + "quote = yes\n";
 
@@ -139,6 +140,26 @@ TEST_F(Check, FindsWithItsPlace) {
         {"[logger]\nlog_file = /dev/null\nlog_level = 5\n" + LINE, "3 note log-level: .*2 lines"},
         {"[logger]\nlog_file = " + dir.path("log") + "\n[p]\nspool_dir = " + dir.path() + "\n",
          "1 warning log-level: .* the default, .* spool_dir of .p.: when it is full"},
+        {LINE + "follow_calls = y\n", "7 error follow: .*needs a staging_dir"},
+        {LINE + "status_called = 1\n", "7 warning follow: .*without follow_calls"},
+        {FOLLOWED + "status_answered = 22\n", "9 warning too-long: "},
+        {FOLLOWED + "status_answered = 2\n", "9 warning follow: .*without espa_address"},
+        {CALL + "otherwise = rule_a\n", "11 warning follow: otherwise has no effect: no line"},
+        {SCRIPT_RULE + "confirm = y\n", "11 note unused: confirm is used by action = call only"},
+        {FOLLOWED + RULES + "action = call\notherwise = rule_x\n",
+         "13 error no-rule: otherwise: 'rule_x' finds no rule"},
+        {FOLLOWED + RULES + "action = call\notherwise = rule_a\n",
+         "13 warning follow: .*rule_a .line 9. does nothing"},
+        {FOLLOWED + RULES +
+             "action = call\notherwise = rule_e\n[rule_e]\naction = call\n"
+             "otherwise = rule_d\n",
+         "13 note follow: .*rule_d. comes round again"},
+        {FOLLOWED + RULES + "action = call\nwait_time = 60\nmax_retries = 1\n",
+         "11 warning follow: .* after 300 s, and the PBX tries for 420 s"},
+        {FOLLOWED + RULES + "action = call\nwait_time = -1\ngive_up = 44\n",
+         "13 warning value: wait_time = -1 is no number of seconds\n14 warning follow: "},
+        {FOLLOWED + RULES + "action = call\nextension = %number%\n",
+         "13 warning follow: extension: without quote"},
         {"[p]\nhost = 1.2.3.4\n", "1 note no-recovery: "},
         {"[p]\n" + repeated(1002, "a# = 1\n"), "1002 warning unknown-key: 2 more of the kind"},
     };
@@ -168,6 +189,14 @@ TEST_F(Check, FindsNothingInWhatIsMeant) {
                     "rules = rule_a,rule_b\n[rule_b]\npattern = FIRE\nmatch_beep = 2\n"
                     "[rule_a]\npattern = FIRE\naction = call\nmatch_beep = 1\n"
                     "record_fields = y\ncontext = %line%%priority%\n[rule_d]\n");
+    const std::string followed = findings_in(
+        "[logger]\nlog_level = 3\nlog_type = syslog\n" + FOLLOWED +
+        "espa_address = 2\nstatus_called = 1\n" + RULES +
+        "action = call\nquote = y\nextension = %number%\nwait_time = 20\nmax_retries = 2\n"
+        "retry_time = 10\nconfirm = y\ngive_up = 80\notherwise = rule_e\n"
+        "[rule_e]\naction = call\notherwise = rule_f\n[rule_f]\naction = script\n"
+        "callscript = x\n");
+    EXPECT_THAT(followed, Not(ContainsRegex("warning|note|error [^d]")));
     EXPECT_THAT(listening, Not(ContainsRegex("[2-9] (warning|note|error [^d])")));
 }
 
@@ -286,7 +315,9 @@ TEST_F(Check, WhatAMessageComesTo) {
         "[rule_k]\n[rule_m]\npattern = PRIO.*\nmatch_address = ^4\nmatch_priority = 1\n"
         "match_beep = 5\nmatch_transmissions = 6\nrecord_fields = y\naction = call\n"
         "context = %priority%%type%%beep%%transmissions%%line%\n"
-        "[m]\nhost = 10.0.0.3\nlisten = y\nport = 4001\nrules = rule_m\n");
+        "[m]\nhost = 10.0.0.3\nlisten = y\nport = 4001\nrules = rule_m\n"
+        "[f]\nhost = 10.0.0.4\nstaging_dir = /t\nfollow_calls = y\ndefault_rule = rule_g\n"
+        "[rule_g]\naction = call\notherwise = rule_h\n[rule_h]\naction = call\n");
     const std::string try_on = "vespercheck " + path + " -l ";
     const std::pair<std::string, const char *> rows[] = {
         {"p -m FAFB",
@@ -325,6 +356,11 @@ TEST_F(Check, WhatAMessageComesTo) {
         {"m -m PRIO -a 4 --priority 01 --type 3 --beep 5 --transmissions 6",
          "    Context: 01356m\\r\n"},
         {"p -m FB --json", R"("values": {"v": "B"},"call_file": {"path": "/s/call_B_#","content")"},
+        {"f -m x",
+         "MaxRetries: 0\\r\n    Archive: yes\\r\n  When nobody answers: rule_h (call), then an "
+         "ERROR in the log\n"},
+        {"f -m x --json",
+         R"("is_written": true},"otherwise": [{"name": "rule_h","action": "call"}])"},
         {"r -m FB --json", R"("selected": null,"why": "the list names)"},
     };
     for (const auto &[options, expected] : rows) {
@@ -335,7 +371,8 @@ TEST_F(Check, WhatAMessageComesTo) {
         shown = std::regex_replace(shown, std::regex(path + "|1[0-9]{9}_0"), "#");
         EXPECT_THAT(shown, HasSubstr(expected)) << options;
     }
-    EXPECT_EQ(run(0, "vespercheck --converters " + path), "10.0.0.1\n10.0.0.2\n10.0.0.3\n");
+    EXPECT_EQ(run(0, "vespercheck --converters " + path),
+              "10.0.0.1\n10.0.0.2\n10.0.0.3\n10.0.0.4\n");
     EXPECT_THAT(run(0, "vespercheck -m FB " + path),
                 AllOf(HasSubstr("line n has no host and is left out\n"), HasSubstr("\nLine r:")));
     EXPECT_THAT(run(2, "vespercheck --no-resolve " + path),
@@ -344,7 +381,8 @@ TEST_F(Check, WhatAMessageComesTo) {
                           "(skip)\n  q: 10.0.0.2 port 7, ASCII lines\n    otherwise rule_s "
                           "(script)\n  r: 10.0.0.1 port 2233, ESPA 4.4.4\n    otherwise messages "
                           "are dropped\n  m: 10.0.0.3 connects to port 4001, ESPA 4.4.4\n    1. "
-                          "rule_m (call)\n    otherwise messages are dropped\nLog: /dev/null, "
+                          "rule_m (call)\n    otherwise messages are dropped\n  f: 10.0.0.4 "
+                          "port 2233, ESPA 4.4.4\n    otherwise rule_g (call)\nLog: /dev/null, "
                           "level 0\n"));
 }
 

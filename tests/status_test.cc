@@ -80,6 +80,11 @@ TEST(Status, IsJudged) {
         {line("a", "idle", 1) + many("vesperd_line_actions_total{line=\"a\"} 1\n", 65), "", 3,
          "UNKNOWN - cannot read "},
         {line(std::string(256, 'a'), "idle", 1), "", 3, "UNKNOWN - cannot read "},
+        {line("a", "idle", 1) +
+             "vesperd_line_undelivered_time_seconds{line=\"a\",call=\"c\",text=\"FIRE\"}" +
+             ago(3580) + "vesperd_line_undelivered_time_seconds{line=\"a\",call=\"d\",text=\"x\"}" +
+             ago(3601),
+         "--critical-all", 2, "CRITICAL - a: nobody answered c for FIRE, 59 min ago |"},
         {line("a\xC2\x9B\xE2\x80\xAE", "ended", 130), "", 2, "CRITICAL - a??: ended 2 min ago |"},
     };
     const temp_dir_t dir;
@@ -133,6 +138,9 @@ vesperd_line_actions_total{line="a",action="call",result="failed"} 10
 vesperd_line_actions_total{line="a",action="call",result="done"} 11
 vesperd_line_actions_total{line="a",action="script",result="failed"} 12
 vesperd_line_alarms_total{line="a",event="error",result="raised"} 13
+vesperd_line_calls_open{line="a"} 2
+vesperd_line_calls_total{line="a",outcome="lost"} 14
+vesperd_line_undelivered_time_seconds{line="a",call="c",text="x"} 50000
 vesperd_line_last_message_time_seconds{line="a"} 40000
 vesperd_line_state{line="b",host="i",port="2",state="idle"} 1
 vesperd_line_protocol{line="b",protocol="espa",configured="espa"} 1
@@ -170,12 +178,14 @@ TEST(Status, IsReportedInEveryForm) {
               "'protocol_since':30000.0,'connects':3,'received_bytes':4,'polls':5,'packets':6,"
               "'check_errors':7,'messages':8,'unmatched':9,'last_message':40000.0,"
               "'actions':{'call':{'failed':10,'done':11},'script':{'failed':12}},"
-              "'alarms':{'error':{'raised':13}}},{'line':'b','host':'i','port':'2',"
+              "'alarms':{'error':{'raised':13}},'calls':{'open':2,'lost':14,'undelivered':"
+              "[{'call':'c','text':'x','time':50000.0}]}},{'line':'b','host':'i','port':'2',"
               "'level':'warning','problems':[{'level':'warning','kind':'silent','seconds':90000.0,"
               "'text':'no message since the start 25 h ago'}],'state':'idle','state_since':0.0,"
               "'protocol':'espa','configured':'espa','protocol_since':null,'connects':0,"
               "'received_bytes':0,'polls':0,'packets':0,'check_errors':0,'messages':0,"
-              "'unmatched':0,'last_message':null,'actions':{},'alarms':{}}]}]}\n");
+              "'unmatched':0,'last_message':null,'actions':{},'alarms':{},"
+              "'calls':{'open':0,'undelivered':[]}}]}]}\n");
 }
 
 TEST(Status, IsJudgedAtItsLimits) {

@@ -23,6 +23,9 @@ void check_neighbours(const site_t &site, findings_t *findings);
 // Rule lists and default rules, and the rules that neither reaches.
 void check_rules(const site_t &site, findings_t *findings);
 
+// What is followed in vain, and what becomes of messages that nobody answers.
+void check_following(const site_t &site, findings_t *findings);
+
 // Patterns of rules and values.
 void check_patterns(const site_t &site, findings_t *findings);
 

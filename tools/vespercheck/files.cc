@@ -166,7 +166,12 @@ void check_staging(const file_section_t &section, const std::string &staging,
         return;
     }
     const int at = section.line_of("staging_dir");
-    if (of_staging.st_dev != of_spool.st_dev) {
+    const bool follows = section.number(*find_key(section_kind_t::PAGER, "follow_calls")) != 0;
+    if (of_staging.st_dev != of_spool.st_dev && follows) {
+        findings->error(section.line_of("follow_calls"), "follow",
+                        "staging_dir is not on the file system of spool_dir: the calls of [",
+                        section.name, "] are not followed");
+    } else if (of_staging.st_dev != of_spool.st_dev) {
         findings->warn(at, "staging",
                        "staging_dir is not on the file system of spool_dir: call "
                        "files are written directly");

@@ -59,6 +59,12 @@ json_t as_json(const trial_t &trial) {
     if (trial.action == "call") {
         object["call_file"] = {
             {"path", trial.file}, {"content", trial.text}, {"is_written", trial.is_done}};
+        if (trial.is_followed) {
+            object["otherwise"] = json_t::array();
+            for (const rule_summary_t &rule : trial.chain) {
+                object["otherwise"].push_back(as_json(rule));
+            }
+        }
     } else if (trial.action == "script") {
         object["command"] = {{"line", trial.text}, {"is_run", trial.is_done}};
     }

@@ -1,5 +1,7 @@
 #include <strings.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 
 #include "checks.h"
@@ -128,9 +130,12 @@ void check_range(const config_key_t &key, const file_entry_t &entry, int read,
             findings->error(entry.line, "address", key.name, " = ", entry.value,
                             " is no digit: the line follows no procedure");
         }
-    } else if (!is_port && read < 0) {
+    } else if (key.kind == section_kind_t::LOGGER && read < 0) {
         findings->warn(entry.line, "value", "log_level = ", entry.value,
                        " lets everything through, as 5 does");
+    } else if (key.kind == section_kind_t::RULE && read < 0) {
+        findings->warn(entry.line, "value", key.name, " = ", entry.value, " is no number of ",
+                       std::string_view(key.name) == "max_retries" ? "attempts" : "seconds");
     }
 }
 
@@ -162,6 +167,13 @@ void check_value(const config_key_t &key, const file_section_t &section, const f
     }
 }
 
+// Whether a key that is no template is for the call files of a rule.
+bool is_of_calls(std::string_view key) {
+    constexpr std::array<std::string_view, 6> KEYS = {"wait_time", "max_retries", "retry_time",
+                                                      "confirm",   "otherwise",   "give_up"};
+    return std::find(KEYS.begin(), KEYS.end(), key) != KEYS.end();
+}
+
 // What is legal and of no use.
 void check_use(const file_section_t &section, const file_entry_t &entry, findings_t *findings) {
     if (section.kind == section_kind_t::PAGER && entry.key == "callscript") {
@@ -169,7 +181,8 @@ void check_use(const file_section_t &section, const file_entry_t &entry, finding
         return;
     }
     const bool is_of_script = entry.key == "callscript" || entry.key == "ack_when_run";
-    if (!is_of_script && find_key(section.kind, entry.key)->reading != reading_t::TEMPLATE) {
+    if (!is_of_script && !is_of_calls(entry.key) &&
+        find_key(section.kind, entry.key)->reading != reading_t::TEMPLATE) {
         return;
     }
     const int action = parse_action(section.text("action"));

@@ -141,6 +141,7 @@ void check_site(const site_t &site, findings_t *findings) {
     check_log_level(site, findings);
     check_neighbours(site, findings);
     check_rules(site, findings);
+    check_following(site, findings);
     check_patterns(site, findings);
     check_templates(site, findings);
     check_files(site, findings);

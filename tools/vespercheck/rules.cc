@@ -3,39 +3,9 @@
 #include <map>
 
 #include "checks.h"
-#include "rule.h"
+#include "rule_names.h"
 
 namespace {
-
-constexpr std::string_view RULE_PREFIX = "rule_";
-
-// What a name in a list or a default rule finds.
-struct named_t {
-    std::string name;
-    rule_t *rule;  // null: nothing
-};
-
-// What the lines that reach a rule are like.
-struct reach_t {
-    bool acknowledges = false;  // one of them has ack_when_done
-    bool is_listed = false;     // in the rules of one
-    bool is_default = false;    // the default rule of one
-    bool has_fields = false;    // by one that is no ASCII line
-};
-using reached_t = std::map<const rule_t *, reach_t>;
-
-// Looks a name up as the daemon would.
-rule_t *find(std::string_view name) {
-    return get_rule_by_name(std::string(name).c_str());
-}
-
-std::vector<named_t> names_of(std::string list) {
-    std::vector<named_t> names;
-    visit_rule_list(list.data(), [&](const char *name, rule_t *rule) {
-        names.push_back({name, rule});
-    });
-    return names;
-}
 
 // The checks of one line's choice of rules.
 class choice_checker_t {
@@ -45,84 +15,20 @@ class choice_checker_t {
           section_(*line.section),
           is_complete_(line.is_complete()),
           findings_(findings),
+          names_(site, section_, findings),
           listed_(names_of(section_.text("rules"))),
-          default_{section_.text("default_rule"), find(section_.text("default_rule"))} {}
+          default_{section_.text("default_rule"), rule_found(section_.text("default_rule"))} {}
 
     void check() const {
         for (const named_t &named : listed_) {
-            check_name(named, "rules");
+            names_.check(named, "rules");
         }
         check_repetitions();
         check_list();
         check_default();
     }
-    void note_reached(reached_t *reached) const {
-        const config_key_t &key = *find_key(section_kind_t::PAGER, "ack_when_done");
-        const bool acknowledges = section_.number(key) != 0;
-        const bool has_fields = parse_protocol(section_.text("protocol")) != PROTOCOL_ASCII;
-        for (const named_t &named : listed_) {
-            reach_t &reach = (*reached)[named.rule];
-            reach.acknowledges |= acknowledges;
-            reach.has_fields |= has_fields;
-            reach.is_listed = true;
-        }
-        (*reached)[default_.rule].acknowledges |= acknowledges;
-        (*reached)[default_.rule].is_default = true;
-    }
 
   private:
-    void check_name(const named_t &named, const char *key) const {
-        const int at = section_.line_of(key);
-        if (named.rule == nullptr) {
-            const char *kind = "name-finds-nothing";
-            findings_->warn(at, kind, key, ": '", named.name, "' finds no rule and is passed over",
-                            findings_->has_room(kind) ? hint_for(named.name) : "");
-            return;
-        }
-        const std::string meant = lower_case(without_blanks(named.name));
-        if (meant == named.rule->name) {
-            return;
-        }
-        const auto own =
-            std::find_if(site_.rules.begin(), site_.rules.end(),
-                         [&](const site_rule_t &rule) { return rule.rule->name == meant; });
-        const bool is_shorter = meant.size() > strlen(named.rule->name);
-        const std::string why =
-            text_of(", because ", is_shorter ? "that rule's name" : "it", " is the beginning of ",
-                    is_shorter ? "it" : "that rule's name");
-        if (own == site_.rules.end()) {
-            findings_->warn(at, "other-rule", key, ": there is no [", meant, "], so '", meant,
-                            "' finds ", site_.place_of(named.rule), why);
-        } else {
-            findings_->warn(at, "other-rule", key, ": '", meant, "' finds ",
-                            site_.place_of(named.rule), why, ", and not ",
-                            site_.place_of(own->rule), ", which is behind it in the file");
-        }
-    }
-
-    // What would have been found.
-    std::string hint_for(const std::string &name) const {
-        const std::string trimmed(without_blanks(name));
-        if (trimmed != name && find(trimmed) != nullptr) {
-            return text_of("; the blank belongs to the name, without it it finds ",
-                           site_.place_of(find(trimmed)));
-        }
-        if (rule_t *rule = find(text_of(RULE_PREFIX, trimmed));
-            rule != nullptr && !trimmed.empty()) {
-            return text_of("; did you mean ", rule->name, "?");
-        }
-        const bool is_whole = trimmed.starts_with(RULE_PREFIX);
-        const std::string near =
-            findings_->hint(trimmed.substr(is_whole ? RULE_PREFIX.size() : 0), [this] {
-                std::vector<std::string> known;
-                for (const site_rule_t &rule : site_.rules) {
-                    known.emplace_back(rule.rule->name + RULE_PREFIX.size());
-                }
-                return known;
-            });
-        return near.empty() ? "" : text_of("; did you mean ", RULE_PREFIX, near, "?");
-    }
-
     // Rules of the list that an earlier one always stands before.
     void check_repetitions() const {
         std::map<const void *, const named_t *>
@@ -184,12 +90,12 @@ class choice_checker_t {
             return;
         }
         if (default_.rule != nullptr || !is_complete_) {
-            check_name(default_, "default_rule");
+            names_.check(default_, "default_rule");
         } else {
             findings_->error(section_.line_of("default_rule"), "no-rule", "default_rule: '",
                              default_.name,
                              "' finds no rule: messages that no listed rule matches are dropped",
-                             hint_for(default_.name));
+                             names_.hint_for(default_.name));
         }
     }
 
@@ -197,6 +103,7 @@ class choice_checker_t {
     const file_section_t &section_;
     bool is_complete_;
     findings_t *findings_;
+    name_checker_t names_;
     std::vector<named_t> listed_;
     named_t default_;
 };
@@ -206,13 +113,14 @@ void check_reach(const site_t &site, const reached_t &reached, findings_t *findi
         if (reached.contains(rule.rule)) {
             continue;
         }
-        const rule_t *found = get_rule_by_name(rule.rule->name);
+        const rule_t *found = rule_found(rule.rule->name);
         const std::string why =
             found != rule.rule
                 ? text_of(": its name finds ", site.place_of(found), ", which is before it")
                 : "";
-        findings->warn(rule.section->line, "not-reached", "no list and no default rule reaches [",
-                       rule.section->name, "]", why);
+        findings->warn(rule.section->line, "not-reached",
+                       "no list, no default rule and no otherwise reaches [", rule.section->name,
+                       "]", why);
     }
 }
 
@@ -256,12 +164,10 @@ void check_conditions(const site_t &site, const reached_t &reached, findings_t *
 }  // namespace
 
 void check_rules(const site_t &site, findings_t *findings) {
-    reached_t reached;
     for (const site_line_t &line : site.lines) {
-        const choice_checker_t checker(site, line, findings);
-        checker.check();
-        checker.note_reached(&reached);
+        choice_checker_t(site, line, findings).check();
     }
+    const reached_t reached = reached_rules(site);
     check_reach(site, reached, findings);
     check_acknowledgement(site, reached, findings);
     check_conditions(site, reached, findings);

@@ -5,6 +5,7 @@
 #include "action.h"
 #include "espa.h"
 #include "findings.h"
+#include "follow.h"
 #include "keys.h"
 #include "printable.h"
 #include "rule.h"
@@ -79,6 +80,17 @@ call_fields_t fields_of(const record_texts_t &texts) {
     return fields;
 }
 
+// As far as the daemon takes it.
+std::vector<rule_summary_t> chain_of(const rule_t &first) {
+    std::vector<rule_summary_t> chain;
+    const rule_t *rule = get_rule_by_name(first.otherwise);
+    while (rule != nullptr && std::ssize(chain) < MAX_PASSED_ON) {
+        chain.push_back({rule->name, action_name(rule->action)});
+        rule = rule->action == CALL ? get_rule_by_name(rule->otherwise) : nullptr;
+    }
+    return chain;
+}
+
 void expand(const pager_t &pager, const rule_t &rule, const placeholders_t &with, trial_t *trial) {
     trial->action = action_name(rule.action);
     for (const value_t &value : rule.values) {
@@ -93,6 +105,11 @@ void expand(const pager_t &pager, const rule_t &rule, const placeholders_t &with
         trial->file =
             text_of(pager.spool_dir, "/", call.name, pager.staging_dir[0] != '\0' ? "_0" : "");
         trial->text = call.content;
+        trial->is_followed = pager.follow_calls != 0;
+        if (trial->is_followed) {
+            trial->text += "Archive: yes\r\n";
+            trial->chain = chain_of(rule);
+        }
     } else if (rule.action == SCRIPT) {
         command_text_t command;
         trial->is_done = compose_command(&command, &rule, with);
@@ -119,11 +136,23 @@ std::string with_line_ends(std::string_view text) {
     return shown;
 }
 
+std::string chain_text(const trial_t &trial) {
+    if (!trial.is_followed) {
+        return "";
+    }
+    std::string text = "  When nobody answers: ";
+    for (const rule_summary_t &rule : trial.chain) {
+        text += text_of(printable(rule.name), " (", rule.action, "), then ");
+    }
+    const bool ends_in_action = !trial.chain.empty() && trial.chain.back().action == "script";
+    return text + (ends_in_action ? "nothing\n" : "an ERROR in the log\n");
+}
+
 std::string action_text(const trial_t &trial) {
     if (trial.action == "call") {
         return text_of(
             trial.is_done ? "  Call file " : "  Call file outside of spool_dir, not written, ",
-            printable(trial.file), ":\n", with_line_ends(trial.text));
+            printable(trial.file), ":\n", with_line_ends(trial.text), chain_text(trial));
     }
     if (trial.action == "script") {
         return text_of(

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "summary.h"
 #include "tables.h"
 
 // A rule of the line's list, tried against the message.
@@ -26,6 +27,8 @@ struct trial_t {
     std::string file;                                         // "call": the call file's path
     std::string text;  // "call": its content; "script": the command
     bool is_done;      // false: a quoted command that is too long, a quoted name that leads out
+    bool is_followed = false;                // the call is, until somebody has answered
+    std::vector<rule_summary_t> chain = {};  // rules that take it next as long as nobody answers
 };
 
 // What a record carries beside its message, by call_field_t.

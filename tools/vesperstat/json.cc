@@ -35,6 +35,20 @@ json_t tallies_json(const std::vector<tally_t> &tallies) {
     return object;
 }
 
+// Of calls that are followed.
+json_t calls_json(const line_status_t &line) {
+    json_t object = {{"open", line.calls_open}};
+    for (const tally_t &tally : line.calls) {
+        object[tally.what] = tally.count;
+    }
+    object["undelivered"] = json_t::array();
+    for (const undelivered_t &message : line.undelivered) {
+        object["undelivered"].push_back(
+            {{"call", message.call}, {"text", message.text}, {"time", message.time}});
+    }
+    return object;
+}
+
 json_t line_json(const report_t &report, const line_status_t &line) {
     return {{"line", line.line},
             {"host", line.host},
@@ -55,7 +69,8 @@ json_t line_json(const report_t &report, const line_status_t &line) {
             {"unmatched", line.unmatched},
             {"last_message", time_or_null(line.last_message)},
             {"actions", tallies_json(line.actions)},
-            {"alarms", tallies_json(line.alarms)}};
+            {"alarms", tallies_json(line.alarms)},
+            {"calls", calls_json(line)}};
 }
 
 json_t instance_json(const report_t &report) {

@@ -9,6 +9,8 @@ namespace {
 // What takes longer than this in a line that works is worth a look.
 constexpr double USUAL_SECONDS = 10;
 
+constexpr std::string_view UNANSWERED = "unanswered";
+
 constexpr double MINUTE = 60;
 constexpr double HOUR = 60 * MINUTE;
 constexpr double DAY = 24 * HOUR;
@@ -49,6 +51,7 @@ class judge_t {
             add(level_t::WARNING, "fell_back", seconds, words);
         }
         judge_silence(line, start);
+        judge_calls(line);
     }
 
     std::vector<problem_t> take_problems() {
@@ -93,6 +96,18 @@ class judge_t {
         }
     }
 
+    // The daemon shows them for an hour.
+    void judge_calls(const line_status_t &line) {
+        for (const undelivered_t &message : line.undelivered) {
+            const double seconds = since(message.time);
+            if (seconds < HOUR) {
+                add(level_t::CRITICAL, UNANSWERED, seconds,
+                    "nobody answered " + message.call + " for " + message.text + ", " +
+                        duration_words(seconds) + " ago");
+            }
+        }
+    }
+
     limits_t limits_;
     double now_;
     std::string line_;
@@ -124,7 +139,12 @@ level_t worst_level(const std::vector<problem_t> &problems, const std::string *l
     return worst;
 }
 
-bool has_working_line(const status_t &status, const std::vector<problem_t> &problems) {
+bool is_of_line(const problem_t &problem) noexcept {
+    return problem.kind != UNANSWERED;
+}
+
+bool has_working_line(const status_t &status, std::vector<problem_t> problems) {
+    std::erase_if(problems, [](const problem_t &problem) { return !is_of_line(problem); });
     return is_running(problems) &&
            std::any_of(status.lines.begin(), status.lines.end(), [&](const line_status_t &line) {
                return worst_level(problems, &line.line) != level_t::CRITICAL;

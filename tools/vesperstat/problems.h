@@ -21,10 +21,11 @@ struct limits_t {
 
 struct problem_t {
     level_t level = level_t::OK;
-    std::string_view kind;  // "gone", "stopped", "down", "packet", "action", "fell_back", "silent"
-    std::string line;       // whose problem it is; empty: the daemon's
-    double seconds = 0;     // for how long; 0 when that is not known
-    std::string words;      // "no connection for 5 min"
+    std::string_view
+        kind;  // "gone", "stopped", "down", "packet", "action", "fell_back", "silent", "unanswered"
+    std::string line;    // whose problem it is; empty: the daemon's
+    double seconds = 0;  // for how long; 0 when that is not known
+    std::string words;   // "no connection for 5 min"
 };
 
 // Problems of a status at the time `now`, the worst first. Of a daemon that does not run, nothing
@@ -34,8 +35,11 @@ std::vector<problem_t> judge(const status_t &status, const limits_t &limits, dou
 // The worst level of those problems that belong to `line`, or of all with a null pointer.
 level_t worst_level(const std::vector<problem_t> &problems, const std::string *line = nullptr);
 
+// Whether a problem says something of its line, other than a message that nobody answered.
+bool is_of_line(const problem_t &problem) noexcept;
+
 // Whether the daemon runs and one of its lines at least is not critical.
-bool has_working_line(const status_t &status, const std::vector<problem_t> &problems);
+bool has_working_line(const status_t &status, std::vector<problem_t> problems);
 
 // Whether the daemon runs and its file tells how its lines are: no problem is its own.
 bool is_running(const std::vector<problem_t> &problems) noexcept;

@@ -13,7 +13,7 @@
 
 namespace {
 
-// Of a line's actions, and of its alarms. So many values have a sum without overflow.
+// Of a line's actions, of its alarms and so on. So many values have a sum without overflow.
 constexpr size_t MAX_TALLIES = 64;
 
 constexpr std::string_view PREFIX = "vesperd_";
@@ -31,9 +31,10 @@ constexpr std::array<std::pair<metric_t, double line_status_t::*>, 3> LINE_TIMES
      {"protocol_since_seconds", &line_status_t::protocol_since},
      {"last_message_time_seconds", &line_status_t::last_message}}};
 
-constexpr std::array<std::pair<metric_t, int64_t line_status_t::*>, 7> LINE_COUNTERS = {
+constexpr std::array<std::pair<metric_t, int64_t line_status_t::*>, 8> LINE_COUNTERS = {
     {{"connects_total", &line_status_t::connects},
      {"received_bytes_total", &line_status_t::received_bytes},
+     {"calls_open", &line_status_t::calls_open},
      {"polls_total", &line_status_t::polls},
      {"packets_total", &line_status_t::packets},
      {"check_errors_total", &line_status_t::check_errors},
@@ -88,6 +89,11 @@ void store_line_sample(metric_t metric, const sample_t &sample, line_status_t *l
         add("action", &line->actions);
     } else if (metric == "alarms_total") {
         add("event", &line->alarms);
+    } else if (metric == "calls_total") {
+        add("outcome", &line->calls);
+    } else if (metric == "undelivered_time_seconds") {
+        line->undelivered.push_back(
+            {std::string(sample.label("call")), std::string(sample.label("text")), sample.value});
     } else if (!store(LINE_TIMES, metric, sample.value, line)) {
         store(LINE_COUNTERS, metric, sample.value, line);
     }
@@ -128,8 +134,9 @@ const char *fault_of(const std::vector<line_status_t> &lines) {
         return "it tells of more than 64 lines";
     }
     for (const line_status_t &line : lines) {
-        if (line.actions.size() > MAX_TALLIES || line.alarms.size() > MAX_TALLIES) {
-            return "it tells of more than 64 actions or alarms of a line";
+        if (line.actions.size() > MAX_TALLIES || line.alarms.size() > MAX_TALLIES ||
+            line.calls.size() > MAX_TALLIES || line.undelivered.size() > MAX_TALLIES) {
+            return "it tells of more than 64 actions, alarms or calls of a line";
         }
     }
     return nullptr;

@@ -15,6 +15,13 @@ struct tally_t {
     int64_t count = 0;
 };
 
+// A message that nobody answered.
+struct undelivered_t {
+    std::string call;  // the name of its call file
+    std::string text;
+    double time = 0;
+};
+
 // Times are seconds since the epoch; 0 stands for never, and for a time that the file does not tell.
 struct line_status_t {
     std::string line;
@@ -34,6 +41,9 @@ struct line_status_t {
     int64_t unmatched = 0;
     std::vector<tally_t> actions;
     std::vector<tally_t> alarms;
+    std::vector<tally_t> calls;              // that were followed, by their outcome
+    std::vector<undelivered_t> undelivered;  // of the last hour
+    int64_t calls_open = 0;
     double last_message = 0;
 };
 
