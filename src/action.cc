@@ -107,6 +107,7 @@ outcome_t store_call_file(const pager_t *pager, const char *name, std::string_vi
         copy_text(outcome.file, std::string_view(call.path).substr(strlen(spool_dir) + 1));
     }
     if (call.is_followed) {
+        outcome.is_followed = true;
         followed->name = outcome.file;
         follow_call(pager, staging_dir, *followed);
     }
@@ -135,7 +136,7 @@ outcome_t place_call(const pager_t *pager, const rule_t *rule, const placeholder
     if (!compose_call(&call, rule, with)) {
         LOG_AS(LEVEL_ERROR, "call_action",
                "Extension of rule %s leads out of the spool directory\n", rule->name);
-        return {false, false, "", -1};
+        return {false, false};
     }
     if (!is_followed(pager, call.name)) {
         return store_call_file(pager, call.name, call.content, nullptr);
@@ -157,11 +158,14 @@ outcome_t run_command(const rule_t *rule, const placeholders_t &with) {
     if (!compose_command(&command, rule, with)) {
         LOG_AS(LEVEL_ERROR, "call_action", "Command line of rule %s is too long, not run\n",
                rule->name);
-        return {false, false, "", -1};
+        return {false, false};
     }
     LOG_AS(LEVEL_DEBUG, "call_action", "Calling cmd line: %s\n", command.line);
     const int status = command_run(command.line);
-    return {status == 0, true, "", status};  // whether it succeeds is its own business
+    outcome_t outcome;
+    outcome.succeeded = status == 0;  // whether it succeeds is its own business
+    outcome.exit_status = status;
+    return outcome;
 }
 
 // Raises a service alarm for a call record, or for none; logs on behalf of `function`.

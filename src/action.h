@@ -15,10 +15,11 @@ void call_action(pager_t *pager, int alrm, const char *number, const char *messa
 
 // What an action came to.
 struct outcome_t {
-    bool succeeded = true;  // the call file is complete, the command ended with 0, or SKIP
-    bool was_done = true;   // the call file is complete, the command was run, or SKIP
-    char file[320] = "";    // the name of the call file, if there is one
-    int exit_status = -1;   // of a command, or 128 and the signal that ended it; -1: not known
+    bool succeeded = true;     // the call file is complete, the command ended with 0, or SKIP
+    bool was_done = true;      // the call file is complete, the command was run, or SKIP
+    char file[320] = "";       // the name of the call file, if there is one
+    bool is_followed = false;  // the call is
+    int exit_status = -1;      // of a command, or 128 and the signal that ended it; -1: not known
 };
 
 // What a message went through before: empty for the first rule that takes it.

@@ -7,7 +7,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <functional>
@@ -223,8 +225,10 @@ bool are_on_different_disks(const char *one, const char *other) noexcept {
            one_status.st_dev != other_status.st_dev;
 }
 
-std::string followed_dir(std::string_view staging_dir) {
-    return std::string(staging_dir) + "/followed";
+std::string followed_dir(const char *staging_dir) {
+    char resolved[PATH_MAX];  // one directory may have several names
+    const char *directory = realpath(staging_dir, resolved);
+    return std::string(directory != nullptr ? directory : staging_dir) + "/followed";
 }
 
 call_file_result_t call_file_write(const char *path, std::string_view content) noexcept {
@@ -265,6 +269,7 @@ call_file_result_t call_file_follow(staged_call_t *call, std::string_view settin
         content.append("Archive: yes\r\nSetVar: VESPERD_CALL=").append(name).append("\r\n");
         staged_file_t staged(call->staging_dir, content.append(comments));
         if (!staged.is_complete()) {
+            call->follow_error = staged.error();
             break;
         }
         staged.open_to_all();
@@ -281,6 +286,7 @@ call_file_result_t call_file_follow(staged_call_t *call, std::string_view settin
         }
         unlink((directory + "/" + name).c_str());
         if (staged.error() != EEXIST) {
+            call->follow_error = staged.error();
             break;
         }
     }

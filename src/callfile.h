@@ -38,7 +38,7 @@ call_file_result_t call_file_stage(staged_call_t *call, std::string_view content
 
 // The directory in a staging directory with a further name, the same, of every call file that is
 // followed.
-std::string followed_dir(std::string_view staging_dir);
+std::string followed_dir(const char *staging_dir);
 
 // Stages a call that is followed: the file gets the settings, "Archive: yes", its name as the variable
 // VESPERD_CALL and the comments, is open to the PBX's account for writing, and has its name in

@@ -1,16 +1,20 @@
 // Follows calls until somebody has answered, and passes them on where nobody has.
 //
 // One thread looks once a second at the further name that every followed call file has in the staging
-// directory (callfile.h), and at nothing while there is none. A call has one outcome: that is decided by
-// giving the link another name (outcome.h), then the message is passed on to the rule's `otherwise`, then
-// log, journal and counters tell, then the control station is told, and with that the link goes. Whoever
-// is killed in between goes on from there: a call is passed on once, for a successor names the call
-// before it; a command may run again.
+// directory (callfile.h), and at nothing while there is none. What has been decided is written into that
+// name (outcome.h) before anything follows from it, so that a call has one outcome whoever is killed when:
+//
+//  the link     what has happened                       what is next
+//  CALL         the call file is linked and renamed     its outcome, from what the file says
+//  CALL=R=S     the outcome is decided                  the rule's `otherwise`, once: a call file names the
+//                                                       call before it; then log, journal and counters,
+//                                                       once: the journal is asked
+//  CALL=R=S=told  everybody knows but the control       the control station's acknowledgement
+//               station
+//  none         everybody knows
+//
+// A command that is killed with the process is run again.
 #pragma once
-
-#include <cstdint>
-#include <string>
-#include <vector>
 
 #include "followed.h"
 
@@ -26,13 +30,3 @@ void follow_start() noexcept;
 //   staging_dir  of the pager, where its link is
 void follow_call(const pager_t *pager, const char *staging_dir,
                  const followed_call_t &call) noexcept;
-
-// A message that nobody answered, the last rule of its chain included.
-struct undelivered_t {
-    size_t line;  // the position of its pager in the table
-    std::string call, text;
-    int64_t at_ms;  // since the epoch
-};
-
-// Those of the last hour, at most eight for each line, the latest.
-std::vector<undelivered_t> recently_undelivered();

@@ -90,6 +90,7 @@ void take(std::string_view name, std::string_view value, followed_call_t *call) 
         read_number(value, &call->alrm);
     } else if (name == "passed_on") {
         read_number(value, &call->passed_on);
+        call->passed_on = std::max(call->passed_on, 0);
     } else if (name == "placed_ms") {
         read_number(value, &call->placed_ms);
     }
@@ -140,6 +141,7 @@ bool read_comments(std::string_view content, followed_call_t *call) {
 progress_t progress_of(std::string_view content) noexcept {
     const size_t end = content.rfind(LAST);
     std::string_view left = end != std::string_view::npos ? content.substr(end) : content;
+    left = left.substr(0, left.rfind('\n') + 1);  // a line may be half written
     progress_t progress;
     while (!left.empty()) {
         const std::string_view line = next_line(&left);

@@ -177,12 +177,24 @@ std::string as_json(const journal_entry_t &entry) {
     return std::move(object).ended();
 }
 
+void add_call(const followed_call_t &call, object_t *object) {
+    object->add_bytes("line", call.line);
+    object->add_text("event", "outcome");
+    object->add_bytes("call", call.name);
+}
+
+// By which an outcome is found, as it stands in the journal.
+std::string name_of_outcome(const followed_call_t &call) {
+    object_t object;
+    add_call(call, &object);
+    const std::string text = std::move(object).ended();
+    return text.substr(1, text.size() - 3);  // without the braces and the line end
+}
+
 std::string as_json(const outcome_entry_t &entry) {
     object_t object;
     object.add_text("time", time_text(milliseconds_now()));
-    object.add_bytes("line", entry.call.line);
-    object.add_text("event", "outcome");
-    object.add_bytes("call", entry.call.name);
+    add_call(entry.call, &object);
     object.add_bytes("address", entry.call.address);
     object.add_bytes("text", entry.call.text);
     object.add_bytes("rule", entry.call.rule);
@@ -235,16 +247,17 @@ void journal_write_outcome(const outcome_entry_t &entry) noexcept {
     }
 }
 
-bool journal_has_outcome(const std::string &call) noexcept {
+std::string journal_outcome_of(const followed_call_t &call) noexcept {
     constexpr off_t LOOKED_AT = 1 << 20;
     const unique_fd_t file = open_regular(journal_file, O_RDONLY);
     struct stat status {};
     if (!file || fstat(file.get(), &status) != 0) {
-        return false;
+        return "";
     }
     std::string text(LOOKED_AT, '\0');
     const ssize_t got =
         pread(file.get(), text.data(), text.size(), std::max<off_t>(status.st_size - LOOKED_AT, 0));
     text.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
-    return text.find(R"("event":"outcome","call":")" + call + '"') != std::string::npos;
+    const size_t at = text.find(name_of_outcome(call));
+    return at != std::string::npos ? text.substr(at, text.find('\n', at) - at) : "";
 }

@@ -51,9 +51,8 @@ struct outcome_entry_t {
 };
 void journal_write_outcome(const outcome_entry_t &entry) noexcept;
 
-// Whether the last megabyte of the journal has the outcome of a call.
-//   call  the name of its file, of characters that are not escaped
-bool journal_has_outcome(const std::string &call) noexcept;
+// What the last megabyte of the journal has of the outcome of a call, from its line on; empty when nothing.
+std::string journal_outcome_of(const followed_call_t &call) noexcept;
 
 // Appends an entry, in one write; a file that is not there is made for its owner and group alone. Without a journal does nothing; one that cannot be written is
 // logged as an ERROR once per load.

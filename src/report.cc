@@ -12,6 +12,7 @@ namespace {
 
 struct report_t {
     report_id_t id;
+    std::string line;
     std::string packet;
     int offers = 0;
 };
@@ -41,16 +42,17 @@ report_id_t espa_report(const pager_t *pager, std::string_view packet) noexcept 
     if (queue.reports.size() == MAX_REPORTS) {
         drop_oldest(&queue);
     }
-    queue.reports.push_back({++last_id, std::string(packet)});
+    queue.reports.push_back({++last_id, table_text(pager->name).text, std::string(packet)});
     queue.is_empty = false;
     return queue.reports.back().id;
 }
 
-bool is_report_waiting(const pager_t *pager, report_id_t id) noexcept {
-    queue_t &queue = queue_of(pager);
-    const std::lock_guard held(queue.lock);
-    return std::any_of(queue.reports.begin(), queue.reports.end(),
-                       [&](const report_t &report) { return report.id == id; });
+bool is_report_waiting(report_id_t id) noexcept {
+    return std::any_of(queues.begin(), queues.end(), [&](queue_t &queue) {
+        const std::lock_guard held(queue.lock);
+        return std::any_of(queue.reports.begin(), queue.reports.end(),
+                           [&](const report_t &report) { return report.id == id; });
+    });
 }
 
 void offer_report(const pager_t *pager) noexcept {
@@ -58,13 +60,23 @@ void offer_report(const pager_t *pager) noexcept {
     if (queue.is_empty) {
         return;
     }
-    const std::lock_guard held(queue.lock);
-    if (queue.reports.front().offers == MAX_OFFERS) {
-        LOG(LEVEL_WARNING, "A report was not taken in %d polls, it is dropped\n", MAX_OFFERS);
-        drop_oldest(&queue);
+    const std::string line = table_text(pager->name).text;
+    bool is_refused = false;
+    {
+        const std::lock_guard held(queue.lock);
+        std::erase_if(queue.reports, [&](const report_t &report) { return report.line != line; });
+        is_refused = !queue.reports.empty() && queue.reports.front().offers == MAX_OFFERS;
+        if (is_refused) {
+            queue.reports.pop_front();
+        }
+        if (!queue.reports.empty()) {
+            queue.reports.front().offers++;
+        }
+        queue.is_empty = queue.reports.empty();
     }
-    if (!queue.reports.empty()) {
-        queue.reports.front().offers++;
+    if (is_refused) {
+        LOG(LEVEL_WARNING, "A report of line %s was not taken in %d polls, it is dropped\n",
+            line.c_str(), MAX_OFFERS);
     }
 }
 

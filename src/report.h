@@ -20,9 +20,10 @@ using report_id_t = uint64_t;  // 0: none
 report_id_t espa_report(const pager_t *pager, std::string_view packet) noexcept;
 
 // Whether it waits still: it is neither acknowledged nor given up.
-bool is_report_waiting(const pager_t *pager, report_id_t id) noexcept;
+bool is_report_waiting(report_id_t id) noexcept;
 
-// The station is being polled. Gives up, with a warning, what has been offered to as many polls as it may.
+// The station is being polled. Gives up, with a warning, what has been offered to as many polls as it may,
+// and what was meant for the line that had the pager's place in the table before a reload.
 void offer_report(const pager_t *pager) noexcept;
 
 // The one that waits longest; empty when none does.

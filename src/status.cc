@@ -16,11 +16,11 @@
 #include "alarm.h"
 #include "clock.h"
 #include "fd.h"
-#include "follow.h"
 #include "instance.h"
 #include "line_state.h"
 #include "logger.h"
 #include "stats.h"
+#include "undelivered.h"
 #include "utf8.h"
 
 namespace {
@@ -239,8 +239,12 @@ void expose_alarms(exposition_t *out, const lines_t &lines) {
     }
 }
 
+uint64_t calls_of(const shown_line_t &line, call_result_t result) {
+    return line.stats->calls[static_cast<size_t>(result)].get();
+}
+
 void expose_calls(exposition_t *out, const lines_t &lines) {
-    out->begin("line_calls_open", "gauge", "Calls that are followed and have no outcome yet.");
+    out->begin("line_calls_open", "gauge", "Calls that are followed and not done with.");
     for (const shown_line_t &line : lines) {
         out->sample(line.label, static_cast<uint64_t>(line.stats->calls_open.load()));
     }
@@ -253,7 +257,8 @@ void expose_calls(exposition_t *out, const lines_t &lines) {
     }
     out->begin("line_answer_seconds", "summary", "Until somebody answered.");
     for (const shown_line_t &line : lines) {
-        const uint64_t answered = line.stats->calls[0].get() + line.stats->calls[1].get();
+        const uint64_t answered =
+            calls_of(line, call_result_t::ANSWERED) + calls_of(line, call_result_t::CONFIRMED);
         out->sample(line.label, line.stats->answer_seconds.get(), "_sum");
         out->sample(line.label, answered, "_count");
     }

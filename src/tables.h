@@ -130,8 +130,8 @@ struct pager_t {
     in_addr_t listen_address;  // on which of its addresses; 0: all
     in_addr_t peers[8];        // the addresses of `host`; 0: no further one
     int follow_calls;          // call files are watched until somebody has answered
-    char status_called[2];  // call statuses for the control station, a character each; empty: it is
-    char status_answered[2];  // not told
+    char status_called[2];     // what the control station is told of a call; empty: nothing
+    char status_answered[2];
     char status_unanswered[2];
 };
 

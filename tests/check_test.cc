@@ -160,6 +160,10 @@ TEST_F(Check, FindsWithItsPlace) {
          "13 warning value: wait_time = -1 is no number of seconds\n14 warning follow: "},
         {FOLLOWED + RULES + "action = call\nextension = %number%\n",
          "13 warning follow: extension: without quote"},
+        {FOLLOWED + RULES + "action = call\nquote = y\nextension = %number%&\n",
+         "14 warning follow: extension: a call whose"},
+        {FOLLOWED + RULES + "action = call\notherwise = rule_e\n[rule_e]\naction = script\n",
+         "13 error follow: .*rule_e .line 14. needs quote"},
         {"[p]\nhost = 1.2.3.4\n", "1 note no-recovery: "},
         {"[p]\n" + repeated(1002, "a# = 1\n"), "1002 warning unknown-key: 2 more of the kind"},
     };
@@ -195,7 +199,7 @@ TEST_F(Check, FindsNothingInWhatIsMeant) {
         "action = call\nquote = y\nextension = %number%\nwait_time = 20\nmax_retries = 2\n"
         "retry_time = 10\nconfirm = y\ngive_up = 80\notherwise = rule_e\n"
         "[rule_e]\naction = call\notherwise = rule_f\n[rule_f]\naction = script\n"
-        "callscript = x\n");
+        "quote = y\ncallscript = x\n");
     EXPECT_THAT(followed, Not(ContainsRegex("warning|note|error [^d]")));
     EXPECT_THAT(listening, Not(ContainsRegex("[2-9] (warning|note|error [^d])")));
 }
@@ -357,7 +361,8 @@ TEST_F(Check, WhatAMessageComesTo) {
          "    Context: 01356m\\r\n"},
         {"p -m FB --json", R"("values": {"v": "B"},"call_file": {"path": "/s/call_B_#","content")"},
         {"f -m x",
-         "MaxRetries: 0\\r\n    Archive: yes\\r\n  When nobody answers: rule_h (call), then an "
+         "MaxRetries: 0\\r\n    Archive: yes\\r\n    SetVar: VESPERD_CALL=call_s_#\\r\n  When "
+         "nobody answers: rule_h (call), then an "
          "ERROR in the log\n"},
         {"f -m x --json",
          R"("is_written": true},"otherwise": [{"name": "rule_h","action": "call"}])"},

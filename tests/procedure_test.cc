@@ -111,17 +111,17 @@ TEST_F(Procedure, ReportsToThreePollsAndOf64) {
     const report_id_t next = espa_report(&pagers[0], wire(REPORT));
     for (const char *poll : {"2<ENQ>", "<EOT>2<ENQ>", "2<ENQ>"}) {
         EXPECT_EQ(answers(poll), wire("1<ENQ>"));
-        EXPECT_TRUE(is_report_waiting(&pagers[0], refused));
+        EXPECT_TRUE(is_report_waiting(refused));
     }
     EXPECT_EQ(answers("1<ENQ>2<ENQ>2<ENQ><ACK><ACK>"), wire("<ACK>1<ENQ>" + REPORT + "<EOT>"));
-    EXPECT_FALSE(is_report_waiting(&pagers[0], refused) || is_report_waiting(&pagers[0], next));
-    EXPECT_THAT(log(), HasSubstr("WARNING: A report was not taken in 3 polls, it is dropped"));
+    EXPECT_FALSE(is_report_waiting(refused) || is_report_waiting(next));
+    EXPECT_THAT(log(), HasSubstr("WARNING: A report of line  was not taken in 3 polls"));
     const report_id_t first = espa_report(&pagers[0], "x");
     for (int i = 0; i < 64; i++) {
-        EXPECT_EQ(is_report_waiting(&pagers[0], first), true) << i;
+        EXPECT_EQ(is_report_waiting(first), true) << i;
         espa_report(&pagers[0], "y");
     }
-    EXPECT_FALSE(is_report_waiting(&pagers[0], first));
+    EXPECT_FALSE(is_report_waiting(first));
     while (!next_report(&pagers[0]).empty()) {
         drop_report(&pagers[0], next_report(&pagers[0]));
     }

@@ -84,7 +84,7 @@ TEST(Status, IsJudged) {
              "vesperd_line_undelivered_time_seconds{line=\"a\",call=\"c\",text=\"FIRE\"}" +
              ago(3580) + "vesperd_line_undelivered_time_seconds{line=\"a\",call=\"d\",text=\"x\"}" +
              ago(3601),
-         "--critical-all", 2, "CRITICAL - a: nobody answered c for FIRE, 59 min ago |"},
+         "", 2, "CRITICAL - a: nobody answered c for FIRE, 59 min ago |"},
         {line("a\xC2\x9B\xE2\x80\xAE", "ended", 130), "", 2, "CRITICAL - a??: ended 2 min ago |"},
     };
     const temp_dir_t dir;

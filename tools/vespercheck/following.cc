@@ -1,7 +1,9 @@
+#include <algorithm>
 #include <set>
 
 #include "checks.h"
 #include "rule_names.h"
+#include "template.h"
 
 namespace {
 
@@ -17,7 +19,8 @@ void check_line(const site_line_t &line, findings_t *findings) {
                         "follow_calls needs a staging_dir: the calls of [", section.name,
                         "] are not followed");
     }
-    const bool is_station = line.pager != nullptr && line.pager->espa_address != '\0';
+    const bool is_station = section.find("espa_address") != nullptr &&
+                            parse_protocol(section.text("protocol")) != PROTOCOL_ASCII;
     for (const char *key : {"status_called", "status_answered", "status_unanswered"}) {
         if (section.find(key) != nullptr && (!follows || !is_station)) {
             findings->warn(section.line_of(key), KIND, key, " means nothing without ",
@@ -59,11 +62,13 @@ class rule_checker_t {
     }
 
     void check_name() const {
-        const std::string template_text = section_.text("extension");
-        if (rule_.quote == 0 && template_text.find_first_of("%$") != std::string::npos) {
-            findings_->warn(section_.line_of("extension"), KIND,
-                            "extension: without quote = yes a call whose extension has other than "
-                            "letters, digits and * + _ . - is not followed");
+        const std::string text = section_.text("extension");
+        if (rule_.quote != 0 || text.find_first_of("%$") == std::string::npos) {
+            if (!is_name(text)) {
+                warn_of_extension("");
+            }
+        } else {
+            warn_of_extension("without quote = yes ");
         }
     }
 
@@ -82,7 +87,10 @@ class rule_checker_t {
             return;
         }
         name_checker_t(site_, section_, findings_).check({name, rule_found(name)}, "otherwise");
-        if (next->action == SKIP) {
+        if (next->action == SCRIPT && next->quote == 0) {
+            findings_->error(at, KIND, "otherwise: ", site_.place_of(next),
+                             " needs quote = yes: without it its command is not run");
+        } else if (next->action == SKIP) {
             findings_->warn(at, KIND, "otherwise: ", site_.place_of(next),
                             " does nothing: what nobody answers is passed on to nobody");
         } else if (is_in_circle()) {
@@ -92,6 +100,19 @@ class rule_checker_t {
     }
 
   private:
+    // Whether a template has no other characters of its own than a call file's name may have.
+    static bool is_name(const std::string &text) {
+        bool is_inside = false;
+        return std::all_of(text.begin(), text.end(), [&](char c) {
+            is_inside = c == '%' ? !is_inside : is_inside;
+            return c == '%' || c == '$' || is_inside || is_name_character(c);
+        });
+    }
+    void warn_of_extension(const char *when) const {
+        findings_->warn(section_.line_of("extension"), KIND, "extension: ", when,
+                        "a call whose extension has other than letters, digits and * + _ . - is "
+                        "not followed");
+    }
     bool is_in_circle() const {
         std::set<const rule_t *> seen;
         const rule_t *next = rule_found(rule_.otherwise);

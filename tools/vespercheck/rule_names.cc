@@ -19,12 +19,12 @@ void reach_otherwise(reached_t *reached) {
     while (!begun.empty()) {
         const rule_t *rule = begun.back();
         begun.pop_back();
-        if (rule == nullptr || !(*reached)[rule].is_followed) {
+        if (rule == nullptr || rule->action != CALL || !(*reached)[rule].is_followed) {
             continue;
         }
         if (const rule_t *next = rule_found(rule->otherwise);
-            next != nullptr && !(*reached)[next].is_followed) {
-            (*reached)[next].is_followed = true;
+            next != nullptr && !(*reached)[next].is_passed_on) {
+            (*reached)[next].is_passed_on = (*reached)[next].is_followed = true;
             (*reached)[next].has_fields |= (*reached)[rule].has_fields;
             begun.push_back(next);
         }

@@ -25,6 +25,7 @@ struct reach_t {
     bool is_listed = false;     // in the rules of one
     bool is_default = false;    // the default rule of one
     bool has_fields = false;    // by one that is no ASCII line
+    bool is_passed_on = false;  // the otherwise of another rule
     bool is_followed = false;   // by one that has follow_calls
 };
 using reached_t = std::map<const rule_t *, reach_t>;

@@ -151,12 +151,14 @@ void check_conditions(const site_t &site, const reached_t &reached, findings_t *
         const int at = rule.section->line_of(*given);
         if (!lines->second.is_listed) {
             findings->warn(at, "condition", *given, " has no effect: [", rule.section->name,
-                           "] is a default rule only, and those have no conditions");
+                           "] is ", lines->second.is_default ? "a default rule" : "an otherwise",
+                           " only, and those have no conditions");
         } else if (!lines->second.has_fields) {
-            findings->warn(
-                at, "condition", *given, ": [", rule.section->name, "] is ",
-                lines->second.is_default ? "chosen as a default rule only" : "never chosen",
-                ", because only ASCII lines list it and these have no fields");
+            findings->warn(at, "condition", *given, ": [", rule.section->name, "] is ",
+                           lines->second.is_default     ? "chosen as a default rule only"
+                           : lines->second.is_passed_on ? "taken as an otherwise only"
+                                                        : "never chosen",
+                           ", because only ASCII lines list it and these have no fields");
         }
     }
 }

@@ -105,9 +105,9 @@ void expand(const pager_t &pager, const rule_t &rule, const placeholders_t &with
         trial->file =
             text_of(pager.spool_dir, "/", call.name, pager.staging_dir[0] != '\0' ? "_0" : "");
         trial->text = call.content;
-        trial->is_followed = pager.follow_calls != 0;
+        trial->is_followed = pager.follow_calls != 0 && can_be_followed(call.name);
         if (trial->is_followed) {
-            trial->text += "Archive: yes\r\n";
+            trial->text += text_of("Archive: yes\r\nSetVar: VESPERD_CALL=", call.name, "_0\r\n");
             trial->chain = chain_of(rule);
         }
     } else if (rule.action == SCRIPT) {

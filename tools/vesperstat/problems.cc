@@ -9,7 +9,7 @@ namespace {
 // What takes longer than this in a line that works is worth a look.
 constexpr double USUAL_SECONDS = 10;
 
-constexpr std::string_view UNANSWERED = "unanswered";
+constexpr std::string_view UNANSWERED = "unanswered";  // says nothing of the line
 
 constexpr double MINUTE = 60;
 constexpr double HOUR = 60 * MINUTE;
@@ -139,12 +139,8 @@ level_t worst_level(const std::vector<problem_t> &problems, const std::string *l
     return worst;
 }
 
-bool is_of_line(const problem_t &problem) noexcept {
-    return problem.kind != UNANSWERED;
-}
-
 bool has_working_line(const status_t &status, std::vector<problem_t> problems) {
-    std::erase_if(problems, [](const problem_t &problem) { return !is_of_line(problem); });
+    std::erase_if(problems, [](const problem_t &problem) { return problem.kind == UNANSWERED; });
     return is_running(problems) &&
            std::any_of(status.lines.begin(), status.lines.end(), [&](const line_status_t &line) {
                return worst_level(problems, &line.line) != level_t::CRITICAL;

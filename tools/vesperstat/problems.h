@@ -35,9 +35,6 @@ std::vector<problem_t> judge(const status_t &status, const limits_t &limits, dou
 // The worst level of those problems that belong to `line`, or of all with a null pointer.
 level_t worst_level(const std::vector<problem_t> &problems, const std::string *line = nullptr);
 
-// Whether a problem says something of its line, other than a message that nobody answered.
-bool is_of_line(const problem_t &problem) noexcept;
-
 // Whether the daemon runs and one of its lines at least is not critical.
 bool has_working_line(const status_t &status, std::vector<problem_t> problems);
 

@@ -47,7 +47,7 @@ void soften_while_a_line_works(std::vector<report_t> *reports) {
     }
     for (report_t &report : *reports) {
         for (problem_t &problem : report.problems) {
-            if (problem.level == level_t::CRITICAL && is_of_line(problem)) {
+            if (problem.level == level_t::CRITICAL) {
                 problem.level = level_t::WARNING;
             }
         }

@@ -1,0 +1,19 @@
+// Messages that nobody of a whole chain of rules answered, kept for an hour to be shown.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct undelivered_t {
+    size_t line;  // the position of its pager in the table
+    std::string call, text;
+    int64_t at_ms;  // since the epoch
+};
+
+// Keeps the latest eight of each line. For any thread, as is the next.
+void keep_undelivered(const undelivered_t &message);
+
+// Those of the last hour.
+std::vector<undelivered_t> recently_undelivered();
