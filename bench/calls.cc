@@ -345,7 +345,7 @@ void make_trouble(site_t *site, const std::string &conf, const std::string &pbx,
     std::mt19937 random(1);
     int kills = 0;
     for (int round = 1; !is_over; round++) {
-        pause(2000 + static_cast<int>(random() % 3000));
+        pause(6000 + static_cast<int>(random() % 4000));
         site->stop(SIGKILL);
         site->start({"vesperd", "-f", "-c", conf});
         kills++;

@@ -161,6 +161,7 @@ void compare_keys(const keys_t &keys, int lines, effort_t effort) {
                             (keys.is_monitored ? site.monitoring() : "") + RULES + keys.rule)};
         const result_t changed = measure(with, &site, lines, effort.messages);
         std::filesystem::remove(site.journal_file());
+        std::filesystem::remove_all(site.dir() + "/staging/followed");
         for (const auto &entry : std::filesystem::directory_iterator(site.spool_dir())) {
             std::filesystem::remove(entry.path());
         }
@@ -263,6 +264,10 @@ int main(int argc, char **argv) {
             {"recover_link, ack_when_done, staging_dir, quote",
              "recover_link = yes\nack_when_done = yes\nstaging_dir = @\n", "quote = yes\n"},
             lines, effort);
+        compare_keys({"staging_dir and quote", "staging_dir = @\n", "quote = yes\n"}, lines, effort);
+        compare_keys({"the same with follow_calls", "staging_dir = @\nfollow_calls = yes\n",
+                      "quote = yes\n"},
+                     lines, effort);
         compare_keys({"espa_address", "espa_address = 2\n", ""}, lines, effort);
     }
     printf("\n");

@@ -6,6 +6,7 @@ install(TARGETS vesperd DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS espasend vespercheck vesperstat DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES conf/quillet.conf DESTINATION ${CMAKE_INSTALL_SYSCONFDIR})
 install(PROGRAMS share/mkcall.sh DESTINATION ${CMAKE_INSTALL_DATADIR}/quillet)
+install(FILES share/asterisk/vesperd.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/quillet/asterisk)
 install(FILES share/prometheus/vesperd.rules.yml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/vesperd/prometheus)
 install(FILES share/ha/active-only.conf share/ha/keepalived.conf share/ha/restart.conf
@@ -20,6 +21,7 @@ install(FILES completion/vesperd completion/espasend completion/vespercheck
     completion/vesperstat
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES README.md docs/architecture.md docs/asterisk.md docs/espa.md docs/high-availability.md
-    docs/instances.md docs/monitoring.md docs/performance.md docs/scaling.svg docs/security.md
+    docs/instances.md docs/monitoring.md docs/nobody-answers.md docs/performance.md docs/scaling.svg
+    docs/security.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
