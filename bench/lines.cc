@@ -264,7 +264,8 @@ int main(int argc, char **argv) {
             {"recover_link, ack_when_done, staging_dir, quote",
              "recover_link = yes\nack_when_done = yes\nstaging_dir = @\n", "quote = yes\n"},
             lines, effort);
-        compare_keys({"staging_dir and quote", "staging_dir = @\n", "quote = yes\n"}, lines, effort);
+        compare_keys({"staging_dir and quote", "staging_dir = @\n", "quote = yes\n"}, lines,
+                     effort);
         compare_keys({"the same with follow_calls", "staging_dir = @\nfollow_calls = yes\n",
                       "quote = yes\n"},
                      lines, effort);

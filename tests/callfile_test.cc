@@ -2,7 +2,9 @@
 
 #include "callfile.h"
 
+#include <signal.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "charset.h"
@@ -53,6 +55,21 @@ TEST_F(Staging, WritesDirectlyWithoutAStagingDirectory) {
     EXPECT_EQ(stage("call_b_1", "text"), "call_b_1_0");
     EXPECT_EQ(direct_for, ENOENT);
     EXPECT_EQ(dir.read("spool/call_b_1_0"), "text");
+}
+
+TEST_F(Staging, SaysWhyNothingIsWritten) {
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const auto handler = signal(SIGXFSZ, SIG_IGN);
+    for (const auto &[limit, error] : {std::pair<rlim_t, int>(0, EFBIG), {2, EIO}}) {
+        const rlimit lowered{limit, before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &lowered);
+        EXPECT_EQ(stage("call_a_1", "four"), strerror(error));
+        setrlimit(RLIMIT_FSIZE, &before);
+    }
+    signal(SIGXFSZ, handler);
+    EXPECT_TRUE(leaves_nothing());
+    EXPECT_TRUE(fs::is_empty(dir.path("spool")));
 }
 
 TEST_F(Staging, CleaningLeavesWhatIsBeingWritten) {

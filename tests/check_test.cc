@@ -331,6 +331,7 @@ TEST_F(Check, WhatAMessageComesTo) {
          "characters\n  $v = 'B'\n  Call file /s/call_B_#:\n    Channel: Local/1234@users\\r\n    "
          "Context: alarm\\r\n    Extension: B\\r\n    CallerID: \"1000\" <1000>\\r\n"
          "    Priority: 1\\r\n    MaxRetries: 0\\r\n"},
+        {"p -m SC" + std::string(126, 'x') + "yz", "xxx'\n"},
         {"p -m FASC",
          "  Selected: rule_f, the first of those with the longest last match, 2 "
          "characters\n"},

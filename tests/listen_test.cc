@@ -119,6 +119,11 @@ TEST_F(Listening, ReloadMovesALine) {
     EXPECT_EQ(daemon.count("Trying to swap to ASCII"), 0);
     std::string error;
     EXPECT_TRUE(listen_on(HERE, std::stoi(old), &error)) << error;
+    daemon.configure({{"line", "rules = rule_x\n"}}, RULES);
+    EXPECT_TRUE(process.send(SIGHUP));
+    EXPECT_TRUE(eventually([&] {  // it connects by itself now, and has left its port
+        return bool(listen_on(HERE, std::stoi(daemon.ports[0]), &error));
+    })) << error;
 }
 
 TEST_F(Tables, ListeningIsLoaded) {

@@ -105,6 +105,7 @@ TEST_F(Monitoring, CountersAndJournal) {
                               label + ",action=\"script\",result=\"failed\"} 1"}));
     EXPECT_THAT(samples(daemon, "line_alarms_total"),
                 Contains(label + ",event=\"transmission_error\",result=\"raised\"} 1"));
+    EXPECT_THAT(samples(daemon, "line_protocol_since_seconds"), ElementsAre(Not(EndsWith("} 0"))));
     const std::string status = daemon.dir.read("status") + "vesperd_line_undelivered_time_seconds{";
     const auto names = names_in(status, "\n(vesperd_[a-z_]+?)(?:_sum|_count)?[{ ]");
     EXPECT_EQ(names_in("\n" + status, "\n# TYPE (vesperd_[a-z_]+) "), names);

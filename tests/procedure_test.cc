@@ -127,6 +127,30 @@ TEST_F(Procedure, ReportsToThreePollsAndOf64) {
     }
 }
 
+TEST(Station, CountsWhatBelongsToNothing) {
+    const std::pair<const char *, uint64_t> rows[] = {
+        {"x", 1},
+        {"4x", 2},
+        {"4<NAK>", 0},
+        {"44<ENQ>", 1},
+        {"<ACK>", 0},
+        {"4<EOT>", 1},
+        {"<SOH>1<STX><EOT>", 3},
+        {"<SOH>14<ENQ>", 2},
+        {"4<SOH>1<EOT>", 3},
+        {"<NAK><ENQ>", 0},
+        {"1<ENQ>4<ENQ>", 0},
+    };
+    for (const auto &[bytes, dropped] : rows) {
+        station_t station('2', '1');
+        std::string reply;
+        for (const char byte : wire(bytes)) {
+            station.take(byte, 1, "", &reply);
+        }
+        EXPECT_EQ(station.noise_bytes(), dropped) << bytes;
+    }
+}
+
 TEST(Station, ForgetsAfterTenSecondsOfSilence) {
     const int64_t second = 1'000'000;
     for (const auto &[seconds, expected] : {std::pair(10, "<ACK>"), {11, "<EOT>"}}) {

@@ -190,6 +190,7 @@ TEST(Programs, HelpManualPageAndCompletionAgree) {
                       HasSubstr("\n  -l, --listen PORT         wait for vesperd to connect, as a "
                                 "converter does;\n                            port 0 picks"),
                       HasSubstr("\n\nWhat is sent:\n  -m, --message TEXT"),
+                      HasSubstr("\n\n      --wait SECONDS"),
                       HasSubstr("\n      --interval SECONDS    pause between")));
 }
 
