@@ -164,10 +164,11 @@ void count(const open_call_t &open, const pager_t *pager) {
 
 void tell(const open_call_t &open, const pager_t *pager, const passing_t &passing) {
     const std::string next = passing.rule.empty() ? "" : ", next is " + passing.rule;
-    LOG_AS(LEVEL_EVENT, "follow_calls",
-           "Call %s of line %s by rule %s: %s after %d s, %d attempts%s\n", open.call.name.c_str(),
-           open.call.line.c_str(), open.call.rule.c_str(), name_of(*open.link.result),
-           open.link.seconds, open.progress.attempts, next.c_str());
+    const int attempts = open.progress.attempts;
+    LOG_AS(LEVEL_EVENT, "follow_calls", "Call %s of line %s by rule %s: %s after %d s, %d %s%s\n",
+           open.call.name.c_str(), open.call.line.c_str(), open.call.rule.c_str(),
+           name_of(*open.link.result), open.link.seconds, attempts,
+           attempts == 1 ? "attempt" : "attempts", next.c_str());
     journal_write_outcome({open.call, name_of(*open.link.result), open.progress.attempts,
                            open.link.seconds, passing.rule, passing.outcome});
     if (pager == nullptr) {
