@@ -109,7 +109,7 @@ outcome_t store_call_file(const pager_t *pager, const char *name, std::string_vi
     if (call.is_followed) {
         outcome.is_followed = true;
         followed->name = outcome.file;
-        follow_call(pager, staging_dir, *followed);
+        follow_call(pager, staging_dir, *followed, call.size);
     }
     return outcome;
 }

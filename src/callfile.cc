@@ -282,6 +282,7 @@ call_file_result_t call_file_follow(staged_call_t *call, std::string_view settin
         }
         if (staged.rename_to(call->path)) {
             call->is_followed = true;
+            call->size = content.size();
             return {call_file_t::WRITTEN, 0};
         }
         unlink((directory + "/" + name).c_str());

@@ -27,6 +27,7 @@ struct staged_call_t {
     char path[PATH_SIZE];   // receives the path of the file
     int staging_error = 0;  // receives errno when staging failed and the file was written directly
     int follow_error = 0;   // receives errno when a call to follow could not be linked
+    size_t size = 0;        // receives how large the file of a followed call is
     bool is_followed = false;  // receives whether it was
 };
 

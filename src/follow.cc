@@ -107,8 +107,7 @@ void decide(open_call_t *open, call_result_t result, int64_t now) {
 }
 
 void look_at(open_call_t *open, int64_t now) {
-    const pager_t *pager = pager_named(open->call.line);
-    read_rule(open);
+    const pager_t *pager = open->pager;
     if (pager == nullptr || !open->has_rule) {
         LOG_AS(LEVEL_WARNING, "follow_calls", "The %s of call %s is no more: it is not followed\n",
                pager == nullptr ? "line" : "rule", open->call.name.c_str());
@@ -201,7 +200,7 @@ void let_station_know(open_call_t *open, const pager_t *pager, bool is_passed_on
 }
 
 void settle(open_call_t *open, const calls_t &calls, int64_t now) {
-    const pager_t *pager = pager_named(open->call.line);
+    const pager_t *pager = open->pager;
     const std::string told = open->may_be_told ? journal_outcome_of(open->call) : "";
     if (!told.empty()) {
         let_station_know(open, pager, told.find(",\"file\":") != std::string::npos);
@@ -219,7 +218,7 @@ void settle(open_call_t *open, const calls_t &calls, int64_t now) {
 
 // What an earlier process had told everybody else waits for a poll again.
 void await_report(open_call_t *open, bool is_new) {
-    const pager_t *pager = pager_named(open->call.line);
+    const pager_t *pager = open->pager;
     if (is_new && pager != nullptr) {
         report_result(open, pager);
     }
@@ -229,6 +228,7 @@ void await_report(open_call_t *open, bool is_new) {
 }
 
 void take_turn(open_call_t *open, const calls_t &calls, int64_t now) {
+    read_settings(open);
     if (open->link.is_told) {
         await_report(open, open->report == 0);
         return;
@@ -237,7 +237,6 @@ void take_turn(open_call_t *open, const calls_t &calls, int64_t now) {
         look_at(open, now);
     }
     if (open->link.result) {
-        read_rule(open);
         settle(open, calls, now);
     }
 }
@@ -245,7 +244,7 @@ void take_turn(open_call_t *open, const calls_t &calls, int64_t now) {
 void show_open_calls(const calls_t &calls) {
     std::map<const pager_t *, int> open;
     for (const open_call_t &call : calls) {
-        open[pager_named(call.call.line)] += call.link.is_told || call.is_gone ? 0 : 1;
+        open[call.pager] += call.link.is_told || call.is_gone ? 0 : 1;
     }
     for (const pager_t &pager : pagers) {
         stats_of(&pager).calls_open = open[&pager];
@@ -291,7 +290,6 @@ void follow_calls() {
 
 // What was linked and not yet renamed comes into the spool directory, unless it is too old by now.
 void finish(open_call_t *open, const pager_t &pager) {
-    read_rule(open);
     if (microseconds_passed() - open->placed_us < open->give_up * SECOND_US) {
         call_file_finish(pager.staging_dir, pager.spool_dir, open->call.name);
     }
@@ -321,9 +319,9 @@ void take_up_call(const std::string &directory, const std::string &name, calls_t
     open.progress = progress_of(content);
     open.decided_us = microseconds_passed();
     open.may_be_told = open.link.result.has_value();
-    const pager_t *pager = pager_named(open.call.line);
-    if (!open.link.result && pager != nullptr) {
-        finish(&open, *pager);
+    read_settings(&open);
+    if (!open.link.result && open.pager != nullptr) {
+        finish(&open, *open.pager);
     }
     calls->push_back(std::move(open));
 }
@@ -377,8 +375,8 @@ void follow_start() noexcept {
     }
 }
 
-void follow_call(const pager_t *pager, const char *staging_dir,
-                 const followed_call_t &call) noexcept {
+void follow_call(const pager_t *pager, const char *staging_dir, const followed_call_t &call,
+                 size_t size) noexcept {
     if (call.passed_on == 0) {
         report(pager, call, pager->status_called);
     }
@@ -387,6 +385,7 @@ void follow_call(const pager_t *pager, const char *staging_dir,
                      .directory = followed_dir(staging_dir),
                      .link = {call.name},
                      .linked_as = call.name,
-                     .placed_us = microseconds_passed()});
+                     .placed_us = microseconds_passed(),
+                     .seen_size = static_cast<off_t>(size)});
     add_calls(std::move(calls));
 }

@@ -28,5 +28,6 @@ void follow_start() noexcept;
 
 // Follows a call whose file lies in the spool directory. For any thread.
 //   staging_dir  of the pager, where its link is
-void follow_call(const pager_t *pager, const char *staging_dir,
-                 const followed_call_t &call) noexcept;
+//   size         of the file, in bytes
+void follow_call(const pager_t *pager, const char *staging_dir, const followed_call_t &call,
+                 size_t size) noexcept;

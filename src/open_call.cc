@@ -17,25 +17,19 @@ constexpr size_t MAX_CALL_FILE = 1 << 18;
 
 }  // namespace
 
-pager_t *pager_named(const std::string &name) noexcept {
-    pager_t *found = nullptr;
-    read_tables([&] {
-        found = nullptr;
-        for (pager_t &pager : pagers) {
-            if (found == nullptr && !name.empty() && name == text_copy_t(pager.name).text) {
-                found = &pager;
-            }
-        }
-    });
-    return found;
-}
-
-void read_rule(open_call_t *open) noexcept {
+void read_settings(open_call_t *open) noexcept {
     const unsigned load = table_generation.number();
     if (open->load == load) {
         return;
     }
     read_tables([&] {
+        open->pager = nullptr;
+        for (pager_t &pager : pagers) {
+            if (open->pager == nullptr && !open->call.line.empty() &&
+                open->call.line == text_copy_t(pager.name).text) {
+                open->pager = &pager;
+            }
+        }
         open->has_rule = false;
         for (const rule_t &rule : rules) {
             if (!open->has_rule && open->call.rule == text_copy_t(rule.name).text) {

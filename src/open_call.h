@@ -28,8 +28,9 @@ struct open_call_t {
     report_id_t report = 0;
     bool is_gone = false;
 
-    // Of its rule, as of a load of the configuration.
+    // Its line and what its rule says, as of a load of the configuration.
     unsigned load = ~0U;
+    pager_t *pager = nullptr;  // null: the line is no more
     bool has_rule = false;
     bool confirms = false;
     int give_up = 0;
@@ -38,11 +39,8 @@ struct open_call_t {
     std::string path() const { return directory + "/" + linked_as; }
 };
 
-// The pager of the table that has this name; null for none.
-pager_t *pager_named(const std::string &name) noexcept;
-
-// Brings up to date what the call's rule says, which is found by its whole name, other than in rule lists.
-void read_rule(open_call_t *open) noexcept;
+// Brings up to date what depends on the load. The rule is found by its whole name, other than in rule lists.
+void read_settings(open_call_t *open) noexcept;
 
 // Lets the call file show what it says by now. Returns whether the link is there.
 bool read_progress(open_call_t *open) noexcept;
