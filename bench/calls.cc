@@ -95,7 +95,8 @@ bool holds_nothing(const fs::path &directory) {
 // A line's station: makes its calls, and asks what has become of them.
 class station_t {
   public:
-    station_t(const site_t &site, int line) : site_(site), line_(line), random_(static_cast<unsigned>(line) + 1) {}
+    station_t(const site_t &site, int line)
+        : site_(site), line_(line), random_(static_cast<unsigned>(line) + 1) {}
 
     void deliver(int number) {
         own_.push_back(number);
