@@ -350,7 +350,7 @@ void make_trouble(site_t *site, const std::string &conf, const std::string &pbx,
         site->stop(SIGKILL);
         site->start({"vesperd", "-f", "-c", conf});
         kills++;
-        if (with_pbx && round % 5 == 0) {
+        if (with_pbx && round % 5 == 1) {
             order(pbx, round % 2 == 0 ? "stop" : "kill");
             pause(3000);
             order(pbx, "start");
