@@ -187,6 +187,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static rule_t rule;
     rule.action = CALL;
     rule.quote = 1;
+    rule.wait_time = rule.max_retries = rule.retry_time = NOT_GIVEN;
     copy_text(rule.values[0].name, "v");
     compile_regex(&rule.values[0].pattern, "([^x])");
     copy_text(rule.channel, "Local/%number%@$v.");
