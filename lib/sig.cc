@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cerrno>
 
+#include "wake.h"
+
 namespace {
 
 constexpr int LAST_SIGNAL = 64;
@@ -104,4 +106,5 @@ void signal_handle_all() noexcept {
 
 void signal_catcher(int signo) noexcept {
     ++g_received[signo];
+    wake();
 }

@@ -31,5 +31,5 @@ int signal_handle(int signo) noexcept;
 // Handles every signal that has arrived, lower numbers first, each once however often it arrived.
 void signal_handle_all() noexcept;
 
-// The system's handler of deferred signals: counts.
+// The system's handler of deferred signals: counts, and wakes the main thread (wake.h).
 void signal_catcher(int signo) noexcept;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +21,8 @@
 #include "keys.h"
 #include "logger.h"
 #include "re.h"
+#include "roster.h"
+#include "settings.h"
 #include "status.h"
 #include "text.h"
 
@@ -133,53 +136,13 @@ void load_following(int follows, pager_t *pager) {
 
 // Logs on behalf of load_pager(). Returns false when the host does not resolve.
 bool resolve_host(pager_t *pager) {
-    const hostent *host = find_host(pager->host);
-    if (host == nullptr || host->h_addrtype != AF_INET || host->h_addr_list[0] == nullptr) {
+    const std::optional<addresses_t> found = addresses_of(find_host(pager->host));
+    if (!found) {
         LOG_AS(LEVEL_ERROR, "load_pager", "Unable to find host %s\n", pager->host);
         return false;
     }
-    pager->sin = {};
-    pager->sin.sin_family = AF_INET;
-    pager->sin.sin_port = htons(static_cast<uint16_t>(pager->port));
-    memcpy(&pager->sin.sin_addr, host->h_addr_list[0], sizeof pager->sin.sin_addr);
-    memset(pager->peers, 0, sizeof pager->peers);
-    for (size_t i = 0; i < std::size(pager->peers) && host->h_addr_list[i] != nullptr; i++) {
-        memcpy(&pager->peers[i], host->h_addr_list[i], sizeof pager->peers[i]);
-    }
+    settings_set_addresses(pager, *found);
     return true;
-}
-
-// Copies what loading sets and nothing of what the service thread keeps. The socket comes last: the
-// thread connects again once everything else is in place.
-void store_settings(pager_t *pager, const pager_t &fresh) {
-    copy_shared(&pager->name, fresh.name);
-    copy_shared(&pager->host, fresh.host);
-    copy_shared(&pager->port, fresh.port);
-    copy_shared(&pager->callscript, fresh.callscript);
-    copy_shared(&pager->spool_dir, fresh.spool_dir);
-    copy_shared(&pager->default_rule, fresh.default_rule);
-    copy_shared(&pager->rules, fresh.rules);
-    copy_shared(&pager->sin, fresh.sin);
-    copy_shared(&pager->no_check_bcc, fresh.no_check_bcc);
-    copy_shared(&pager->protocol, fresh.protocol);
-    copy_shared(&pager->espa_poll, fresh.espa_poll);
-    copy_shared(&pager->read_timeout, fresh.read_timeout);
-    copy_shared(&pager->send_service_actions, fresh.send_service_actions);
-    copy_shared(&pager->recover_link, fresh.recover_link);
-    copy_shared(&pager->ack_when_done, fresh.ack_when_done);
-    copy_shared(&pager->staging_dir, fresh.staging_dir);
-    copy_shared(&pager->charset, fresh.charset);
-    copy_shared(&pager->espa_address, fresh.espa_address);
-    copy_shared(&pager->espa_control, fresh.espa_control);
-    copy_shared(&pager->listen, fresh.listen);
-    copy_shared(&pager->listen_address, fresh.listen_address);
-    copy_shared(&pager->peers, fresh.peers);
-    copy_shared(&pager->follow_calls, fresh.follow_calls);
-    copy_shared(&pager->status_called, fresh.status_called);
-    copy_shared(&pager->status_answered, fresh.status_answered);
-    copy_shared(&pager->status_unanswered, fresh.status_unanswered);
-    copy_shared(&pager->configured_protocol, fresh.protocol);
-    store_shared(&pager->socket, -1);
 }
 
 void load_conditions(const section_t<section_kind_t::RULE> &keys, rule_t *rule) {
@@ -217,6 +180,7 @@ void start_logging(const dictionary *dict) {
     logger_escape(logger.boolean("log_escape") != 0);
     status_init(logger.text("status_file"));
     journal_init(logger.text("journal_file"));
+    roster_live(logger.boolean("live_reload") != 0);
 }
 
 // The records of a load, made aside: the tables stay in use until all of it is replaced.
@@ -236,6 +200,7 @@ void stage_pager(const dictionary *dict, const char *name, staged_t *staged) {
     }
     if (load_pager(dict, name, &pager) != 0) {
         LOG_AS(LEVEL_ERROR, "load_conf", "Error loading pager %s\n", name);
+        status_load_failed();
         staged->pagers.pop_back();
         staged->slot_0_emptied = staged->slot_0_emptied || merges;
     }
@@ -249,26 +214,42 @@ void stage_rule(const dictionary *dict, const char *name, staged_t *staged) {
     }
 }
 
-// Stages the sections in file order until one of the tables is full.
-staged_t stage_sections(const dictionary *dict) {
-    staged_t staged;
-    staged.pagers.reserve(MAX_PAGERS);  // growing would hold the records twice
-    staged.rules.reserve(MAX_RULES);
+// Hands the sections that a load is about on in file order, each with a dictionary of its own, until
+// `take` says that there is enough.
+//   take  called with the dictionary, the name and the kind of a section
+template <typename taker_t>
+void visit_sections(const dictionary *dict, taker_t take) {
     for (const ini_section_t &section : ini_sections(dict)) {
         const section_kind_t kind = section_kind(section.name);
         if (kind != section_kind_t::RULE && kind != section_kind_t::PAGER) {
             continue;
         }
         const unique_dictionary_t own = ini_section_alone(dict, section);
-        if (kind == section_kind_t::RULE) {
-            stage_rule(own.get(), section.name, &staged);
-        } else {
-            stage_pager(own.get(), section.name, &staged);
-        }
-        if (staged.pagers.size() == MAX_PAGERS || staged.rules.size() == MAX_RULES) {
-            break;
+        if (!take(own.get(), section.name, kind)) {
+            return;
         }
     }
+}
+
+// Whether there is room for more in both tables.
+template <typename records_t>
+bool has_room(const records_t &records) {
+    return records.pagers.size() < MAX_PAGERS && records.rules.size() < MAX_RULES;
+}
+
+// Stages the sections in file order until one of the tables is full.
+staged_t stage_sections(const dictionary *dict) {
+    staged_t staged;
+    staged.pagers.reserve(MAX_PAGERS);  // growing would hold the records twice
+    staged.rules.reserve(MAX_RULES);
+    visit_sections(dict, [&](const dictionary *own, const char *name, section_kind_t kind) {
+        if (kind == section_kind_t::RULE) {
+            stage_rule(own, name, &staged);
+        } else {
+            stage_pager(own, name, &staged);
+        }
+        return has_room(staged);
+    });
     return staged;
 }
 
@@ -301,13 +282,17 @@ void publish(const staged_t &staged) {
     table_generation.begin_writing();
     store_records(rules, staged.rules, 0, false);
     if (merges) {
-        store_settings(&pagers[0], staged.pagers[0]);
+        settings_store(&pagers[0], staged.pagers[0]);
+        settings_reconnect(&pagers[0], staged.pagers[0].protocol);
     }
     store_records(pagers, staged.pagers, merges ? 1 : 0, staged.slot_0_emptied);
     if (!staged.pagers.empty() || staged.slot_0_emptied) {
         stop_listening_behind(staged.pagers.size());
     }
     num_pagers = static_cast<int>(staged.pagers.size());
+    for (pager_t &pager : pagers) {
+        settings_renumber(&pager);
+    }
     table_generation.end_writing();
 }
 
@@ -319,8 +304,7 @@ int load_conf(const char *path) noexcept {
     if (!dict) {
         return -1;
     }
-    load_logger_settings(dict.get());
-    start_logging(dict.get());
+    apply_logger_settings(dict.get());
     load_tables(dict.get());
     return 0;
 }
@@ -333,14 +317,48 @@ void load_logger_settings(const dictionary *dict) noexcept {
     logfile = strdup(logger.text("log_file"));
 }
 
+void apply_logger_settings(const dictionary *dict) noexcept {
+    load_logger_settings(dict);
+    start_logging(dict);
+}
+
+read_conf_t read_conf(const char *path) {
+    read_conf_t conf{unique_dictionary_t(ini_load(path))};
+    if (!conf.dict) {
+        return conf;
+    }
+    begin_patterns();
+    visit_sections(conf.dict.get(),
+                   [&](const dictionary *own, const char *name, section_kind_t kind) {
+                       if (kind == section_kind_t::RULE) {
+                           load_rule(own, name, &conf.rules.emplace_back());
+                       } else {
+                           load_pager_settings(own, name, &conf.pagers.emplace_back());
+                       }
+                       return has_room(conf);
+                   });
+    return conf;
+}
+
 void load_tables(const dictionary *dict) noexcept {
     begin_patterns();
     publish(stage_sections(dict));
 }
 
 int load_pager(const dictionary *dict, const char *section, pager_t *pager) noexcept {
-    const section_t<section_kind_t::PAGER> keys(dict, section, MAX_PAGER_LOOKUP);
     pager_t fresh = *pager;
+    load_pager_settings(dict, section, &fresh);
+    if (!resolve_host(&fresh)) {
+        return -1;
+    }
+    settings_store(pager, fresh);
+    settings_reconnect(pager, fresh.protocol);
+    return 0;
+}
+
+void load_pager_settings(const dictionary *dict, const char *section, pager_t *pager) noexcept {
+    const section_t<section_kind_t::PAGER> keys(dict, section, MAX_PAGER_LOOKUP);
+    pager_t &fresh = *pager;
     rename_pager(&fresh, section);
     copy_if_present(fresh.host, keys.text("host"));
     fresh.port = static_cast<int16_t>(keys.integer("port"));
@@ -363,11 +381,7 @@ int load_pager(const dictionary *dict, const char *section, pager_t *pager) noex
     copy_text(fresh.status_called, keys.text("status_called"));
     copy_text(fresh.status_answered, keys.text("status_answered"));
     copy_text(fresh.status_unanswered, keys.text("status_unanswered"));
-    if (!resolve_host(&fresh)) {
-        return -1;
-    }
-    store_settings(pager, fresh);
-    return 0;
+    fresh.configured_protocol = fresh.protocol;
 }
 
 int load_rule(const dictionary *dict, const char *section, rule_t *rule) noexcept {

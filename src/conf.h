@@ -7,6 +7,9 @@
 #include <iniparser.h>
 #include <netdb.h>
 
+#include <vector>
+
+#include "ini.h"
 #include "tables.h"
 
 extern char *logfile;      // heap text
@@ -36,8 +39,25 @@ void load_tables(const dictionary *dict) noexcept;
 // unchanged.
 int load_pager(const dictionary *dict, const char *section, pager_t *pager) noexcept;
 
+// Does the same but for finding the host: `pager`, which nobody else reads, has no address yet.
+void load_pager_settings(const dictionary *dict, const char *section, pager_t *pager) noexcept;
+
 // Loads a rule section into `rule`, replacing the whole record. Returns 0 always.
 int load_rule(const dictionary *dict, const char *section, rule_t *rule) noexcept;
+
+// A configuration file that was read and changes nothing yet: pagers without their addresses, in file order,
+// and rules, as many as the tables hold.
+struct read_conf_t {
+    unique_dictionary_t dict;  // null: it could not be opened
+    std::vector<pager_t> pagers = {};
+    std::vector<rule_t> rules = {};
+};
+
+// Reads a file apart from the tables. Like a load, for one thread at a time.
+read_conf_t read_conf(const char *path);
+
+// Applies the logger's settings of a file: log, status file, journal, and whether later loads are live.
+void apply_logger_settings(const dictionary *dict) noexcept;
 
 // Sets the logger settings to their defaults: file, "/var/log/quillet.log", log level 5.
 void init_defaults() noexcept;

@@ -8,6 +8,7 @@
 #include "action.h"
 #include "clock.h"
 #include "link.h"
+#include "roster.h"
 #include "service_log.h"
 #include "stats.h"
 #include "text.h"
@@ -45,15 +46,35 @@ void begin_connection(const connection_t *connection) {
     call_service_action(connection->pager, ALARM_CONNECTED);
 }
 
-bool has_knock(const listener_t &listener) {
-    pollfd waiting{listener.fd(), POLLIN, 0};
-    return poll(&waiting, 1, KNOCK_WAIT_MS) > 0;
+// A call of the loader ends the wait too.
+bool has_knock(const connection_t &connection) {
+    pollfd waiting[] = {{connection.listener.fd(), POLLIN, 0},
+                        {roster_fd(connection.pager), POLLIN, 0}};
+    return poll(waiting, 2, KNOCK_WAIT_MS) > 0 && waiting[0].revents != 0;
+}
+
+// Whether the loader wants the line elsewhere, or not at all any more.
+bool heed_farewell(void *context) {
+    const auto *connection = static_cast<const connection_t *>(context);
+    if (connection->call.fd < 0) {
+        return false;
+    }
+    roster_hear(connection->pager);
+    return connection_is_reloaded(connection) || roster_is_dismissed(connection->pager);
+}
+
+// A change that lets the line be holds from the next message on: a turn that has not begun to read one ends.
+bool heed_call(void *context) {
+    auto *connection = static_cast<connection_t *>(context);
+    connection->is_called =
+        heed_farewell(connection) || my_stats().received_bytes.get() == connection->received_before;
+    return connection->is_called;
 }
 
 // The paging system connects while its line is silent: whoever lost his power has closed nothing.
 bool heed_knock(void *context) {
     auto *connection = static_cast<connection_t *>(context);
-    const unsigned load = table_generation.number();
+    const unsigned load = load_shared(connection->pager->load);
     if (connection_is_reloaded(connection)) {
         return true;  // it may be another's by now, or at another port
     }
@@ -68,10 +89,16 @@ bool heed_knock(void *context) {
     return true;
 }
 
+void hear_loader_and_knocks(connection_t *connection) {
+    const knock_t *call = connection->call.fd >= 0 ? &connection->call : nullptr;
+    connection->knock = {connection->listener.fd(), heed_knock, connection, call};
+    hear_while_waiting(connection->knock.fd >= 0 ? &connection->knock : call);
+}
+
 // The connection that came while there was another one, if it still may.
 int take_next(connection_t *connection) {
     const int next = std::exchange(connection->next, -1);
-    if (next >= 0 && connection->next_load != table_generation.number()) {
+    if (next >= 0 && connection->next_load != load_shared(connection->pager->load)) {
         close(next);
         return -1;
     }
@@ -114,6 +141,22 @@ bool connection_is_reloaded(const connection_t *connection) noexcept {
     return load_shared(connection->pager->socket) != connection->sock;
 }
 
+void connection_begin_turn(connection_t *connection) noexcept {
+    connection->is_called = false;
+    connection->received_before = my_stats().received_bytes.get();
+    if (connection->call.fd != roster_fd(connection->pager)) {
+        connection->call = {roster_fd(connection->pager), heed_call, connection};
+        hear_loader_and_knocks(connection);
+    }
+    if (connection->call.fd >= 0) {
+        roster_hear(connection->pager);
+    }
+}
+
+bool connection_is_called_away(const connection_t *connection) noexcept {
+    return connection->is_called || connection_is_reloaded(connection);
+}
+
 bool connection_open(connection_t *connection) noexcept {
     pager_t *pager = connection->pager;
     enter_state(line_state_t::CONNECTING);
@@ -130,9 +173,15 @@ bool connection_open(connection_t *connection) noexcept {
         return false;
     }
     LOG_SERVICE(LEVEL_VERBOSE, "Trying to connect %s:%u\n", to.host, to.shown_port);
-    if (!link_connect(connection->sock, to.address,
-                      connection_recovers(connection) ? CONNECT_LIMIT_SECONDS
-                                                      : AS_LONG_AS_THE_SYSTEM_TRIES)) {
+    const knock_t leave{roster_fd(pager), heed_farewell, connection};
+    if (!link_connect(
+            connection->sock, to.address,
+            connection_recovers(connection) ? CONNECT_LIMIT_SECONDS : AS_LONG_AS_THE_SYSTEM_TRIES,
+            leave.fd >= 0 ? &leave : nullptr)) {
+        if (heed_farewell(connection)) {
+            close_socket(connection);
+            return false;
+        }
         LOG_SERVICE(LEVEL_ERROR, "Error connecting to %s:%u\n", to.host, to.shown_port);
         call_service_action(pager, ALARM_NO_RESPONSE);
         close_socket(connection);
@@ -150,7 +199,7 @@ bool connection_open(connection_t *connection) noexcept {
 bool connection_await(connection_t *connection) noexcept {
     pager_t *pager = connection->pager;
     listener_t *listener = &connection->listener;
-    const unsigned load = table_generation.number();
+    const unsigned load = load_shared(pager->load);
     if (!listener->open(pager)) {
         connection_stop_listening(connection);
         enter_state(line_state_t::CONNECTING);
@@ -158,11 +207,10 @@ bool connection_await(connection_t *connection) noexcept {
         pause_us(CONNECT_PAUSE_US);
         return false;
     }
-    connection->knock = {listener->fd(), heed_knock, connection};
-    hear_while_waiting(&connection->knock);
+    hear_loader_and_knocks(connection);
     enter_state(line_state_t::WAITING);
     int sock = take_next(connection);
-    if (sock < 0 && has_knock(*listener) && table_generation.number() == load) {
+    if (sock < 0 && has_knock(*connection) && load_shared(pager->load) == load) {
         sock = listener->take(pager);
     }
     if (sock < 0) {
@@ -170,7 +218,7 @@ bool connection_await(connection_t *connection) noexcept {
         return false;
     }
     set_socket(connection, sock);
-    if (table_generation.number() != load) {
+    if (load_shared(pager->load) != load) {
         close_socket(connection);  // perhaps of a host that may not connect any more
         return false;
     }
@@ -180,8 +228,8 @@ bool connection_await(connection_t *connection) noexcept {
 }
 
 void connection_stop_listening(connection_t *connection) noexcept {
-    hear_while_waiting(nullptr);
     connection->listener.close();
+    hear_loader_and_knocks(connection);
     connection->waiting_since_us = 0;
     if (connection->next >= 0) {
         close(std::exchange(connection->next, -1));
@@ -198,7 +246,15 @@ void connection_abandon(connection_t *connection) noexcept {
         connection->abandoned.push_back(connection->sock);
     }
     connection->sock = -1;
-    if (connection_recovers(connection) || connection->listener.fd() >= 0) {
+    if (connection_recovers(connection) || connection->listener.fd() >= 0 || roster_is_live()) {
         close_abandoned(connection);
+    }
+}
+
+void connection_end(connection_t *connection) noexcept {
+    connection_stop_listening(connection);
+    close_abandoned(connection);
+    if (connection->sock >= 0) {
+        close(connection->sock);
     }
 }

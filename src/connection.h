@@ -2,9 +2,10 @@
 //
 // The thread knows it by `sock`. A record whose `socket` differs has been loaded again, and what became of
 // the connection says nothing about the new one: it is abandoned, and stays open unused for as long as
-// descriptors allow.
+// descriptors allow; with `live_reload` it is closed.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include "listener.h"
@@ -18,8 +19,11 @@ struct connection_t {
     listener_t listener = {};      // of a pager that listens
     knock_t knock = {};            // what the listener's connections are for a wait on the line
     int next = -1;                 // a connection that takes the place of `sock`
-    unsigned next_load = 0;        // the table generation in which it may
+    unsigned next_load = 0;        // the pager's `load` in which it may
     int64_t waiting_since_us = 0;  // for its paging system; 0: not waiting
+    knock_t call = {-1, nullptr, nullptr};  // what the loader's calls are for a wait on the line
+    uint64_t received_before = 0;           // bytes of the line, when this turn began
+    bool is_called = false;                 // and the turn ended for it
 };
 
 // Where a pager's converter is, read from its record.
@@ -35,6 +39,14 @@ bool connection_recovers(const connection_t *connection) noexcept;
 
 // Whether the pager was loaded again since the connection was made.
 bool connection_is_reloaded(const connection_t *connection) noexcept;
+
+// Begins a turn: what the loader has called for is done by now, and from here on it is heard while the thread
+// waits, which ends the turn unless something has been received in it.
+void connection_begin_turn(connection_t *connection) noexcept;
+
+// Whether a wait ended because the pager was loaded again or the loader called, rather than by what became
+// of the connection.
+bool connection_is_called_away(const connection_t *connection) noexcept;
 
 // Waits three seconds and connects; raises connected, or why it could not. Returns whether there is a
 // connection now.
@@ -53,3 +65,6 @@ void connection_drop(connection_t *connection, int alrm) noexcept;
 
 // Leaves the connection of a pager that was loaded again.
 void connection_abandon(connection_t *connection) noexcept;
+
+// Closes whatever is open.
+void connection_end(connection_t *connection) noexcept;

@@ -41,6 +41,7 @@ using calls_t = std::vector<open_call_t>;
 // What the threads share; lives as long as any of them.
 struct shared_t {
     std::mutex lock;
+    std::mutex turn;  // held while calls are looked at
     std::condition_variable has_more;
     calls_t added;
     std::set<std::string> known;        // directory and name of every call that is followed
@@ -279,6 +280,7 @@ void follow_calls() {
     calls_t calls;
     while (doexit == 0) {
         wait_for_turn(&calls);
+        const std::lock_guard held(shared.turn);
         const int64_t now = microseconds_passed();
         for (open_call_t &call : calls) {
             take_turn(&call, calls, now);
@@ -373,6 +375,14 @@ void follow_start() noexcept {
         std::thread(follow_calls).detach();
         is_started = true;
     }
+}
+
+bool follow_between_turns(const std::function<void()> &change) noexcept {
+    const std::unique_lock held(shared.turn, std::try_to_lock);
+    if (held) {
+        change();
+    }
+    return bool(held);
 }
 
 void follow_call(const pager_t *pager, const char *staging_dir, const followed_call_t &call,

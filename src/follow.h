@@ -16,6 +16,8 @@
 // A command that is killed with the process is run again.
 #pragma once
 
+#include <functional>
+
 #include "followed.h"
 
 // How often a message may be passed on.
@@ -25,6 +27,10 @@ constexpr int MAX_PASSED_ON = 10;
 // its calls. For the main thread, after each load of the configuration and with the account's rights,
 // before the staging directories are cleaned.
 void follow_start() noexcept;
+
+// Calls `change` while no call is looked at, so that it may take a line's record away, unless one is being
+// looked at now. Returns whether it was called.
+bool follow_between_turns(const std::function<void()> &change) noexcept;
 
 // Follows a call whose file lies in the spool directory. For any thread.
 //   staging_dir  of the pager, where its link is

@@ -48,13 +48,14 @@ using enum section_kind_t;
 using enum reading_t;
 
 // In the order of the manual.
-constexpr std::array<config_key_t, 51> TABLE = {{
+constexpr std::array<config_key_t, 52> TABLE = {{
     {LOGGER, "log_type", TEXT, 0, "file", 0, "file syslog"},
     {LOGGER, "log_level", NUMBER, 0, nullptr, DEFAULT_LOG_LEVEL},
     {LOGGER, "log_file", TEXT, 0, DEFAULT_LOG_FILE},
     {LOGGER, "status_file", TEXT, 0, ""},
     {LOGGER, "journal_file", TEXT, 0, ""},
     {LOGGER, "log_escape", YES_NO, 0, nullptr, 0},
+    {LOGGER, "live_reload", YES_NO, 0, nullptr, 0},
 
     {PAGER, "host", TEXT, sizeof pager_t::host, nullptr},
     {PAGER, "port", NUMBER, 0, nullptr, 2233},

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "clock.h"
 #include "fd.h"
 
 namespace {
@@ -20,15 +21,23 @@ constexpr int KEEPALIVE_INTERVAL_SECONDS = 15;
 constexpr int KEEPALIVE_PROBES = 4;
 
 // An attempt that was begun goes on by itself; returns whether it succeeded in the end.
-bool finish_connect(int sock, int seconds) {
-    pollfd waiting{sock, POLLOUT, 0};
-    int ready = 0;
-    do {
-        ready = poll(&waiting, 1, seconds < 0 ? -1 : seconds * 1000);
-    } while (ready < 0 && errno == EINTR);
+bool finish_connect(int sock, int seconds, const knock_t *heard) {
+    pollfd waiting[] = {{sock, POLLOUT, 0}, {heard != nullptr ? heard->fd : -1, POLLIN, 0}};
+    const int64_t until_us = microseconds_passed() + seconds * int64_t{1'000'000};
+    for (;;) {
+        const int64_t left_us = std::max<int64_t>(until_us - microseconds_passed(), 0);
+        const int ready = poll(waiting, 2, seconds < 0 ? -1 : static_cast<int>(left_us / 1000) + 1);
+        if (ready > 0 && waiting[0].revents != 0) {
+            break;
+        }
+        const bool is_over = ready == 0 || (ready < 0 && errno != EINTR);
+        if (is_over || (ready > 0 && heard->heed(heard->context))) {
+            return false;
+        }
+    }
     int error = 0;
     socklen_t size = sizeof error;
-    return ready > 0 && getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
+    return getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
 }
 
 }  // namespace
@@ -53,18 +62,20 @@ bool link_prepare(int sock) noexcept {
     return true;
 }
 
-bool link_connect(int sock, const sockaddr_in &address, int seconds) noexcept {
-    const auto set_blocking = [sock](bool blocks) {
+bool link_connect(int sock, const sockaddr_in &address, int seconds,
+                  const knock_t *heard) noexcept {
+    const auto set_blocking = [sock](bool is_blocking) {
         const int flags = fcntl(sock, F_GETFL);
-        fcntl(sock, F_SETFL, blocks ? flags & ~O_NONBLOCK : flags | O_NONBLOCK);
+        fcntl(sock, F_SETFL, is_blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK);
     };
-    if (seconds >= 0) {
+    const bool blocks = seconds < 0 && heard == nullptr;
+    if (!blocks) {
         set_blocking(false);
     }
     const bool connected =
         connect(sock, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
-        ((errno == EINTR || errno == EINPROGRESS) && finish_connect(sock, seconds));
-    if (seconds >= 0) {
+        ((errno == EINTR || errno == EINPROGRESS) && finish_connect(sock, seconds, heard));
+    if (!blocks) {
         set_blocking(true);
     }
     return connected;

@@ -10,6 +10,7 @@
 
 #include "files.h"
 #include "logger.h"
+#include "roster.h"
 
 namespace {
 
@@ -26,7 +27,7 @@ void read_settings(open_call_t *open) noexcept {
         open->pager = nullptr;
         for (pager_t &pager : pagers) {
             if (open->pager == nullptr && !open->call.line.empty() &&
-                open->call.line == text_copy_t(pager.name).text) {
+                !roster_is_dismissed(&pager) && open->call.line == text_copy_t(pager.name).text) {
                 open->pager = &pager;
             }
         }

@@ -19,6 +19,41 @@ constexpr char POLL_ADDRESS = '2';
 constexpr char SELECT_ADDRESS = '1';
 constexpr std::string_view POLL_REPLY = "2\x05\x1F";  // the address, ENQ and US
 
+constexpr int MAX_KNOCKS = 2;
+thread_local const knock_t *heard = nullptr;
+
+// Returns how many there are.
+nfds_t list_knocks(pollfd *waiting) {
+    nfds_t count = 0;
+    for (const knock_t *knock = heard; knock != nullptr; knock = knock->also) {
+        waiting[count++] = {knock->fd, POLLIN, 0};
+    }
+    return count;
+}
+
+// Whether one of those who knock has the wait given up; `knocks` are polled in the order of `heard`.
+bool is_given_up(const pollfd *knocks) {
+    bool is_given_up = false;
+    for (const knock_t *knock = heard; knock != nullptr; knock = knock->also, knocks++) {
+        if (knocks->revents != 0 && knock->heed(knock->context)) {
+            is_given_up = true;
+        }
+    }
+    return is_given_up;
+}
+
+// Sleeps, unless somebody who knocks meanwhile has the wait given up; returns whether he has.
+bool pause_until_given_up(long microseconds) {
+    if (heard == nullptr) {
+        pause_us(microseconds);
+        return false;
+    }
+    pollfd waiting[MAX_KNOCKS];
+    const nfds_t count = list_knocks(waiting);
+    const int ready = poll(waiting, count, static_cast<int>(microseconds / 1000));
+    return ready > 0 && is_given_up(waiting);
+}
+
 void reply(int sock, char byte) {
     write_reply(sock, {&byte, 1});
 }
@@ -92,7 +127,10 @@ int read_block(int sock, char *packet, int maxlen, const espa_options_t &options
             return -1;
         }
         if (got == 0) {
-            pause_us(CLOSED_PEER_PAUSE_US);  // a closed connection is always readable
+            // A closed connection is always readable.
+            if (pause_until_given_up(CLOSED_PEER_PAUSE_US)) {
+                return -1;
+            }
         } else if (*place == ETX) {
             return finish_block(sock, packet, stored + 1, options);
         } else if (*place == EOT) {
@@ -106,19 +144,18 @@ int read_block(int sock, char *packet, int maxlen, const espa_options_t &options
     return stored;
 }
 
-thread_local const knock_t *heard = nullptr;
-
 // wait_data() while somebody else is heard, who may knock all the time.
 int wait_for_data_or_knock(int sock) {
     constexpr int64_t WAIT_US = READ_WAIT_SECONDS * int64_t{1'000'000};
     const int64_t until_us = microseconds_passed() + WAIT_US;
     for (int64_t left_us = WAIT_US; left_us > 0; left_us = until_us - microseconds_passed()) {
-        pollfd waiting[] = {{sock, POLLIN | POLLPRI, 0}, {heard->fd, POLLIN, 0}};
-        const int ready = poll(waiting, 2, static_cast<int>(left_us / 1000) + 1);
+        pollfd waiting[1 + MAX_KNOCKS] = {{sock, POLLIN | POLLPRI, 0}};
+        const nfds_t count = 1 + list_knocks(waiting + 1);
+        const int ready = poll(waiting, count, static_cast<int>(left_us / 1000) + 1);
         if (ready > 0 && waiting[0].revents != 0) {
             return (waiting[0].revents & POLLPRI) != 0 ? -1 : 1;
         }
-        if (ready > 0 && heard->heed(heard->context)) {
+        if (ready > 0 && is_given_up(waiting + 1)) {
             return -1;
         }
     }

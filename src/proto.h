@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "espa.h"
+#include "knock.h"
 #include "tables.h"
 
 // Waits up to 15 seconds until `sock` can be read. A signal does not shorten the wait.
@@ -16,14 +17,7 @@
 // exceptional condition.
 int wait_data(int sock) noexcept;
 
-// Somebody else whom a thread hears while it waits for its line and there is nothing to read.
-struct knock_t {
-    int fd;                       // becomes readable
-    bool (*heed)(void *context);  // called then; whether the line is given up for it
-    void *context;
-};
-
-// Whom wait_data() hears from now on in the calling thread; it returns -1 when the line is given up. Null:
+// Whom wait_data() hears from now on in the calling thread where there is nothing to read; it returns -1 when the wait is given up. Null:
 // nobody, as in the beginning.
 void hear_while_waiting(const knock_t *knock) noexcept;
 

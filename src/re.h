@@ -10,6 +10,8 @@
 // Null: not compiled, matches nothing.
 struct pattern_t {
     const regex_t *compiled;
+
+    bool operator==(const pattern_t &) const = default;
 };
 
 // Begins with the patterns of another configuration. Those of one can take 10 seconds of CPU time and 512

@@ -96,3 +96,10 @@ void drop_report(const pager_t *pager, const std::string &packet) noexcept {
         drop_oldest(&queue);
     }
 }
+
+void drop_reports(const pager_t *pager) noexcept {
+    queue_t &queue = queue_of(pager);
+    const std::lock_guard held(queue.lock);
+    queue.reports.clear();
+    queue.is_empty = true;
+}

@@ -29,5 +29,8 @@ void offer_report(const pager_t *pager) noexcept;
 // The one that waits longest; empty when none does.
 std::string next_report(const pager_t *pager) noexcept;
 
+// Drops all of a line that is gone.
+void drop_reports(const pager_t *pager) noexcept;
+
 // It has been acknowledged, and waits no more, if it is still the one that waits longest.
 void drop_report(const pager_t *pager, const std::string &packet) noexcept;

@@ -1,6 +1,7 @@
 #include "rule.h"
 
 #include "logger.h"
+#include "roster.h"
 
 namespace {
 
@@ -30,18 +31,34 @@ int match_index(const rule_t *rule, const char *message, const call_fields_t &fi
     return is_candidate ? match_regex(&rule->pattern, message, nullptr, 0) : 0;
 }
 
+void consider(rule_t *rule, const char *message, const call_fields_t &fields, choice_t *choice) {
+    const int index = match_index(rule, message, fields);
+    if (index > choice->best) {
+        choice->rule = rule;
+        choice->best = index;
+    }
+}
+
 choice_t choose(const pager_t *pager, const char *message, const call_fields_t &fields) {
     text_copy_t list(pager->rules);
     choice_t choice{nullptr, 0, list.text[0] == '\0'};
     visit_rule_list(list.text, [&](const char * /*name*/, rule_t *rule) {
-        const int index = match_index(rule, message, fields);
-        if (index > choice.best) {
-            choice.rule = rule;
-            choice.best = index;
-        }
+        consider(rule, message, fields, &choice);
     });
     if (choice.rule == nullptr) {
         choice.rule = get_rule_by_name(text_copy_t(pager->default_rule).text);
+    }
+    return choice;
+}
+
+// The same for a line that is dismissed.
+choice_t choose(parting_rules_t *from, const char *message, const call_fields_t &fields) {
+    choice_t choice{nullptr, 0, from->listed.empty()};
+    for (rule_t &rule : from->listed) {
+        consider(&rule, message, fields, &choice);
+    }
+    if (choice.rule == nullptr && from->fallback) {
+        choice.rule = &*from->fallback;
     }
     return choice;
 }
@@ -52,7 +69,8 @@ rule_t *choose_and_log(const pager_t *pager, const char *message, const call_fie
     const char *text = message != nullptr ? message : "";
     choice_t choice{};
     read_tables([&] {
-        choice = choose(pager, text, fields);
+        parting_rules_t *parting = roster_parting_rules(pager);
+        choice = parting == nullptr ? choose(pager, text, fields) : choose(parting, text, fields);
         if (copy != nullptr && choice.rule != nullptr) {
             copy_shared(copy, *choice.rule);
         }

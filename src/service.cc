@@ -13,6 +13,7 @@
 #include "espa.h"
 #include "message.h"
 #include "proto.h"
+#include "roster.h"
 #include "service_log.h"
 #include "station_reader.h"
 #include "stats.h"
@@ -122,7 +123,7 @@ void serve_espa(line_t *line) {
                              options.leaves_answer && line->buffer[result] == ETX,
                              microseconds_passed());
         handle_espa_packet(line, &answer);
-    } else if (connection_is_reloaded(&line->connection)) {
+    } else if (connection_is_called_away(&line->connection)) {
         return;  // what became of the abandoned connection says nothing about the new one
     } else if (result < 0) {
         if (connection_recovers(&line->connection)) {
@@ -162,7 +163,7 @@ void serve_station(line_t *line) {
     const int result = station_read_packet(&*line->station, line->connection.sock, line->buffer);
     if (result > 1) {
         handle_addressed_packet(line, result);
-    } else if (connection_is_reloaded(&line->connection)) {
+    } else if (connection_is_called_away(&line->connection)) {
         return;
     } else if (result < 0) {
         report_failure(line, result);
@@ -216,7 +217,7 @@ void serve_ascii(line_t *line) {
         ascii_read_packet(line->connection.sock, line->buffer, PACKET_SIZE, &pager->polls);
     if (result > 1) {
         handle_ascii_line(line);
-    } else if (connection_is_reloaded(&line->connection)) {
+    } else if (connection_is_called_away(&line->connection)) {
         return;
     } else if (result < 0) {
         connection_drop(&line->connection, ALARM_CONNECTION_LOST);
@@ -241,10 +242,12 @@ bool connect_line(line_t *line) {
 
 void serve_turn(line_t *line) {
     memset(line->buffer, 0, sizeof line->buffer);
+    connection_begin_turn(&line->connection);
     if (connection_is_reloaded(&line->connection)) {
         connection_abandon(&line->connection);
     }
-    if (line->connection.sock < 0 && !connect_line(line)) {
+    if (roster_is_dismissed(line->connection.pager) ||
+        (line->connection.sock < 0 && !connect_line(line))) {
         return;
     }
     const int protocol = load_shared(line->connection.pager->protocol);
@@ -267,10 +270,14 @@ void *service_proc(void *argument) noexcept {
     stats_serve(pager);
     LOG_SERVICE(LEVEL_VERBOSE, "Starting thread for pager %s\n", table_text(pager->name).text);
     call_service_action(pager, ALARM_STARTED);
-    while (doexit == 0) {
+    while (doexit == 0 && !roster_is_dismissed(pager)) {
         serve_turn(&line);
     }
     call_service_action(pager, ALARM_TERMINATED);
     enter_state(line_state_t::ENDED);
+    if (doexit == 0) {
+        connection_end(&line.connection);
+        roster_end(pager);
+    }
     return nullptr;
 }

@@ -11,5 +11,5 @@ constexpr size_t MIN_ASCII_LENGTH = 5;
 extern std::atomic<int> doexit;
 
 // Start routine of a service thread; `pager` is the thread's pager_t. Connects, reads, dispatches
-// and reconnects until `doexit` is set. Returns null.
+// and reconnects until `doexit` is set or the line is dismissed. Returns null.
 void *service_proc(void *pager) noexcept;

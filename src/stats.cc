@@ -1,5 +1,7 @@
 #include "stats.h"
 
+#include <memory>
+
 #include "alarm.h"
 #include "clock.h"
 
@@ -18,6 +20,20 @@ line_stats_t &stats_of(const pager_t *pager) {
 void stats_begin(const pager_t *pager) noexcept {
     stats_of(pager).state_since_ms = milliseconds_now();
     stats_of(pager).is_served = true;
+}
+
+void stats_end(const pager_t *pager) noexcept {
+    std::destroy_at(&stats_of(pager));
+    std::construct_at(&stats_of(pager));
+}
+
+line_count_t count_lines() noexcept {
+    line_count_t count{};
+    for (const line_stats_t &stats : line_stats) {
+        count.served += stats.is_served ? 1 : 0;
+        count.unconnected += stats.is_served && is_unconnected(stats.state) ? 1 : 0;
+    }
+    return count;
 }
 
 void stats_serve(const pager_t *pager) noexcept {

@@ -62,6 +62,16 @@ extern std::array<line_stats_t, MAX_PAGERS> line_stats;
 // A pager of the table gets a thread: its line is shown from now on.
 void stats_begin(const pager_t *pager) noexcept;
 
+// It has none any more: its line is not shown, and its counters begin anew.
+void stats_end(const pager_t *pager) noexcept;
+
+// How many lines are served, and how many of them have no connection at the moment.
+struct line_count_t {
+    int served;
+    int unconnected;
+};
+line_count_t count_lines() noexcept;
+
 // Makes the calling thread the one that counts for a pager of the table.
 void stats_serve(const pager_t *pager) noexcept;
 

@@ -36,6 +36,7 @@ struct {
     int64_t started_ms = milliseconds_now();
     int64_t loaded_ms = 0;
     int loads = 0;
+    bool is_load_whole = true;
     bool failed = false;  // has been logged for this load
     std::string content;  // of the file, without the time that it carries
     int64_t written_ms = 0;
@@ -313,6 +314,8 @@ std::string content_of(bool is_up) {
     }
     expose_calls(&out, lines);
     expose_undelivered(&out, lines);
+    out.begin("load_success", "gauge", "1 if the last load of the configuration took all of it.");
+    out.sample("", status.is_load_whole);
     return std::move(out.text());
 }
 
@@ -368,6 +371,11 @@ void status_init(const char *file) noexcept {
     status.loads++;
     status.failed = false;
     status.content.clear();
+    status.is_load_whole = true;
+}
+
+void status_load_failed() noexcept {
+    status.is_load_whole = false;
 }
 
 bool status_is_kept() noexcept {

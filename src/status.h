@@ -4,6 +4,9 @@
 // Sets the file; empty: no status file. Counts as a load of the configuration.
 void status_init(const char *file) noexcept;
 
+// A load, or a part of one, failed after status_init(), or there was none because of that.
+void status_load_failed() noexcept;
+
 // Whether there is a status file.
 bool status_is_kept() noexcept;
 

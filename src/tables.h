@@ -62,12 +62,16 @@ struct call_fields_t {
 struct condition_t {
     int is_given;
     pattern_t pattern;
+
+    bool operator==(const condition_t &) const = default;
 };
 
 // A named extra pattern of a rule; "$" and the name stand for what it extracts from the message.
 struct value_t {
     char name[256];  // lower case
     pattern_t pattern;
+
+    bool operator==(const value_t &) const = default;
 };
 
 constexpr int NOT_GIVEN = -1;  // of a number that has no default
@@ -94,6 +98,8 @@ struct rule_t {
     int confirm;                          // answered is what was confirmed at the telephone
     int give_up;                          // seconds until a call without an outcome is lost
     char otherwise[256];                  // the rule that takes what nobody answered; empty: none
+
+    bool operator==(const rule_t &) const = default;
 };
 
 // One pager interface.
@@ -133,6 +139,7 @@ struct pager_t {
     char status_called[2];     // what the control station is told of a call; empty: nothing
     char status_answered[2];
     char status_unanswered[2];
+    unsigned load;  // another number after every load that gives it another connection
 };
 
 extern pager_t pagers[MAX_PAGERS];

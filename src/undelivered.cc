@@ -29,6 +29,12 @@ void keep_undelivered(const undelivered_t &message) {
     all.push_back(message);
 }
 
+void forget_undelivered(size_t line) {
+    const std::lock_guard held(kept.lock);
+    std::erase_if(kept.messages,
+                  [&](const undelivered_t &message) { return message.line == line; });
+}
+
 std::vector<undelivered_t> recently_undelivered() {
     const std::lock_guard held(kept.lock);
     const int64_t now = milliseconds_now();

@@ -15,5 +15,8 @@ struct undelivered_t {
 // Keeps the latest eight of each line. For any thread, as is the next.
 void keep_undelivered(const undelivered_t &message);
 
+// Forgets those of a line that is gone.
+void forget_undelivered(size_t line);
+
 // Those of the last hour.
 std::vector<undelivered_t> recently_undelivered();

@@ -22,8 +22,11 @@
 #include "follow.h"
 #include "instance.h"
 #include "journal.h"
+#include "live.h"
 #include "logger.h"
+#include "notify.h"
 #include "rights.h"
+#include "roster.h"
 #include "service.h"
 #include "sig.h"
 #include "stats.h"
@@ -33,8 +36,8 @@ namespace {
 
 constexpr const char *ACCOUNT = "ovo";
 
+constexpr int64_t SHOW_EVERY_US = 1'000'000;
 constexpr long SHUTDOWN_GRACE_US = 10'000'000;
-constexpr long MAIN_LOOP_PAUSE_US = 1'000'000;
 
 void clean_staging_directories() {
     for (int i = 0; i < num_pagers; i++) {
@@ -46,9 +49,7 @@ void clean_staging_directories() {
 
 void start_service_threads() {
     for (int i = 0; i < num_pagers; i++) {
-        pthread_mutex_init(&pagers[i].lock, nullptr);
-        stats_begin(&pagers[i]);
-        pthread_create(&pagers[i].bg, nullptr, service_proc, &pagers[i]);
+        roster_start(&pagers[i], service_proc);
     }
 }
 
@@ -84,6 +85,40 @@ void heed_children() {
         signal_set_handler(SIGCHLD, 0, tells ? SIG_DFL : SIG_IGN);
     }
     heeds = tells;
+}
+
+// What a load of the configuration changes beyond the tables.
+void heed_load() {
+    heed_children();
+    follow_start();
+}
+
+// How the lines fare, for those who ask the service manager.
+void tell_manager() {
+    static std::string last;
+    if (!notify_is_wanted()) {
+        return;
+    }
+    const line_count_t lines = count_lines();
+    std::string text = std::to_string(lines.served) + (lines.served == 1 ? " line" : " lines");
+    if (lines.unconnected > 0) {
+        text += ", " + std::to_string(lines.unconnected) + " without connection";
+    }
+    if (text != last) {
+        notify("STATUS=" + text);
+        last = text;
+    }
+}
+
+// Once a second, however often the main thread is woken.
+void show_status() {
+    static int64_t shown_us = 0;
+    const int64_t now = microseconds_passed();
+    if (shown_us == 0 || now - shown_us >= SHOW_EVERY_US) {
+        status_update();
+        tell_manager();
+        shown_us = now;
+    }
 }
 
 // The daemon works in "/", from where a reload would not find a relative path.
@@ -128,6 +163,7 @@ void go_to_background(const char *program) {
     if (foreground == 0) {
         go_to_background(program);
     }
+    notify_init();
     start_logger();
     // The group id in the place of the effective user id: the account has the two equal.
     if (setreuid(uid, gid) != 0) {
@@ -138,10 +174,14 @@ void go_to_background(const char *program) {
     follow_start();
     clean_staging_directories();
     start_service_threads();
+    notify(READY);
     for (;;) {
         signal_handle_all();
-        status_update();
-        pause_us(MAIN_LOOP_PAUSE_US);  // signals that come in the meantime are handled together
+        if (live_update()) {
+            heed_load();
+        }
+        show_status();
+        live_pause();  // signals that come in the meantime are handled together
     }
 }
 
@@ -184,7 +224,8 @@ void occupy_standard_descriptors() {
 void sig_term(int signo) noexcept {
     LOG(LEVEL_NOTICE, "Caught signal %d. Exiting.", signo);
     doexit = 1;
-    pause_us(SHUTDOWN_GRACE_US);
+    notify("STOPPING=1");
+    pause_alive_us(SHUTDOWN_GRACE_US);
     if (signo != SIGABRT) {
         status_end();  // takes memory, which a signal context must not
     }
@@ -198,6 +239,13 @@ void sig_term(int signo) noexcept {
 void sig_hup(int /*signo*/) noexcept {
     const std::string path(config_file);
     LOG(LEVEL_NOTICE, "Hangup. Reloading configuration.");
+    if (roster_is_live()) {
+        live_load(path.c_str());
+        return;
+    }
+    const kept_alive_t alive;
+    notify_reloading();
+    live_forget();
     free_confvals();
     if (load_conf(path.c_str()) < 0) {
         LOG(LEVEL_ERROR, "Unable to open configuration file %s. Exiting...", path.c_str());
@@ -205,8 +253,9 @@ void sig_hup(int /*signo*/) noexcept {
         exit(0);
     }
     start_logger();
-    heed_children();
-    follow_start();
+    heed_load();
+    live_serve_all();
+    notify(READY);
 }
 
 void vesperd_run(int argc, char **argv) noexcept {

@@ -67,6 +67,10 @@ TEST(Status, IsJudged) {
          "CRITICAL - a: ended 16 min ago |"},
         {line("a", "ended", 130) + line("b", "idle", 130), "--critical-all", 1,
          "WARNING - a: ended 2 min ago |"},
+        {served(1, 0, "vesperd_load_success 0\nvesperd_load_time_seconds" + ago(130)), "", 1,
+         "WARNING - the last reload failed, at least in part: the log says why, and in force is "
+         "what "
+         "was loaded 2 min ago |"},
         {served(1, 0, "vesperd_reloads_total 1"), "", 3, "UNKNOWN - cannot read "},
         {served(1, 0, "vesperd_reloads_total NaN\n"), "", 3, "UNKNOWN - "},
         {served(1, 0, "node_procs{pid=1} 1\n"), "", 3, "UNKNOWN - "},
@@ -185,7 +189,7 @@ TEST(Status, IsReportedInEveryForm) {
               "'protocol':'espa','configured':'espa','protocol_since':null,'connects':0,"
               "'received_bytes':0,'polls':0,'packets':0,'check_errors':0,'messages':0,"
               "'unmatched':0,'last_message':null,'actions':{},'alarms':{},"
-              "'calls':{'open':0,'undelivered':[]}}]}]}\n");
+              "'calls':{'open':0,'undelivered':[]}}],'load_success':true}]}\n");
 }
 
 TEST(Status, IsJudgedAtItsLimits) {

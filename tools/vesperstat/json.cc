@@ -88,7 +88,8 @@ json_t instance_json(const report_t &report) {
             {"written", time_or_null(status.written)},
             {"load", time_or_null(status.load)},
             {"reloads", status.reloads},
-            {"lines", std::move(lines)}};
+            {"lines", std::move(lines)},
+            {"load_success", status.is_load_whole}};
 }
 
 }  // namespace

@@ -10,6 +10,7 @@ namespace {
 constexpr double USUAL_SECONDS = 10;
 
 constexpr std::string_view UNANSWERED = "unanswered";  // says nothing of the line
+constexpr std::string_view NOT_LOADED = "load";        // nor of whether the daemon runs
 
 constexpr double MINUTE = 60;
 constexpr double HOUR = 60 * MINUTE;
@@ -30,6 +31,16 @@ class judge_t {
             add(level_t::CRITICAL, "gone", 0,
                 "vesperd is gone or the clock was set, its status is " + duration_words(-age) +
                     " ahead");
+        }
+    }
+
+    void judge_load(const status_t &status) {
+        if (!status.is_load_whole) {
+            const std::string age = duration_words(since(status.load));
+            add(level_t::WARNING, NOT_LOADED, 0,
+                "the last reload failed, at least in part: the log says why, and in force is what "
+                "was loaded " +
+                    age + " ago");
         }
     }
 
@@ -123,6 +134,7 @@ std::vector<problem_t> judge(const status_t &status, const limits_t &limits, dou
     if (!problems.empty()) {
         return problems;
     }
+    judge.judge_load(status);
     for (const line_status_t &line : status.lines) {
         judge.judge_line(line, status.start);
     }
@@ -148,8 +160,9 @@ bool has_working_line(const status_t &status, std::vector<problem_t> problems) {
 }
 
 bool is_running(const std::vector<problem_t> &problems) noexcept {
-    return std::none_of(problems.begin(), problems.end(),
-                        [](const problem_t &problem) { return problem.line.empty(); });
+    return std::none_of(problems.begin(), problems.end(), [](const problem_t &problem) {
+        return problem.line.empty() && problem.kind != NOT_LOADED;
+    });
 }
 
 std::string duration_words(double seconds) {

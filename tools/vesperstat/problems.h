@@ -22,7 +22,8 @@ struct limits_t {
 struct problem_t {
     level_t level = level_t::OK;
     std::string_view
-        kind;  // "gone", "stopped", "down", "packet", "action", "fell_back", "silent", "unanswered"
+        kind;  // "gone", "stopped", "load", "down", "packet", "action", "fell_back", "silent",
+               // "unanswered"
     std::string line;    // whose problem it is; empty: the daemon's
     double seconds = 0;  // for how long; 0 when that is not known
     std::string words;   // "no connection for 5 min"
@@ -38,7 +39,8 @@ level_t worst_level(const std::vector<problem_t> &problems, const std::string *l
 // Whether the daemon runs and one of its lines at least is not critical.
 bool has_working_line(const status_t &status, std::vector<problem_t> problems);
 
-// Whether the daemon runs and its file tells how its lines are: no problem is its own.
+// Whether the daemon runs and its file tells how its lines are: no problem is its own, but
+// for a load that failed.
 bool is_running(const std::vector<problem_t> &problems) noexcept;
 
 // "45 s", "12 min", "3 h", "5 d".

@@ -107,6 +107,8 @@ void store_sample(metric_t metric, const sample_t &sample, status_t *status) {
         status->is_up = sample.value != 0;
     } else if (metric == "build_info") {
         status->version = sample.label("version");
+    } else if (metric == "load_success") {
+        status->is_load_whole = sample.value != 0;
     } else if (metric == "reloads_total") {
         status->reloads = static_cast<int64_t>(sample.value);
     } else {

@@ -54,6 +54,7 @@ struct status_t {
     double written = 0;  // when the daemon wrote this version of the file
     double load = 0;
     int64_t reloads = 0;
+    bool is_load_whole = true;         // the last load took all of the configuration
     std::vector<line_status_t> lines;  // in the order of the file
 };
 

@@ -1,0 +1,171 @@
+// Reloads with `live_reload`: the built daemon, and what its lines and its service manager see of them.
+
+#include <poll.h>
+#include <sys/un.h>
+
+#include "running_daemon.h"
+
+namespace {
+
+const std::string HEAD = "[logger]\nlive_reload = yes\nstatus_file = @status\n";
+const std::string ALARMS =
+    "[rule_alarm]\naction = script\ncallscript = 'echo %alarm% >> @alarms'\n";
+const std::string KEYS = "rules = rule_fire\n";
+
+std::string fire(const std::string &number) {
+    return "[rule_fire]\npattern = FIRE\naction = call\nextension = " + number + "\n";
+}
+
+bool is_closed(const unique_fd_t &line) {
+    char byte = 0;
+    return recv(line.get(), &byte, 1, MSG_DONTWAIT) == 0;
+}
+
+struct Live : Installed {
+    using lines_t = std::vector<daemon_t::line_t>;
+
+    // Loads the file anew. Returns the log's line about it.
+    std::string reload(const child_t &process) {
+        const size_t seen = daemon.log().size();
+        process.send(SIGHUP);
+        std::string line;
+        EXPECT_TRUE(eventually([&] {
+            const std::string log = messages(daemon.log().substr(seen));
+            for (const char *level : {"EVENT: ", "ERROR: "}) {
+                const size_t at = log.find(level);
+                line = at != std::string::npos ? log.substr(at, log.find('\n', at) - at) : line;
+            }
+            return !line.empty();
+        }));
+        return line;
+    }
+    bool status_has(const std::string &text) const {
+        return eventually(
+            [&] { return daemon.dir.read("status").find(text) != std::string::npos; });
+    }
+    child_t start(const lines_t &lines, const std::string &rest, const std::string &prefix = "") {
+        daemon.configure(lines, HEAD + rest);
+        daemon.conf = daemon.dir.path("conf");
+        return daemon.start(prefix);
+    }
+    void configure(const lines_t &lines, const std::string &rest) {
+        daemon.configure(lines, HEAD + rest);
+    }
+
+    daemon_t daemon{lines_t(4, {"spare", ""}), ""};
+};
+
+TEST_F(Live, ChangesWhatDiffersAndNothingElse) {
+    const std::string alarms = "send_service_actions = yes\ndefault_rule = rule_alarm\n" + KEYS;
+    child_t process = start({{"ward1", KEYS}, {"ward2", alarms}},
+                            fire("1") + "[rule_old]\npattern = OLD\n" + ALARMS);
+    const unique_fd_t ward1 = daemon.accept(0);
+    const unique_fd_t ward2 = daemon.accept(1);
+
+    // Half a call, and a rule: the rest of it takes the new one.
+    const std::string packet = compose_packet(to("1", "FIRE"));
+    send_bytes(ward1, packet.substr(0, 8));
+    configure({{"ward1", KEYS}, {"ward2", alarms}}, fire("2") + ALARMS);
+    EXPECT_EQ(reload(process),
+              "EVENT: 2 lines as they were, rules: 1 as they were, 1 changed, 1 gone");
+    send_bytes(ward1, packet.substr(8));
+    EXPECT_NE(daemon.call("2"), "");
+
+    // A line whose connection was closed in mid-packet is moved, one is new, one has other rules from its next
+    // message on.
+    send_bytes(ward2, packet.substr(0, 8));
+    shutdown(ward2.get(), SHUT_WR);
+    configure({{"ward1", KEYS + "default_rule = rule_rest\n"}, {"ward3", KEYS}, {"ward2", alarms}},
+              fire("3") + ALARMS);
+    EXPECT_EQ(
+        reload(process),
+        "EVENT: ward3 added, ward1: changed, ward2: other port, rules: 1 as they were, 1 changed");
+    const unique_fd_t moved = daemon.accept(2);
+    const unique_fd_t ward3 = daemon.accept(1);
+    EXPECT_TRUE(eventually([&] { return is_closed(ward2); }));
+    control_station_t station(ward3.get(), 30, nullptr);
+    EXPECT_TRUE(station.send_call(to("1", "FIRE"))) << station.error();
+    EXPECT_NE(daemon.call("3"), "");
+    EXPECT_FALSE(is_closed(ward1));
+
+    // What cannot be loaded changes nothing.
+    fs::rename(daemon.dir.path("conf"), daemon.dir.path("away"));
+    EXPECT_THAT(reload(process), StartsWith("ERROR: Unable to open configuration file"));
+    EXPECT_TRUE(status_has("vesperd_load_success 0"));
+    daemon.dir.write("conf", "[rule_x]\npattern = x\n");
+    EXPECT_THAT(reload(process), StartsWith("ERROR: No line is left in configuration file"));
+    daemon.dir.write("conf", "[x]\nhost = no.such.host.invalid\n");
+    EXPECT_THAT(reload(process), StartsWith("ERROR: No line is left in configuration file"));
+    EXPECT_TRUE(station.send_call(to("1", "FIRE"))) << station.error();
+
+    // A line is gone, with an alarm, and no longer shown.
+    daemon.dir.write("alarms", "");
+    configure({{"ward1", KEYS}, {"ward3", KEYS}}, fire("3") + ALARMS);
+    EXPECT_THAT(reload(process), HasSubstr("ward2 gone"));
+    EXPECT_TRUE(eventually([&] { return is_closed(moved); }));
+    EXPECT_EQ(daemon.dir.read("alarms"), "terminated\n");
+    EXPECT_TRUE(status_has("vesperd_load_success 1"));
+    EXPECT_TRUE(
+        eventually([&] { return daemon.dir.read("status").find("ward2") == std::string::npos; }));
+    EXPECT_FALSE(is_closed(ward1) || is_closed(ward3));
+    EXPECT_EQ(process.end(SIGTERM), 0);
+}
+
+// The key's absence in a file holds from the reload after it; then every line has a thread again.
+TEST_F(Live, IsTurnedOff) {
+    child_t process = start({{"a", KEYS}, {"b", KEYS}}, fire("1"));
+    const unique_fd_t a = daemon.accept(0);
+    const unique_fd_t b = daemon.accept(1);
+    configure({{"b", KEYS}}, fire("1"));
+    EXPECT_EQ(reload(process), "EVENT: b: other port, a gone, rules: 1 as they were");
+    EXPECT_TRUE(eventually([&] { return is_closed(a) && is_closed(b); }));
+    const unique_fd_t moved = daemon.accept(0);
+    daemon.configure({{"b", KEYS}, {"c", KEYS}}, fire("1"));
+    EXPECT_THAT(reload(process), HasSubstr("c added"));
+    const unique_fd_t c = daemon.accept(1);
+    EXPECT_FALSE(is_closed(moved));
+    process.send(SIGHUP);
+    daemon.accept(0);
+    daemon.accept(1);
+    EXPECT_FALSE(is_closed(moved) || is_closed(c));  // abandoned, as without the key
+    EXPECT_EQ(process.end(SIGTERM), 0);
+}
+
+// The service manager hears that the daemon is there, how its lines fare, and signs of life, while it loads and
+// while it ends.
+TEST_F(Live, TellsTheServiceManager) {
+    const std::string path = daemon.dir.path("notify");
+    const unique_fd_t manager(socket(AF_UNIX, SOCK_DGRAM, 0));
+    sockaddr_un address{AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(manager.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    fs::permissions(path, fs::perms(0777));
+    child_t process = start({{"a", KEYS}, {"b", KEYS}}, fire("1"),
+                            "env NOTIFY_SOCKET=" + path + " WATCHDOG_USEC=400000 ");
+    texts_t heard;
+    const auto hears = [&](const std::string &text) {
+        char datagram[256];
+        ssize_t size = 0;
+        while ((size = recv(manager.get(), datagram, sizeof datagram, MSG_DONTWAIT)) > 0) {
+            heard.emplace_back(datagram, size);
+        }
+        return std::count(heard.begin(), heard.end(), text);
+    };
+    const auto comes_to_hear = [&](const std::string &text) {
+        heard.clear();
+        return eventually([&] { return hears(text) > 0; });
+    };
+    EXPECT_TRUE(comes_to_hear("READY=1"));
+    EXPECT_TRUE(comes_to_hear("STATUS=2 lines, 2 without connection"));
+    const unique_fd_t a = daemon.accept(0);
+    const unique_fd_t b = daemon.accept(1);
+    EXPECT_TRUE(comes_to_hear("STATUS=2 lines"));
+    reload(process);
+    EXPECT_TRUE(comes_to_hear("READY=1"));
+    process.send(SIGTERM);
+    EXPECT_TRUE(comes_to_hear("STOPPING=1"));
+    EXPECT_TRUE(eventually([&] { return hears("WATCHDOG=1") > 20; }));  // in ten seconds
+    EXPECT_EQ(process.wait(), 0);
+}
+
+}  // namespace
