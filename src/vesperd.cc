@@ -93,9 +93,9 @@ void heed_load() {
     follow_start();
 }
 
-// How the lines fare, for those who ask the service manager.
+// How the lines fare, for those who ask the service manager, which drops what comes before it knows whom
+// it has started.
 void tell_manager() {
-    static std::string last;
     if (!notify_is_wanted()) {
         return;
     }
@@ -104,10 +104,7 @@ void tell_manager() {
     if (lines.unconnected > 0) {
         text += ", " + std::to_string(lines.unconnected) + " without connection";
     }
-    if (text != last) {
-        notify("STATUS=" + text);
-        last = text;
-    }
+    notify("STATUS=" + text);
 }
 
 // Once a second, however often the main thread is woken.
