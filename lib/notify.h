@@ -28,8 +28,8 @@ void notify_reloading() noexcept;
 // Sleeps, with the signs of life that belong to it; a signal does not shorten the sleep.
 void pause_alive_us(long microseconds) noexcept;
 
-// Gives the signs of life while another thread, which gives them as a rule, is busy; for five minutes at
-// most: what takes longer does not come back.
+// Gives the signs of life while another thread, which gives them as a rule, is busy; for an hour at most:
+// what takes longer does not come back.
 class kept_alive_t {
   public:
     kept_alive_t();

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,6 +35,7 @@ host_finder_t find_host = gethostbyname;
 namespace {
 
 constexpr size_t MAX_PAGER_LOOKUP = 255;  // a pager with a longer name is left without its keys
+constexpr size_t MAX_READ_PAGERS = 64;    // the hosts of some may not be found
 constexpr size_t SHORT_NAME_LENGTH = 8;   // of a pager's name only this much is cleared on a reload
 
 // One section's typed look-ups, with what the table of keys says for absent ones. A look-up text that
@@ -231,12 +233,6 @@ void visit_sections(const dictionary *dict, taker_t take) {
     }
 }
 
-// Whether there is room for more in both tables.
-template <typename records_t>
-bool has_room(const records_t &records) {
-    return records.pagers.size() < MAX_PAGERS && records.rules.size() < MAX_RULES;
-}
-
 // Stages the sections in file order until one of the tables is full.
 staged_t stage_sections(const dictionary *dict) {
     staged_t staged;
@@ -248,7 +244,7 @@ staged_t stage_sections(const dictionary *dict) {
         } else {
             stage_pager(own, name, &staged);
         }
-        return has_room(staged);
+        return staged.pagers.size() < MAX_PAGERS && staged.rules.size() < MAX_RULES;
     });
     return staged;
 }
@@ -279,7 +275,13 @@ void stop_listening_behind(size_t count) {
 // slot stays there and is found by name.
 void publish(const staged_t &staged) {
     const bool merges = !staged.pagers.empty() && !staged.slot_0_emptied;
+    const auto renumber = [] {
+        for (pager_t &pager : pagers) {
+            settings_renumber(&pager);
+        }
+    };
     table_generation.begin_writing();
+    renumber();  // before anybody can connect in the new way and take it for the old one
     store_records(rules, staged.rules, 0, false);
     if (merges) {
         settings_store(&pagers[0], staged.pagers[0]);
@@ -290,10 +292,23 @@ void publish(const staged_t &staged) {
         stop_listening_behind(staged.pagers.size());
     }
     num_pagers = static_cast<int>(staged.pagers.size());
-    for (pager_t &pager : pagers) {
-        settings_renumber(&pager);
-    }
+    renumber();  // the records that were replaced
     table_generation.end_writing();
+}
+
+// Names are cut, and so two can come out as one.
+void read_pager(const dictionary *dict, const char *name, read_conf_t *conf) {
+    pager_t fresh{};
+    load_pager_settings(dict, name, &fresh);
+    const bool is_known =
+        std::any_of(conf->pagers.begin(), conf->pagers.end(),
+                    [&](const pager_t &other) { return strcmp(other.name, fresh.name) == 0; });
+    if (is_known) {
+        LOG_AS(LEVEL_ERROR, "read_conf", "There is a pager %s already\n", fresh.name);
+        conf->is_whole = false;
+    } else {
+        conf->pagers.push_back(fresh);
+    }
 }
 
 }  // namespace
@@ -323,6 +338,10 @@ void apply_logger_settings(const dictionary *dict) noexcept {
 }
 
 read_conf_t read_conf(const char *path) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error)) {
+        return {};  // whoever opens a FIFO waits
+    }
     read_conf_t conf{unique_dictionary_t(ini_load(path))};
     if (!conf.dict) {
         return conf;
@@ -332,10 +351,11 @@ read_conf_t read_conf(const char *path) {
                    [&](const dictionary *own, const char *name, section_kind_t kind) {
                        if (kind == section_kind_t::RULE) {
                            load_rule(own, name, &conf.rules.emplace_back());
+                           conf.lines_before.push_back(conf.pagers.size());
                        } else {
-                           load_pager_settings(own, name, &conf.pagers.emplace_back());
+                           read_pager(own, name, &conf);
                        }
-                       return has_room(conf);
+                       return conf.pagers.size() < MAX_READ_PAGERS && conf.rules.size() < MAX_RULES;
                    });
     return conf;
 }

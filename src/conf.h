@@ -46,11 +46,13 @@ void load_pager_settings(const dictionary *dict, const char *section, pager_t *p
 int load_rule(const dictionary *dict, const char *section, rule_t *rule) noexcept;
 
 // A configuration file that was read and changes nothing yet: pagers without their addresses, in file order,
-// and rules, as many as the tables hold.
+// and rules. There can be more of them than the tables hold: the sixteenth pager that is found ends a load.
 struct read_conf_t {
-    unique_dictionary_t dict;  // null: it could not be opened
+    unique_dictionary_t dict = {};  // null: it could not be opened
     std::vector<pager_t> pagers = {};
     std::vector<rule_t> rules = {};
+    std::vector<size_t> lines_before = {};  // how many pagers come before each rule
+    bool is_whole = true;                   // false: of two pagers of one name the second is left out
 };
 
 // Reads a file apart from the tables. Like a load, for one thread at a time.

@@ -173,7 +173,7 @@ bool connection_open(connection_t *connection) noexcept {
         return false;
     }
     LOG_SERVICE(LEVEL_VERBOSE, "Trying to connect %s:%u\n", to.host, to.shown_port);
-    const knock_t leave{roster_fd(pager), heed_farewell, connection};
+    const knock_t leave{connection->call.fd, heed_farewell, connection};
     if (!link_connect(
             connection->sock, to.address,
             connection_recovers(connection) ? CONNECT_LIMIT_SECONDS : AS_LONG_AS_THE_SYSTEM_TRIES,

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "knock.h"
 #include "listener.h"
 #include "proto.h"
 #include "tables.h"

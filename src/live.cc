@@ -1,15 +1,21 @@
 #include "live.h"
 
+#include <signal.h>
+
 #include <algorithm>
-#include <chrono>
+#include <atomic>
 #include <cstring>
-#include <future>
+#include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "callfile.h"
+#include "clock.h"
 #include "conf.h"
 #include "follow.h"
 #include "hosts.h"
@@ -20,6 +26,7 @@
 #include "rule.h"
 #include "service.h"
 #include "settings.h"
+#include "sig.h"
 #include "stats.h"
 #include "status.h"
 #include "undelivered.h"
@@ -28,17 +35,26 @@
 namespace {
 
 constexpr long PAUSE_US = 1'000'000;
+constexpr int64_t NO_THREAD_PAUSE_US = 10'000'000;
+constexpr int64_t LONGEST_READING_US = 60'000'000;
 
 // A line that cannot be as the file says yet.
 struct late_t {
     pager_t fresh;
     bool has_addresses;
-    bool is_reported = false;  // that it got no thread
+    int64_t no_thread_us = 0;  // when it got none
+};
+
+// A file that is being read.
+struct reading_t {
+    int64_t since_us = microseconds_passed();
+    std::atomic<bool> is_done = false;
+    read_conf_t conf = {};
 };
 
 struct live_t {
     std::string path;
-    std::future<read_conf_t> reading;
+    std::shared_ptr<reading_t> reading = {};
     bool is_asked_again = false;
     std::optional<read_conf_t> held = {};  // a file of which every line waits for its host
     std::vector<late_t> late = {};
@@ -92,7 +108,8 @@ pager_t *free_slot() {
 host_answer_t addresses_for(const pager_t &fresh) {
     const pager_t *before = served_line(fresh.name);
     for (const pager_t &pager : pagers) {
-        const bool is_at_it = roster_serves(&pager) && strcmp(pager.host, fresh.host) == 0;
+        const bool is_at_it =
+            roster_serves(&pager) && fresh.host[0] != '\0' && strcmp(pager.host, fresh.host) == 0;
         if (is_at_it &&
             (before == nullptr || before == &pager || strcmp(before->host, fresh.host) != 0)) {
             return {host_state_t::FOUND, settings_addresses(pager)};
@@ -125,10 +142,21 @@ std::string change_line(pager_t *line, const pager_t &fresh) {
     return line->name + (": " + (moved.empty() ? std::string("changed") : moved));
 }
 
+// Whether a line that is gone, and not over yet, has what a new one needs.
+bool is_in_the_way(const pager_t &old, const pager_t &fresh) {
+    const bool is_leaving = !roster_is_free(&old) && !roster_serves(&old);
+    const bool has_port = old.listen != 0 && fresh.listen != 0 && old.port == fresh.port;
+    return is_leaving && (has_port || strcmp(old.name, fresh.name) == 0);
+}
+
 // Serves a new line. Returns whether it is served now.
 bool add_line(late_t *late) {
     pager_t *slot = free_slot();
-    if (slot == nullptr) {
+    const int64_t now = microseconds_passed();
+    const bool has_failed = late->no_thread_us != 0;
+    if (slot == nullptr || (has_failed && now - late->no_thread_us < NO_THREAD_PAUSE_US) ||
+        std::any_of(std::begin(pagers), std::end(pagers),
+                    [&](const pager_t &old) { return is_in_the_way(old, late->fresh); })) {
         return false;
     }
     late->fresh.socket = -1;
@@ -136,17 +164,19 @@ bool add_line(late_t *late) {
         copy_shared(slot, late->fresh);
         settings_renumber(slot);
     });
+    follow_start();  // before what an earlier process has left is removed
     if (slot->staging_dir[0] != '\0') {
         call_file_clean(slot->staging_dir);
     }
     if (roster_start(slot, service_proc)) {
         return true;
     }
-    if (!std::exchange(late->is_reported, true)) {
+    if (!has_failed) {
         LOG_AS(LEVEL_ERROR, "live_load", "No thread for line %s yet\n", slot->name);
     }
+    late->no_thread_us = now;
+    stats_hide(slot);
     rewrite_tables([&] { copy_shared(slot, pager_t{}); });
-    stats_end(slot);
     return false;
 }
 
@@ -287,9 +317,12 @@ std::vector<std::string> dismiss_lines(const std::vector<pager_t> &fresh) {
         const bool is_in_file = std::any_of(fresh.begin(), fresh.end(), [&](const pager_t &other) {
             return strcmp(other.name, pager.name) == 0;
         });
-        if (roster_serves(&pager) && !is_in_file) {
+        // A load of the other kind can leave a second one of a name behind, or one without.
+        if (roster_serves(&pager) && (!is_in_file || served_line(pager.name) != &pager)) {
             roster_dismiss(&pager, parting_rules_of(pager));
-            gone.push_back(std::string(pager.name) + " gone");
+            if (pager.name[0] != '\0') {
+                gone.push_back(std::string(pager.name) + " gone");
+            }
         }
     }
     return gone;
@@ -317,13 +350,33 @@ void add_lines(const std::vector<pager_t> &fresh, const std::vector<host_state_t
     changes->lines.insert(changes->lines.begin(), added.begin(), added.end());
 }
 
+// The sixteenth line that can be served is the last of a file, and so it ends the rules.
+void drop_what_is_too_much(read_conf_t *conf, std::vector<host_state_t> *states) {
+    size_t count = 0;
+    size_t last = 0;
+    for (; last < conf->pagers.size() && count < MAX_PAGERS; last++) {
+        const bool is_served = served_line(conf->pagers[last].name) != nullptr;
+        count += is_served || (*states)[last] == host_state_t::FOUND ? 1 : 0;
+    }
+    if (count < MAX_PAGERS) {
+        return;
+    }
+    conf->pagers.resize(last);
+    states->resize(last);
+    const auto first_behind =
+        std::find_if(conf->lines_before.begin(), conf->lines_before.end(),
+                     [&](size_t lines_before) { return lines_before >= last; });
+    conf->rules.resize(static_cast<size_t>(first_behind - conf->lines_before.begin()));
+}
+
 // Returns whether it was applied; when not, it was refused or is kept for later.
 bool apply(read_conf_t conf) {
     if (!conf.dict) {
         report_failure("Unable to open configuration file");
         return false;
     }
-    const std::vector<host_state_t> states = find_hosts(&conf.pagers);
+    std::vector<host_state_t> states = find_hosts(&conf.pagers);
+    drop_what_is_too_much(&conf, &states);
     const std::optional<bool> can_serve = has_lines(conf.pagers, states);
     if (!can_serve) {
         live.held = std::move(conf);
@@ -334,6 +387,9 @@ bool apply(read_conf_t conf) {
         return false;
     }
     apply_logger_settings(conf.dict.get());
+    if (!conf.is_whole) {
+        status_load_failed();
+    }
     changes_t changes;
     rewrite_tables([&] {
         const std::vector<std::string> gone = dismiss_lines(conf.pagers);
@@ -394,27 +450,32 @@ void empty_slot(pager_t *pager) {
     });
 }
 
-bool has_read() {
-    return live.reading.valid() &&
-           live.reading.wait_for(std::chrono::seconds(0)) != std::future_status::timeout;
-}
-
 void begin_reading() {
+    const auto reading = std::make_shared<reading_t>();
+    try {
+        std::thread([reading, path = live.path] {
+            reading->conf = read_conf(path.c_str());
+            reading->is_done = true;
+            wake();
+        }).detach();
+    } catch (const std::system_error &) {
+        live.is_asked_again = true;  // no thread to be had now
+        return;
+    }
     notify_reloading();
     hosts_forget();
     live.is_asked_again = false;
-    live.reading = std::async([path = live.path] {
-        read_conf_t conf = read_conf(path.c_str());
-        wake();
-        return conf;
-    });
+    live.reading = reading;
 }
 
 }  // namespace
 
 void live_load(const char *path) noexcept {
-    if (live.reading.valid()) {
+    if (live.reading != nullptr) {
         live.is_asked_again = true;
+        if (microseconds_passed() - live.reading->since_us > LONGEST_READING_US) {
+            report_failure("Still reading configuration file");
+        }
         return;
     }
     live.path = path;
@@ -423,16 +484,21 @@ void live_load(const char *path) noexcept {
 
 bool live_update() noexcept {
     bool has_changed = false;
-    if (has_read()) {
+    if (live.reading != nullptr && live.reading->is_done) {
         live.late.clear();
         live.held.reset();
-        has_changed = apply(live.reading.get());
+        has_changed = apply(std::move(std::exchange(live.reading, nullptr)->conf));
         notify(READY);
     } else if (live.held) {
         has_changed = apply(*std::exchange(live.held, std::nullopt));
     }
-    if (live.is_asked_again && !live.reading.valid()) {
-        begin_reading();
+    if (live.is_asked_again && live.reading == nullptr) {
+        live.is_asked_again = false;
+        if (roster_is_live()) {
+            begin_reading();
+        } else {
+            signal_raise(SIGHUP);  // the key is turned off: this one is of the other kind
+        }
     }
     if (!live.has_changed_lines) {
         return has_changed;
@@ -457,9 +523,14 @@ void live_forget() noexcept {
 }
 
 void live_serve_all() noexcept {
-    for (int i = 0; live.has_changed_lines && i < num_pagers; i++) {
-        if (roster_is_free(&pagers[i])) {
+    if (!live.has_changed_lines) {
+        return;
+    }
+    for (int i = 0; i < MAX_PAGERS; i++) {
+        if (i < num_pagers && roster_is_free(&pagers[i])) {
             roster_start(&pagers[i], service_proc);
+        } else if (i >= num_pagers && roster_serves(&pagers[i])) {
+            roster_dismiss(&pagers[i], parting_rules_of(pagers[i]));
         }
     }
 }

@@ -26,5 +26,6 @@ void live_pause() noexcept;
 // Ends what live loads have begun: the file is loaded in the other way now.
 void live_forget() noexcept;
 
-// After such a load: serves lines whose slots have lost their threads to live loads.
+// After such a load: every slot of the file's lines has a thread, and no other, if live loads have ever changed
+// that.
 void live_serve_all() noexcept;

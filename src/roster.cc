@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <iterator>
+#include <memory>
 #include <utility>
 
 #include "stats.h"
@@ -17,8 +18,8 @@ struct slot_t {
     bool has_thread = false;  // known to the main thread alone, as the next two
     pthread_t thread = {};
     void *(*routine)(void *) = nullptr;
-    std::atomic<bool> is_dismissed = false;
-    parting_rules_t parting = {};
+    std::atomic<parting_rules_t *> parting = nullptr;  // not null: dismissed
+    std::vector<std::unique_ptr<parting_rules_t>> kept_for_thread = {};
     std::atomic<bool> is_over = false;
     std::atomic<int> wake = -1;  // an eventfd, which stays
 };
@@ -54,7 +55,7 @@ bool roster_is_live() noexcept {
 bool roster_start(pager_t *pager, void *(*routine)(void *)) noexcept {
     slot_t &slot = slot_of(pager);
     slot.routine = routine;
-    slot.is_dismissed = false;
+    slot.parting = nullptr;
     slot.is_over = false;
     if (lives) {
         make_callable(&slot);
@@ -68,7 +69,7 @@ bool roster_start(pager_t *pager, void *(*routine)(void *)) noexcept {
 
 bool roster_serves(const pager_t *pager) noexcept {
     const slot_t &slot = slot_of(pager);
-    return slot.has_thread && !slot.is_dismissed;
+    return slot.has_thread && slot.parting == nullptr;
 }
 
 bool roster_is_free(const pager_t *pager) noexcept {
@@ -76,8 +77,9 @@ bool roster_is_free(const pager_t *pager) noexcept {
 }
 
 void roster_dismiss(const pager_t *pager, parting_rules_t parting) noexcept {
-    slot_of(pager).parting = std::move(parting);
-    slot_of(pager).is_dismissed = true;
+    slot_t &slot = slot_of(pager);
+    slot.kept_for_thread.push_back(std::make_unique<parting_rules_t>(std::move(parting)));
+    slot.parting = slot.kept_for_thread.back().get();
     roster_call(pager);
 }
 
@@ -90,7 +92,7 @@ void roster_call(const pager_t *pager) noexcept {
 
 void roster_keep_all() noexcept {
     for (slot_t &slot : slots) {
-        slot.is_dismissed = false;
+        slot.parting = nullptr;
     }
 }
 
@@ -102,10 +104,11 @@ void roster_clear(const std::function<void(pager_t *)> &empty) noexcept {
         }
         pthread_join(slot.thread, nullptr);
         slot.has_thread = false;
-        slot.parting = {};
-        if (slot.is_dismissed) {
+        slot.kept_for_thread.clear();
+        if (slot.parting.exchange(nullptr) != nullptr) {
             empty(&pager);
         } else {
+            store_shared(&pager.socket, -1);  // that of the thread before is closed
             roster_start(&pager, slot.routine);
         }
     }
@@ -114,11 +117,11 @@ void roster_clear(const std::function<void(pager_t *)> &empty) noexcept {
 parting_rules_t *roster_parting_rules(const pager_t *pager) noexcept {
     const bool is_in_table =
         std::less_equal<>()(std::begin(pagers), pager) && std::less<>()(pager, std::end(pagers));
-    return is_in_table && slot_of(pager).is_dismissed ? &slot_of(pager).parting : nullptr;
+    return is_in_table ? slot_of(pager).parting.load() : nullptr;
 }
 
 bool roster_is_dismissed(const pager_t *pager) noexcept {
-    return slot_of(pager).is_dismissed;
+    return slot_of(pager).parting != nullptr;
 }
 
 int roster_fd(const pager_t *pager) noexcept {

@@ -22,6 +22,10 @@ void stats_begin(const pager_t *pager) noexcept {
     stats_of(pager).is_served = true;
 }
 
+void stats_hide(const pager_t *pager) noexcept {
+    stats_of(pager).is_served = false;
+}
+
 void stats_end(const pager_t *pager) noexcept {
     std::destroy_at(&stats_of(pager));
     std::construct_at(&stats_of(pager));

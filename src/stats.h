@@ -62,6 +62,9 @@ extern std::array<line_stats_t, MAX_PAGERS> line_stats;
 // A pager of the table gets a thread: its line is shown from now on.
 void stats_begin(const pager_t *pager) noexcept;
 
+// It got none: its line is not shown.
+void stats_hide(const pager_t *pager) noexcept;
+
 // It has none any more: its line is not shown, and its counters begin anew.
 void stats_end(const pager_t *pager) noexcept;
 

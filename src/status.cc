@@ -314,7 +314,7 @@ std::string content_of(bool is_up) {
     }
     expose_calls(&out, lines);
     expose_undelivered(&out, lines);
-    out.begin("load_success", "gauge", "1 if the last load of the configuration took all of it.");
+    out.begin("load_success", "gauge", "0 after a load of the configuration that failed, also of a single host.");
     out.sample("", status.is_load_whole);
     return std::move(out.text());
 }

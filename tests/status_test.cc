@@ -68,9 +68,9 @@ TEST(Status, IsJudged) {
         {line("a", "ended", 130) + line("b", "idle", 130), "--critical-all", 1,
          "WARNING - a: ended 2 min ago |"},
         {served(1, 0, "vesperd_load_success 0\nvesperd_load_time_seconds" + ago(130)), "", 1,
-         "WARNING - the last reload failed, at least in part: the log says why, and in force is "
-         "what "
-         "was loaded 2 min ago |"},
+         "WARNING - the configuration could not be loaded, at least a part of it: the log says "
+         "why, "
+         "and in force is what was loaded 2 min ago |"},
         {served(1, 0, "vesperd_reloads_total 1"), "", 3, "UNKNOWN - cannot read "},
         {served(1, 0, "vesperd_reloads_total NaN\n"), "", 3, "UNKNOWN - "},
         {served(1, 0, "node_procs{pid=1} 1\n"), "", 3, "UNKNOWN - "},

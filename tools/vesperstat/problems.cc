@@ -38,8 +38,9 @@ class judge_t {
         if (!status.is_load_whole) {
             const std::string age = duration_words(since(status.load));
             add(level_t::WARNING, NOT_LOADED, 0,
-                "the last reload failed, at least in part: the log says why, and in force is what "
-                "was loaded " +
+                "the configuration could not be loaded, at least a part of it: the log says why, "
+                "and "
+                "in force is what was loaded " +
                     age + " ago");
         }
     }
