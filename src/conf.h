@@ -52,7 +52,7 @@ struct read_conf_t {
     std::vector<pager_t> pagers = {};
     std::vector<rule_t> rules = {};
     std::vector<size_t> lines_before = {};  // how many pagers come before each rule
-    bool is_whole = true;                   // false: of two pagers of one name the second is left out
+    bool is_whole = true;  // false: of two pagers of one name the second is left out
 };
 
 // Reads a file apart from the tables. Like a load, for one thread at a time.
