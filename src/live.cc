@@ -18,8 +18,8 @@
 #include "clock.h"
 #include "conf.h"
 #include "follow.h"
-#include "hosts.h"
 #include "logger.h"
+#include "lookup.h"
 #include "notify.h"
 #include "report.h"
 #include "roster.h"
@@ -115,7 +115,7 @@ host_answer_t addresses_for(const pager_t &fresh) {
             return {host_state_t::FOUND, settings_addresses(pager)};
         }
     }
-    return hosts_ask(fresh.host);
+    return lookup_ask(fresh.host);
 }
 
 // -------------------------------------------------------------------------------------------------
@@ -410,7 +410,7 @@ bool apply(read_conf_t conf) {
 bool settle(late_t *late) {
     pager_t *line = served_line(late->fresh.name);
     if (!late->has_addresses) {
-        const host_answer_t answer = hosts_ask(late->fresh.host);
+        const host_answer_t answer = lookup_ask(late->fresh.host);
         if (answer.state == host_state_t::NOT_FOUND) {
             report_not_found(late->fresh, line != nullptr);
         }
@@ -463,7 +463,7 @@ void begin_reading() {
         return;
     }
     notify_reloading();
-    hosts_forget();
+    lookup_forget();
     live.is_asked_again = false;
     live.reading = reading;
 }

@@ -5,7 +5,7 @@
 //  compiled
 //  it is applied: rules and lines    the main thread, in one rewriting of the tables
 //  a line is moved, or dismissed     its thread, when it is not acting
-//  a host is found by its name       a thread of its own (hosts.h); the line goes on as it was, and one
+//  a host is found by its name       a thread of its own (lookup.h); the line goes on as it was, and one
 //                                    that is new waits
 //  a new line is served              the main thread, once its host is found and a slot is free
 //  a line that is gone gives up      the main thread, after its thread has ended (roster.h)

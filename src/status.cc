@@ -314,7 +314,8 @@ std::string content_of(bool is_up) {
     }
     expose_calls(&out, lines);
     expose_undelivered(&out, lines);
-    out.begin("load_success", "gauge", "0 after a load of the configuration that failed, also of a single host.");
+    out.begin("load_success", "gauge",
+              "0 after a load of the configuration that failed, also of a single host.");
     out.sample("", status.is_load_whole);
     return std::move(out.text());
 }

@@ -4,23 +4,20 @@
 #include <netdb.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <system_error>
 #include <thread>
 
 #include "clock.h"
+#include "lookup.h"
 
 namespace {
 
 constexpr size_t MAX_THREADS = 32;
-constexpr size_t FIRST_BUFFER_SIZE = 1024;
-constexpr size_t LAST_BUFFER_SIZE = 1 << 20;
 
 std::string seconds_text(int64_t microseconds) {
     char text[32];
@@ -31,21 +28,13 @@ std::string seconds_text(int64_t microseconds) {
 host_t ask(const std::string &name) {
     host_t host{name, false, true, "", {}};
     const int64_t began = microseconds_passed();
-    std::vector<char> buffer(FIRST_BUFFER_SIZE);
-    hostent entry{};
-    hostent *found = nullptr;
     int fault = 0;
-    while (gethostbyname_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found, &fault) ==
-               ERANGE &&
-           buffer.size() < LAST_BUFFER_SIZE) {
-        buffer.resize(2 * buffer.size());
-    }
-    host.is_found =
-        found != nullptr && found->h_addrtype == AF_INET && found->h_addr_list[0] != nullptr;
+    const auto addresses = look_up(name, &fault);
+    host.is_found = addresses.has_value();
     if (host.is_found) {
-        memcpy(&host.address, found->h_addr_list[0], sizeof host.address);
+        host.address.s_addr = addresses->front();
     } else {
-        host.reason = found != nullptr ? "it has no IPv4 address" : hstrerror(fault);
+        host.reason = fault == 0 ? "it has no IPv4 address" : hstrerror(fault);
         host.reason += ", after " + seconds_text(microseconds_passed() - began);
     }
     return host;

@@ -1,4 +1,4 @@
-#include "hosts.h"
+#include "lookup.h"
 
 #include <arpa/inet.h>
 
@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t MAX_ASKED = 64;  // names at a time
 constexpr size_t FIRST_ANSWER_SIZE = 1024;
-constexpr size_t LARGEST_ANSWER_SIZE = 1 << 16;
+constexpr size_t LARGEST_ANSWER_SIZE = 1 << 20;
 
 // A question, which its thread may answer when nobody waits for it any more.
 struct question_t {
@@ -30,26 +30,13 @@ questions_t &questions() {
     return asked;
 }
 
-// gethostbyname(), for any thread.
-std::optional<addresses_t> find(const std::string &name) {
-    std::vector<char> buffer(FIRST_ANSWER_SIZE);
-    hostent answer{};
-    hostent *found = nullptr;
-    int fault = 0;
-    while (gethostbyname_r(name.c_str(), &answer, buffer.data(), buffer.size(), &found, &fault) ==
-               ERANGE &&
-           buffer.size() < LARGEST_ANSWER_SIZE) {
-        buffer.resize(2 * buffer.size());
-    }
-    return addresses_of(found);
-}
-
 // Returns null where no thread is to be had.
 std::shared_ptr<question_t> ask(const std::string &name) {
     auto question = std::make_shared<question_t>();
     try {
         std::thread([question, name] {
-            question->addresses = find(name);
+            int fault = 0;
+            question->addresses = look_up(name, &fault);
             question->is_answered = true;
             wake();
         }).detach();
@@ -61,7 +48,23 @@ std::shared_ptr<question_t> ask(const std::string &name) {
 
 }  // namespace
 
-host_answer_t hosts_ask(const char *name) noexcept {
+std::optional<addresses_t> look_up(const std::string &name, int *fault) {
+    std::vector<char> buffer(FIRST_ANSWER_SIZE);
+    hostent answer{};
+    hostent *found = nullptr;
+    *fault = 0;
+    while (gethostbyname_r(name.c_str(), &answer, buffer.data(), buffer.size(), &found, fault) ==
+               ERANGE &&
+           buffer.size() < LARGEST_ANSWER_SIZE) {
+        buffer.resize(2 * buffer.size());
+    }
+    if (found != nullptr) {
+        *fault = 0;
+    }
+    return addresses_of(found);
+}
+
+host_answer_t lookup_ask(const char *name) noexcept {
     host_answer_t answer{host_state_t::FOUND};
     if (inet_pton(AF_INET, name, answer.addresses.data()) == 1) {
         return answer;
@@ -85,6 +88,6 @@ host_answer_t hosts_ask(const char *name) noexcept {
     return {host_state_t::FOUND, *question.addresses};
 }
 
-void hosts_forget() noexcept {
+void lookup_forget() noexcept {
     std::erase_if(questions(), [](const auto &asked) { return bool(asked.second->is_answered); });
 }
