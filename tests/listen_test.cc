@@ -126,6 +126,32 @@ TEST_F(Listening, ReloadMovesALine) {
     })) << error;
 }
 
+TEST_F(Listening, LiveReloadLetsALineBe) {
+    const std::string keys = LISTENS + "rules = rule_x\n";
+    const std::string rest = RULES + "live_reload = yes\n";
+    daemon_t daemon({{"stays", keys}, {"moves", keys}}, rest);
+    const child_t process = daemon.start();
+    const unique_fd_t stays = connect_from("127.0.0.1", daemon.ports[0]);
+    const unique_fd_t moves = connect_from("127.0.0.1", daemon.ports[1]);
+    EXPECT_TRUE(control_station_t(moves.get(), 60, nullptr).send_call(to("1", "FIRE")));
+    const unique_fd_t elsewhere = listen_anywhere(&daemon.ports[1]);
+    daemon.configure({{"stays", keys}, {"moves", keys}}, rest);
+    EXPECT_TRUE(process.send(SIGHUP));
+    const unique_fd_t moved = connect_from("127.0.0.1", daemon.ports[1]);
+    EXPECT_TRUE(control_station_t(moved.get(), 60, nullptr).send_call(to("2", "FIRE")));
+    EXPECT_TRUE(is_closed_at_once(moves));
+    EXPECT_TRUE(control_station_t(stays.get(), 60, nullptr).send_call(to("3", "FIRE")));
+    std::swap(daemon.ports[0], daemon.ports[1]);
+    daemon.configure({{"moves", keys}}, rest);
+    EXPECT_TRUE(process.send(SIGHUP));
+    EXPECT_TRUE(is_closed_at_once(stays));
+    std::string error;
+    EXPECT_TRUE(eventually([&] {
+        return bool(listen_on(HERE, std::stoi(daemon.ports[1]), &error));
+    })) << error;
+    EXPECT_TRUE(control_station_t(moved.get(), 60, nullptr).send_call(to("4", "FIRE")));
+}
+
 TEST_F(Tables, ListeningIsLoaded) {
     find_host = [](const char *) {
         static char first[] = "\x0A\x00\x00\x01", second[] = "\x0A\x00\x00\x02";

@@ -31,10 +31,8 @@ struct Live : Installed {
         std::string line;
         EXPECT_TRUE(eventually([&] {
             const std::string log = messages(daemon.log().substr(seen));
-            for (const char *level : {"EVENT: ", "ERROR: "}) {
-                const size_t at = log.find(level);
-                line = at != std::string::npos ? log.substr(at, log.find('\n', at) - at) : line;
-            }
+            const size_t at = std::min(log.find("EVENT: "), log.find("ERROR: "));
+            line = at != std::string::npos ? log.substr(at, log.find('\n', at) - at) : "";
             return !line.empty();
         }));
         return line;
@@ -42,6 +40,12 @@ struct Live : Installed {
     bool status_has(const std::string &text) const {
         return eventually(
             [&] { return daemon.dir.read("status").find(text) != std::string::npos; });
+    }
+    // Whether these lines are shown in the end, and no others.
+    bool shows(const texts_t &lines) const {
+        return eventually([&] {
+            return names_in(daemon.dir.read("status"), "state\\{line=\"([^\"]+)\"") == lines;
+        });
     }
     child_t start(const lines_t &lines, const std::string &rest, const std::string &prefix = "") {
         daemon.configure(lines, HEAD + rest);
@@ -128,6 +132,77 @@ TEST_F(Live, IsTurnedOff) {
     daemon.accept(0);
     daemon.accept(1);
     EXPECT_FALSE(is_closed(moved) || is_closed(c));  // abandoned, as without the key
+    EXPECT_EQ(process.end(SIGTERM), 0);
+}
+
+// A line keeps its slot while others come and go; without the key the slots are in the order of the file again.
+TEST_F(Live, SlotsAreTheLoadersBusiness) {
+    const auto lines = [](const std::string &names) {
+        lines_t all;
+        for (const char name : names) {
+            all.push_back({std::string(1, name), KEYS});
+        }
+        return all;
+    };
+    child_t process = start(lines("abcd"), fire("1"));
+    std::vector<unique_fd_t> before;
+    for (size_t line = 0; line < 4; line++) {
+        before.push_back(daemon.accept(line));
+    }
+    // One that comes again while it still acts, two of the same name, and a host that nobody knows.
+    const std::string slow =
+        "[rule_fire]\npattern = FIRE\naction = script\ncallscript = 'touch @begun; sleep 6'\n";
+    configure(lines("abcd"), slow);
+    EXPECT_THAT(reload(process), HasSubstr("4 lines as they were, rules: 1 changed"));
+    send_bytes(before[3], compose_packet(to("1", "FIRE")));
+    EXPECT_TRUE(eventually([&] { return fs::exists(daemon.dir.path("begun")); }));
+    configure(lines("abc"), slow);
+    EXPECT_THAT(reload(process), HasSubstr("3 lines as they were, d gone"));
+    const std::string long_name(63, 'n');
+    const std::string port = "\nhost = 127.0.0.1\nport = " + daemon.ports[3] + "\n";
+    configure(lines("abcd"), slow + "[" + long_name + "1]" + port + "[" + long_name + "2]" + port +
+                                 "[none]\nhost = no.such.host.invalid\n");
+    EXPECT_THAT(reload(process), StartsWith("ERROR: There is a pager nnn"));
+    EXPECT_TRUE(eventually([&] { return daemon.count("d waits for its turn") == 1; }));
+    EXPECT_TRUE(status_has("vesperd_load_success 0"));
+    EXPECT_TRUE(shows({"a", "b", "c", "d", long_name}));
+    daemon.expect_logged(": d added");
+    daemon.expect_logged("Unable to find host no.such.host.invalid: line none is not served");
+
+    daemon.configure(lines("cd"), "[logger]\nstatus_file = @status\n" + fire("1"));
+    EXPECT_THAT(reload(process), HasSubstr(" gone"));
+    EXPECT_TRUE(shows({"c", "d"}));
+    daemon.accept(0);
+    daemon.accept(1);
+    process.send(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return daemon.count("Hangup") == 5; }));
+    daemon.accept(0);
+    daemon.accept(1);
+    EXPECT_TRUE(shows({"c", "d"}));
+    EXPECT_EQ(process.end(SIGTERM), 0);
+}
+
+// Sixteen lines that can be served end a file, however many others stand among them.
+TEST_F(Live, SixteenLinesEndAFile) {
+    std::string text = HEAD + "log_level = 4\nlog_file = @log\n";
+    const auto line = [&](const std::string &name, const std::string &host) {
+        return "[" + name + "]\nhost = " + host + "\nport = " + daemon.ports[0] + "\n";
+    };
+    for (char name = 'a'; name < 'p'; name++) {
+        text += line(std::string(1, name), "127.0.0.1");
+    }
+    text += line("none", "no.such.host.invalid") + line("p", "127.0.0.1") + fire("1");
+    text = std::regex_replace(text, std::regex("@"), daemon.dir.path());
+    daemon.conf = daemon.dir.write("conf", text);
+    child_t process = daemon.start();
+    EXPECT_EQ(reload(process),
+              "EVENT: 16 lines as they were, none: host is being looked for, rules: none");
+    daemon.dir.write("conf", std::regex_replace(text, std::regex("\\[b\\]"), "[bb]"));
+    EXPECT_EQ(
+        reload(process),
+        "EVENT: 15 lines as they were, bb waits for its turn, none: host is being looked for, "
+        "b gone, rules: none");
+    daemon.expect_logged(": bb added");
     EXPECT_EQ(process.end(SIGTERM), 0);
 }
 
