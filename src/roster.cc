@@ -24,7 +24,8 @@ struct slot_t {
     std::atomic<int> wake = -1;  // an eventfd, which stays
 };
 
-std::array<slot_t, MAX_PAGERS> slots;
+using slots_t = std::array<slot_t, MAX_PAGERS>;
+slots_t &slots = *std::make_unique<slots_t>().release();  // lives as long as any thread
 std::atomic<bool> lives = false;
 
 slot_t &slot_of(const pager_t *pager) {
