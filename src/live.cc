@@ -429,7 +429,9 @@ bool settle(late_t *late) {
     }
     std::string change;
     rewrite_tables([&] { change = change_line(line, late->fresh); });
-    log_change(change);
+    if (!change.empty()) {
+        log_change(change);
+    }
     return true;
 }
 
