@@ -60,7 +60,7 @@ void require_same(const site_t &site, const summary_t &summary) {
             require_same(*line.section, *line.pager);
         }
     }
-    require(served == num_pagers && summary == summarize());
+    require(served == num_pagers && summary == summarize(site.outline.logger()));
     for (const site_rule_t &rule : site.rules) {
         require_same(*rule.section, *rule.rule);
     }
@@ -76,7 +76,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     findings_t findings;
     load_site_text(PATH, configuration, ask_at_once, &site, &findings);
     check_site(site, &findings);
-    const summary_t summary = summarize();
+    const summary_t summary = summarize(site.outline.logger());
     require(!report_json(PATH, findings.sorted(), true, summary).empty());
     require(!summary_text(summary).empty());
     for (const site_line_t &line : site.lines) {

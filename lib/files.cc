@@ -26,23 +26,24 @@ unique_file_t open_text(const char *path, int flags) noexcept {
 }
 
 int read_whole(const char *path, int flags, size_t limit, std::string *text) noexcept {
-    constexpr size_t PIECE_SIZE = 65536;
     const unique_file_t file = open_text(path, flags);
-    if (!file) {
-        return -1;
-    }
+    return file ? read_to_end(file.get(), limit, text) : -1;
+}
+
+int read_to_end(FILE *file, size_t limit, std::string *text) noexcept {
+    constexpr size_t PIECE_SIZE = 65536;
     text->clear();
     // The size is not asked for: somebody may be writing to the file.
     for (size_t count = 1; count > 0 && text->size() <= limit;) {
         const size_t before = text->size();
         text->resize(before + PIECE_SIZE);
-        count = fread(text->data() + before, 1, PIECE_SIZE, file.get());
+        count = fread(text->data() + before, 1, PIECE_SIZE, file);
         text->resize(before + count);
     }
-    if (ferror(file.get()) == 0 && text->size() > limit) {
+    if (ferror(file) == 0 && text->size() > limit) {
         errno = EFBIG;
     }
-    return ferror(file.get()) != 0 || text->size() > limit ? -1 : 0;
+    return ferror(file) != 0 || text->size() > limit ? -1 : 0;
 }
 
 std::string file_fault(int error, size_t limit) {

@@ -44,6 +44,9 @@ unique_file_t open_text(const char *path, int flags = 0) noexcept;
 //   flags  O_NOFOLLOW, or 0
 int read_whole(const char *path, int flags, size_t limit, std::string *text) noexcept;
 
+// The same with a file that is open, whatever it is, from where it stands on.
+int read_to_end(FILE *file, size_t limit, std::string *text) noexcept;
+
 // What `error`, the errno of one of these calls, says of the file: "it is no regular file".
 //   limit  of read_whole()
 std::string file_fault(int error, size_t limit = 0);

@@ -379,6 +379,12 @@ TEST_F(Check, WhatAMessageComesTo) {
     }
     EXPECT_EQ(run(0, "vespercheck --converters " + path),
               "10.0.0.1\n10.0.0.2\n10.0.0.3\n10.0.0.4\n");
+    // Text that is not in the file yet; a journal belongs to an instance by itself.
+    const std::string draft = "printf '[d]\\nhost = 10.0.0.5\\n' | vespercheck --stdin ";
+    EXPECT_THAT(run(0, draft + "-m x " + path), HasSubstr("Line d:\n"));
+    EXPECT_THAT(run(1, draft + "--json --no-resolve -i east"),
+                AllOf(HasSubstr("\"journal\": \"/var/log/quillet/east.journal\""),
+                      HasSubstr("\"status\": \"/run/vesperd/east.prom\"")));
     EXPECT_THAT(run(0, "vespercheck -m FB " + path),
                 AllOf(HasSubstr("line n has no host and is left out\n"), HasSubstr("\nLine r:")));
     EXPECT_THAT(run(2, "vespercheck --no-resolve " + path),

@@ -12,13 +12,17 @@ std::string written(const json_t &object) {
     return object.dump(INDENT, ' ', true, json_t::error_handler_t::replace) + "\n";
 }
 
+json_t text_or_null(const std::string &text) {
+    return text.empty() ? json_t(nullptr) : json_t(text);
+}
+
 json_t as_json(const rule_summary_t &rule) {
     return {{"name", rule.name}, {"action", rule.action}};
 }
 
 json_t as_json(const line_summary_t &line) {
     json_t object = {{"name", line.name}, {"host", line.host}};
-    object["address"] = line.address.empty() ? json_t(nullptr) : json_t(line.address);
+    object["address"] = text_or_null(line.address);
     object["port"] = line.port;
     object["protocol"] = line.protocol;
     object["listens"] = line.listens;
@@ -32,7 +36,7 @@ json_t as_json(const line_summary_t &line) {
 
 json_t as_json(const tried_rule_t &tried) {
     json_t object = {{"listed", tried.listed}};
-    object["rule"] = tried.name.empty() ? json_t(nullptr) : json_t(tried.name);
+    object["rule"] = text_or_null(tried.name);
     object["index"] = tried.index;
     object["groups"] = tried.groups;
     if (!tried.unmet.empty()) {
@@ -46,7 +50,7 @@ json_t as_json(const trial_t &trial) {
     for (const tried_rule_t &tried : trial.tried) {
         object["tried"].push_back(as_json(tried));
     }
-    object["selected"] = trial.selected.empty() ? json_t(nullptr) : json_t(trial.selected);
+    object["selected"] = text_or_null(trial.selected);
     object["why"] = trial.why;
     if (trial.selected.empty()) {
         return object;
@@ -90,7 +94,9 @@ std::string report_json(const std::string &path, const std::vector<finding_t> &f
     object["summary"] = {{"lines", lines},
                          {"rules", summary.num_rules},
                          {"log", summary.log},
-                         {"log_level", summary.log_level}};
+                         {"log_level", summary.log_level},
+                         {"journal", text_or_null(summary.journal)},
+                         {"status", text_or_null(summary.status)}};
     return written(object);
 }
 

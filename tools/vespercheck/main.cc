@@ -32,6 +32,7 @@ struct options_t {
     bool json = false;
     bool loadable = false;
     bool converters = false;
+    bool from_input = false;
     bool without_names = false;
     std::optional<std::string> message;
     record_texts_t record = {DEFAULT_ADDRESS, "", "", "", ""};
@@ -70,6 +71,9 @@ void add_check_options(arguments_t *arguments, options_t *options) {
     arguments->flag("-q, --quiet", "print what is wrong only", &options->quiet);
     arguments->flag("-j, --json", "print JSON, for programs", &options->json);
     arguments->flag("--no-resolve", "do not look up the names of hosts", &options->without_names);
+    arguments->flag("--stdin",
+                    "judge the text that comes on standard input as if the\nfile held it",
+                    &options->from_input);
     arguments->flag("--loadable",
                     "only tell whether the daemon can load the file; everything\n"
                     "else that is wrong is printed and not counted",
@@ -113,6 +117,9 @@ options_t parse_options(int argc, char **argv) {
     if (options.converters && (options.loadable || options.message)) {
         arguments.refuse("--converters is asked alone");
     }
+    if (options.from_input && options.loadable) {
+        arguments.refuse("--loadable looks at the file itself, not at --stdin");
+    }
     const record_texts_t unasked = options_t().record;
     if (!options.message && (!options.lines.empty() || options.record != unasked)) {
         arguments.refuse("--line and the fields of a call need --message");
@@ -120,9 +127,16 @@ options_t parse_options(int argc, char **argv) {
     return options;
 }
 
-int unreadable(const std::string &path) {
-    say(text_of("cannot read ", path, ": ", file_fault(errno, MAX_CONFIGURATION_SIZE)));
+int unreadable(const options_t &options) {
+    const std::string what = options.from_input ? "standard input" : options.path;
+    say(text_of("cannot read ", what, ": ", file_fault(errno, MAX_CONFIGURATION_SIZE)));
     return EXIT_UNREADABLE;
+}
+
+// Returns as read_configuration() does.
+int read_text(const options_t &options, std::string *text) {
+    return options.from_input ? read_to_end(stdin, MAX_CONFIGURATION_SIZE, text)
+                              : read_configuration(options.path.c_str(), text);
 }
 
 int try_on_lines(const options_t &options, const site_t &site) {
@@ -167,15 +181,17 @@ void print_findings(const options_t &options, const std::vector<finding_t> &find
     }
 }
 
-void print_report(const options_t &options, const std::vector<finding_t> &findings) {
+void print_report(const options_t &options, const site_t &site,
+                  const std::vector<finding_t> &findings) {
+    const summary_t summary = summarize(site.outline.logger());
     const std::string not_judged = why_files_are_not_judged();
     if (options.json) {
-        fputs(report_json(options.path, findings, not_judged.empty(), summarize()).c_str(), stdout);
+        fputs(report_json(options.path, findings, not_judged.empty(), summary).c_str(), stdout);
         return;
     }
     print_findings(options, findings);
     if (!options.quiet) {
-        fputs(summary_text(summarize()).c_str(), stdout);
+        fputs(summary_text(summary).c_str(), stdout);
         if (!not_judged.empty()) {
             printf("Files and directories are not judged: %s\n", printable(not_judged).c_str());
         }
@@ -203,7 +219,7 @@ int check_loadable(const options_t &options) {
     site_t site;
     findings_t findings;
     if (load_site(options.path.c_str(), take_hosts, &site, &findings) != 0) {
-        return unreadable(options.path);
+        return unreadable(options);
     }
     site.neighbours = configurations_beside(options.path);
     print_findings(options, check(site, &findings));
@@ -213,8 +229,8 @@ int check_loadable(const options_t &options) {
 // For what else has to know the converters of a site, the health of a pair of machines for one.
 int print_converters(const options_t &options) {
     std::string text;
-    if (read_configuration(options.path.c_str(), &text) != 0) {
-        return unreadable(options.path);
+    if (read_text(options, &text) != 0) {
+        return unreadable(options);
     }
     outline_t outline;
     findings_t findings;
@@ -242,16 +258,18 @@ int main(int argc, char **argv) {
     }
     site_t site;
     findings_t findings;
-    const bool asks_names = !options.without_names && !options.message;
-    if (load_site(options.path.c_str(), asks_names ? ask_hosts : take_hosts, &site, &findings) !=
-        0) {
-        return unreadable(options.path);
+    std::string text;
+    if (read_text(options, &text) != 0) {
+        return unreadable(options);
     }
+    const bool asks_names = !options.without_names && !options.message;
+    load_site_text(options.path.c_str(), text, asks_names ? ask_hosts : take_hosts, &site,
+                   &findings);
     site.neighbours = configurations_beside(options.path);
     if (options.message) {
         return try_on_lines(options, site);
     }
     const std::vector<finding_t> found = check(site, &findings);
-    print_report(options, found);
+    print_report(options, site, found);
     return status_of(found);
 }

@@ -62,8 +62,13 @@ const char *action_name(int action) noexcept {
     return action == SCRIPT ? "script" : "skip";
 }
 
-summary_t summarize() {
-    summary_t summary{{}, 0, logtype == 1 ? "syslog" : logfile, loglevel};
+summary_t summarize(const file_section_t &logger) {
+    summary_t summary{{},
+                      0,
+                      logtype == 1 ? "syslog" : logfile,
+                      loglevel,
+                      logger.text("journal_file"),
+                      logger.text("status_file")};
     for (int i = 0; i < num_pagers; i++) {
         summary.lines.push_back(summarize(pagers[i]));
     }

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "outline.h"
+
 struct rule_summary_t {
     std::string name;
     std::string action;  // "call", "script", "skip"
@@ -30,13 +32,15 @@ struct summary_t {
     int num_rules;    // of the file, listed or not
     std::string log;  // "syslog", or the path of the file
     int log_level;
+    std::string journal;  // paths; empty: none
+    std::string status;
 
     bool operator==(const summary_t &) const = default;
 };
 
 const char *action_name(int action) noexcept;
 
-// From `pagers`, `rules` and the logger settings.
-summary_t summarize();
+// From `pagers`, `rules`, the logger settings and the section that these were loaded from.
+summary_t summarize(const file_section_t &logger);
 
 std::string summary_text(const summary_t &summary);
