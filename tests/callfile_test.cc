@@ -27,6 +27,7 @@ struct Staging : Test {
         staged_call_t call{staging.c_str(), spool.c_str(), name.c_str(), "", 0};
         const call_file_result_t result = call_file_stage(&call, content);
         direct_for = call.staging_error;
+        path = call.path;
         return result.outcome == call_file_t::WRITTEN
                    ? std::string(call.path).substr(spool.size() + 1)
                    : strerror(result.error);
@@ -34,6 +35,7 @@ struct Staging : Test {
     bool leaves_nothing() const { return fs::is_empty(dir.path("staging")); }
     temp_dir_t dir;
     int direct_for = 0;  // errno of the staging that failed
+    std::string path;    // of the file that was not written
 };
 
 TEST_F(Staging, TakesNoNameTwiceAndLeavesNothingBehind) {
@@ -57,6 +59,13 @@ TEST_F(Staging, WritesDirectlyWithoutAStagingDirectory) {
     EXPECT_EQ(dir.read("spool/call_b_1_0"), "text");
 }
 
+TEST(Disks, AreDifferentWhenBothAreKnown) {
+    EXPECT_TRUE(are_on_different_disks("/proc", "/"));
+    EXPECT_FALSE(are_on_different_disks("/proc", "/proc/self"));
+    EXPECT_FALSE(are_on_different_disks("/none", "/"));
+    EXPECT_FALSE(are_on_different_disks("/proc", "/none"));
+}
+
 TEST_F(Staging, SaysWhyNothingIsWritten) {
     rlimit before{};
     getrlimit(RLIMIT_FSIZE, &before);
@@ -65,6 +74,7 @@ TEST_F(Staging, SaysWhyNothingIsWritten) {
         const rlimit lowered{limit, before.rlim_max};
         setrlimit(RLIMIT_FSIZE, &lowered);
         EXPECT_EQ(stage("call_a_1", "four"), strerror(error));
+        EXPECT_THAT(path, StartsWith(dir.path("staging/vesperd-call-")));
         setrlimit(RLIMIT_FSIZE, &before);
     }
     signal(SIGXFSZ, handler);
