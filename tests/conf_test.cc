@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include "rule.h"
+#include "settings.h"
 #include "support.h"
 
 namespace {
@@ -114,6 +115,52 @@ TEST_F(Tables, WhatAReloadKeeps) {
               "rule_e|rule_f||rule_d|");
     load(pager("short"));
     EXPECT_STREQ(pagers[0].name, "short");
+}
+
+// What a reload compares, what it stores, and whether it has to connect anew for it.
+TEST_F(Tables, EveryKeyOfALineIsASetting) {
+    const auto read = [&](const std::string &keys) {
+        pager_t line{};
+        const std::string text = "[p]\nhost = 127.0.0.1\nstaging_dir = /tmp\n" + keys + "\n";
+        const unique_dictionary_t dict(ini_load(dir.write("line", text).c_str()));
+        EXPECT_EQ(load_pager(dict.get(), "p", &line), 0);
+        return line;
+    };
+    const pager_t before = read("");
+    const std::pair<const char *, const char *> rows[] = {
+        {"host = 127.0.0.2", "other host"},
+        {"port = 1", "other port"},
+        {"protocol = ascii", "other protocol"},
+        {"port = 1\nlisten = y", "other port and listen"},
+        {"listen = y\nlisten_address = 127.0.0.1", "other listen and addresses"},
+        {"espa_address = 3", "other addresses"},
+        {"espa_control = 3", "other addresses"},
+        {"callscript = x", ""},
+        {"spool_dir = x", ""},
+        {"default_rule = x", ""},
+        {"rules = x", ""},
+        {"no_check_bcc = y", ""},
+        {"espa_poll = y", ""},
+        {"read_timeout = y", ""},
+        {"send_service_actions = y", ""},
+        {"recover_link = y", ""},
+        {"ack_when_done = y", ""},
+        {"staging_dir = x", ""},
+        {"charset = UTF-8", ""},
+        {"follow_calls = y", ""},
+        {"status_called = x", ""},
+        {"status_answered = x", ""},
+        {"status_unanswered = x", ""},
+    };
+    for (const auto &[keys, moved] : rows) {
+        const pager_t after = read(keys);
+        EXPECT_FALSE(settings_are_same(before, after)) << keys;
+        EXPECT_EQ(settings_moved(before, after), moved);
+        pager_t stored = before;
+        settings_store(&stored, after);
+        settings_reconnect(&stored, after.protocol);
+        EXPECT_EQ(memcmp(&stored, &after, sizeof stored), 0) << keys;
+    }
 }
 
 // Two files that share nothing: pager names, rule lists, rules and their number all differ.
