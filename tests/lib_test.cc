@@ -8,6 +8,7 @@
 #include "daemon.h"
 #include "files.h"
 #include "ini.h"
+#include "notify.h"
 #include "printable.h"
 #include "rights.h"
 #include "sig.h"
@@ -39,10 +40,45 @@ TEST(Pidfile, OfAnotherInstanceIsLeftAlone) {
     EXPECT_TRUE(fs::exists(file));
     EXPECT_EQ(daemon_close(), 0);
     EXPECT_FALSE(fs::exists(file));
+    dir.write("x.pid", "of another instance, since");
+    EXPECT_EQ(daemon_close(), 0);
+    EXPECT_TRUE(fs::exists(file));
     for (const std::string &name : {dir.path("none/x"), "/" + std::string(5000, 'x')}) {
         EXPECT_EQ(daemon_pidfile(name.c_str()), -1);
     }
     EXPECT_EQ(daemon_pidfile(nullptr), -1);
+}
+
+TEST(Notify, HearsWhoeverIsNamed) {
+    const std::string name = "@vesper-test-" + std::to_string(getpid());
+    sockaddr_un address{AF_UNIX, {}};
+    name.copy(address.sun_path, name.size());
+    address.sun_path[0] = '\0';  // a name that is no file's
+    const auto size = socklen_t(offsetof(sockaddr_un, sun_path) + name.size());
+    const unique_fd_t manager(socket(AF_UNIX, SOCK_DGRAM, 0));
+    ASSERT_EQ(bind(manager.get(), reinterpret_cast<sockaddr *>(&address), size), 0);
+    const struct {
+        std::string path;
+        const char *limit, *heard;
+    } rows[] = {
+        {name, "2000", "WATCHDOG=1x"}, {name, "-1", "x"}, {name, "", "x"},
+        {name.substr(1), "2000", ""},  {"@", "2000", ""}, {"@" + std::string(107, 'x'), "2000", ""},
+    };
+    for (const auto &row : rows) {
+        child_t child(fork());
+        if (child.pid == 0) {
+            setenv("NOTIFY_SOCKET", row.path.c_str(), 1);
+            setenv("WATCHDOG_USEC", row.limit, 1);
+            notify_init();
+            notify_alive();
+            notify("x");
+            const bool is_taken = getenv("NOTIFY_SOCKET") == getenv("WATCHDOG_USEC");
+            _exit(is_taken && notify_is_wanted() == (*row.heard != '\0') ? 0 : 1);
+        }
+        EXPECT_EQ(child.wait(), 0) << row.path;
+        const std::string first = read_available(manager);
+        EXPECT_EQ(first + read_available(manager), row.heard) << row.path << row.limit;
+    }
 }
 
 std::string handled;
