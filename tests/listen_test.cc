@@ -142,13 +142,12 @@ TEST_F(Listening, LiveReloadLetsALineBe) {
     EXPECT_TRUE(is_closed_at_once(moves));
     EXPECT_TRUE(control_station_t(stays.get(), 60, nullptr).send_call(to("3", "FIRE")));
     std::swap(daemon.ports[0], daemon.ports[1]);
-    daemon.configure({{"moves", keys}}, rest);
+    daemon.configure({{"moves", keys}, {"heir", keys}}, rest);
     EXPECT_TRUE(process.send(SIGHUP));
     EXPECT_TRUE(is_closed_at_once(stays));
-    std::string error;
-    EXPECT_TRUE(eventually([&] {
-        return bool(listen_on(HERE, std::stoi(daemon.ports[1]), &error));
-    })) << error;
+    const unique_fd_t heir = connect_from("127.0.0.1", daemon.ports[1]);
+    EXPECT_TRUE(control_station_t(heir.get(), 60, nullptr).send_call(to("5", "FIRE")));
+    EXPECT_EQ(daemon.count("Unable to listen"), 0);
     EXPECT_TRUE(control_station_t(moved.get(), 60, nullptr).send_call(to("4", "FIRE")));
 }
 

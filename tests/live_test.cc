@@ -117,6 +117,41 @@ TEST_F(Live, ChangesWhatDiffersAndNothingElse) {
     EXPECT_EQ(process.end(SIGTERM), 0);
 }
 
+// What is an address at a second glance, "127.1", is a name at the first.
+TEST_F(Live, FindsHostsWhileItServes) {
+    const std::string named = KEYS + "host = 127.1\n";
+    child_t process = start({{"a", named}, {"b", KEYS}}, fire("1"));
+    const unique_fd_t a = daemon.accept(0);
+    const unique_fd_t b = daemon.accept(1);
+    configure({{"a", named + "espa_poll = y\n"}, {"b", KEYS}, {"c", named}}, fire("1"));
+    EXPECT_EQ(reload(process),
+              "EVENT: 1 line as it was, c added, a: changed, rules: 1 as they were");
+    unique_fd_t c = daemon.accept(2);
+    configure({{"a", named},
+               {"b", KEYS + "host = 127.0.1\n"},
+               {"c", KEYS + "host = no.such.host.invalid\nport = 1\n"},
+               {"d", KEYS + "host = 0177.1\n"}},
+              fire("2"));
+    reload(process);
+    daemon.expect_logged("no.such.host.invalid: line c stays where it was");
+    daemon.expect_logged("b: other host");
+    daemon.expect_logged("d added");
+    const unique_fd_t moved = daemon.accept(1);
+    daemon.accept(3);
+    EXPECT_TRUE(eventually([&] { return is_closed(b); }));
+    if (is_closed(c)) {  // the search took so long that it was silent for more than 15 seconds
+        c = daemon.accept(2);
+    }
+    EXPECT_TRUE(control_station_t(c.get(), 30, nullptr).send_call(to("1", "FIRE")));
+    EXPECT_NE(daemon.call("2"), "");
+    EXPECT_TRUE(status_has("vesperd_load_success 0"));
+    configure({{"e", KEYS + "host = 127.0.0.01\n"}}, fire("3"));  // the only one
+    process.send(SIGHUP);
+    daemon.expect_logged("e added, a gone, b gone, c gone, d gone, rules: 1 changed");
+    EXPECT_TRUE(shows({"e"}));
+    EXPECT_EQ(process.end(SIGTERM), 0);
+}
+
 // The key's absence in a file holds from the reload after it; then every line has a thread again.
 TEST_F(Live, IsTurnedOff) {
     child_t process = start({{"a", KEYS}, {"b", KEYS}}, fire("1"));
@@ -168,6 +203,7 @@ TEST_F(Live, SlotsAreTheLoadersBusiness) {
     EXPECT_TRUE(status_has("vesperd_load_success 0"));
     EXPECT_TRUE(shows({"a", "b", "c", "d", long_name}));
     daemon.expect_logged(": d added");
+    EXPECT_TRUE(status_has("line_messages_total{line=\"d\"} 0\n"));
     daemon.expect_logged("Unable to find host no.such.host.invalid: line none is not served");
 
     daemon.configure(lines("cd"), "[logger]\nstatus_file = @status\n" + fire("1"));
