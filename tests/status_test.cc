@@ -153,8 +153,16 @@ vesperd_line_protocol{line="b",protocol="espa",configured="espa"} 1
 TEST(Status, IsReportedInEveryForm) {
     const temp_dir_t dir;
     const limits_t limits{60, 60'000, 15};
-    auto report = make_report(dir.write("s", WRITTEN), links_t::FOLLOW, limits, 1e5);
+    const std::string path = dir.write("s", WRITTEN);
+    status_files_t files;
+    const auto look = [&] { return make_report(&files, path, links_t::FOLLOW, limits, 1e5); };
+    look();
+    auto report = look();
     report.file = "F";
+    fs::rename(dir.write("new", "cut"), path);
+    EXPECT_EQ(look().problems.front().kind, "unreadable");
+    fs::rename(dir.write("new", WRITTEN), path);
+    EXPECT_EQ(look().problems.front().kind, "action");
     EXPECT_EQ(report_table({report}, 1e5, true),
               "\033[1;31ma: a command runs for 61 s\033[0m\n"
               "\033[33ma: fell back to ASCII 19 h ago\033[0m\n"

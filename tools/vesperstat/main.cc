@@ -110,7 +110,7 @@ double now() {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-std::vector<report_t> make_reports(const options_t &options, double time) {
+std::vector<report_t> make_reports(const options_t &options, status_files_t *files, double time) {
     const bool are_named = !options.files.empty();
     const sources_t sources = are_named ? sources_t{options.files, 0} : find_status_files();
     // The directory is the account's: what it links to is not for everybody who looks.
@@ -118,7 +118,7 @@ std::vector<report_t> make_reports(const options_t &options, double time) {
     const std::vector<std::string> names = instance_names(sources.files);
     std::vector<report_t> reports;
     for (size_t i = 0; i < names.size(); i++) {
-        reports.push_back(make_report(sources.files[i], links, options.limits(), time));
+        reports.push_back(make_report(files, sources.files[i], links, options.limits(), time));
         reports.back().instance = names[i];
     }
     if (sources.passed_over > 0) {
@@ -140,9 +140,9 @@ bool with_colour() {
 }
 
 // Prints once. Returns the exit status.
-int show(const options_t &options) {
+int show(const options_t &options, status_files_t *files) {
     const double time = now();
-    const std::vector<report_t> reports = make_reports(options, time);
+    const std::vector<report_t> reports = make_reports(options, files, time);
     std::string text;
     switch (options.output) {
         case output_t::TABLE:
@@ -170,9 +170,10 @@ int show(const options_t &options) {
 // Prints again and again; ends with the output, or by a signal.
 [[noreturn]] void watch(const options_t &options) {
     const bool is_screen = is_terminal() && options.output == output_t::TABLE;
+    status_files_t files;
     for (;;) {
         fputs(is_screen ? "\033[H\033[2J" : "", stdout);
-        show(options);
+        show(options, &files);
         if (!is_screen && options.output == output_t::TABLE) {
             putchar('\n');
         }
@@ -190,5 +191,6 @@ int main(int argc, char **argv) {
     if (options.watch) {
         watch(options);
     }
-    return show(options);
+    status_files_t files;
+    return show(options, &files);
 }

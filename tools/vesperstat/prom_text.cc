@@ -6,6 +6,7 @@
 namespace {
 
 constexpr std::string_view BLANKS = " \t";
+constexpr size_t USUAL_LABELS = 5;
 
 bool is_letter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
@@ -95,6 +96,7 @@ bool take_labels(cursor_t *cursor, sample_t *sample) {
         return true;
     }
     cursor->skip_blanks();
+    sample->labels.reserve(USUAL_LABELS);
     while (!cursor->take('}')) {
         auto &[name, value] = sample->labels.emplace_back(cursor->take_name(false), "");
         cursor->skip_blanks();

@@ -20,10 +20,11 @@ std::string sentence(const report_t &report, const problem_t &problem) {
 
 }  // namespace
 
-report_t make_report(const std::string &file, links_t links, const limits_t &limits, double now) {
+report_t make_report(status_files_t *files, const std::string &file, links_t links,
+                     const limits_t &limits, double now) {
     report_t report{file, "", {}, {}};
     std::string error;
-    if (read_status(file, links, &report.status, &error)) {
+    if (files->read(file, links, &report.status, &error)) {
         report.problems = judge(report.status, limits, now);
     } else {
         report.status = {};

@@ -18,7 +18,8 @@ struct report_t {
 };
 
 // Reads and judges a status file at the time `now`.
-report_t make_report(const std::string &file, links_t links, const limits_t &limits, double now);
+report_t make_report(status_files_t *files, const std::string &file, links_t links,
+                     const limits_t &limits, double now);
 
 // The report on files of a directory that were passed over, of kind "too_many", level UNKNOWN.
 report_t report_passed_over(const std::string &directory, size_t count);

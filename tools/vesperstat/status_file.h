@@ -1,7 +1,10 @@
 // vesperd's status file as records.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -69,6 +72,22 @@ enum class links_t { FOLLOW, REFUSE };
 // Reads a status file that somebody else may have put there. Returns false when it cannot be read
 // or is no status file, with the reason in `*error`.
 bool read_status(const std::string &path, links_t links, status_t *status, std::string *error);
+
+// Reads status files again and again: what has not changed is not parsed anew.
+class status_files_t {
+  public:
+    // As read_status().
+    bool read(const std::string &path, links_t links, status_t *status, std::string *error);
+
+  private:
+    struct known_t {
+        dev_t device;
+        ino_t inode;
+        timespec changed;
+        status_t status;
+    };
+    std::map<std::string, known_t> known_;
+};
 
 // The same for its content. Metrics that are not known are passed over.
 bool parse_status(std::string_view text, status_t *status, std::string *error);
