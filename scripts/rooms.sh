@@ -14,6 +14,14 @@ fail() {
     exit 1
 }
 
+# Says what comes, and how long the last took.
+step() {
+    [ -z "${step_began:-}" ] || printf -- '--- %s: %d s\n' "$step_name" $((SECONDS - step_began))
+    step_name=$1
+    step_began=$SECONDS
+    printf '\n=== %s\n' "$step_name"
+}
+
 # Waits until nobody else works in the cache.
 take_cache() {
     local tries=0
@@ -44,6 +52,43 @@ guest() {
     nspawn=''
     remove_cgroups
     return "$status"
+}
+
+# Ends a guest that still runs. The second signal cuts the orderly shutdown of a booted one short.
+end_guest() {
+    [ -n "$nspawn" ] || return 0
+    kill "$nspawn" 2>/dev/null && sleep 1
+    kill "$nspawn" 2>/dev/null
+    wait "$nspawn"
+    remove_cgroups
+}
+
+# Boots a room and runs a shell's command in it, whose exit status becomes that of the system's shutdown:
+# boot_and_run DIRECTORY SECONDS COMMAND
+boot_and_run() {
+    local directory=$1 units=$1/etc/systemd/system
+    cat >"$units/room-test.service" <<END
+[Unit]
+After=multi-user.target
+SuccessAction=exit
+FailureAction=exit
+[Service]
+Type=exec
+ExecStart=/bin/sh -c '$3'
+Environment=HOME=/root TERM=dumb
+RuntimeMaxSec=$2
+StandardOutput=tty
+StandardError=inherit
+END
+    mkdir -p "$units/multi-user.target.wants"
+    ln -s ../room-test.service "$units/multi-user.target.wants"
+    # The one would give this machine's kernel the room's settings, the other take the console away.
+    ln -s /dev/null "$units/systemd-sysctl.service"
+    ln -s /dev/null "$units/console-getty.service"
+    # A machine's first process has no inheritable capabilities; a guest's has all.
+    guest "$directory" --private-network --console=read-only --kill-signal=SIGRTMIN+3 \
+        --setenv=TERM=dumb \
+        setpriv --inh-caps=-all /sbin/init systemd.show_status=no systemd.log_level=err
 }
 
 # Runs a command in a directory's system, with the machine's network. A booted system would have
@@ -135,4 +180,26 @@ make_base() {
     run_in "$base.new" sh -c 'apt-get clean && rm -rf /var/lib/apt/lists/*'
     rm "$log"
     mv "$base.new" "$base"
+}
+
+# Makes the minimal system of a suite, if it is not kept yet.
+keep_base() {
+    [ ! -e "$cache/$1" ] || return 0
+    step "$1: A minimal system, to be kept in $cache/$1"
+    make_base "$1" "$cache/$1"
+}
+
+# Makes a repository of a copy of the tree and prints what names its content.
+tree_of() {
+    git -C "$1" init -q
+    git -C "$1" add -A
+    git -C "$1" write-tree
+}
+
+# Keeps packages for others: keep_packages SUITE DIRECTORY TREE
+keep_packages() {
+    rm -rf "$cache/packages-$1"
+    install -d -m 0700 "$cache/packages-$1"
+    cp "$2"/*.deb "$cache/packages-$1"
+    echo "$3" >"$cache/packages-$1/tree"
 }
