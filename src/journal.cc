@@ -214,13 +214,14 @@ std::string as_json(const outcome_entry_t &entry) {
 void append_line(const std::string &json) {
     const char *path = journal_file;
     // What a full disk has cut is at least not continued.
-    const std::string line = (torn.exchange(false) ? "\n" : "") + json;
+    const bool was_torn = torn.exchange(false);
+    const std::string line = (was_torn ? "\n" : "") + json;
     constexpr int FLAGS = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
     const unique_fd_t file(open(path, FLAGS, 0640));
     const ssize_t written = file ? write(file.get(), line.data(), line.size()) : -1;
     if (written != std::ssize(line)) {
         report_failure(path, written < 0 ? errno : ENOSPC);
-        torn = written > 0;
+        torn = torn || was_torn || written > 0;
     }
 }
 

@@ -162,6 +162,12 @@ int wait_for_data_or_knock(int sock) {
     return 0;
 }
 
+// Counts a wait that ended like this, and returns how it did.
+int note_silence(int ready) {
+    my_stats().silence_seconds.add(ready == 0 ? READ_WAIT_SECONDS : 0);
+    return ready;
+}
+
 }  // namespace
 
 void hear_while_waiting(const knock_t *knock) noexcept {
@@ -173,7 +179,7 @@ int wait_data(int sock) noexcept {
         return -1;
     }
     if (heard != nullptr) {
-        return wait_for_data_or_knock(sock);
+        return note_silence(wait_for_data_or_knock(sock));
     }
     timeval left{READ_WAIT_SECONDS, 0};  // select counts it down, so an interrupted wait goes on
     fd_set readable;
@@ -190,7 +196,7 @@ int wait_data(int sock) noexcept {
     if (has_data > 0 && FD_ISSET(sock, &exceptional)) {
         return -1;
     }
-    return has_data;
+    return note_silence(has_data);
 }
 
 ssize_t read_byte(int sock, char *byte) noexcept {
@@ -231,6 +237,7 @@ int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_po
     if (byte == SOH) {
         return read_block(sock, packet, maxlen, options);
     }
+    uint64_t dropped = 1;
     if (byte >= '0' && byte <= '9') {
         const char address = byte;
         ready = wait_data(sock);
@@ -245,11 +252,13 @@ int espa_read_packet(int sock, char *packet, int maxlen, int *polls, int espa_po
             answer_request(sock, address, polls, espa_poll);
             return 1;
         }
+        dropped += got > 0 ? 1 : 0;
     }
     if (byte == EOT) {
         echo_end_of_transmission(sock, polls);
         return 1;
     }
+    my_stats().noise_bytes.add(dropped);
     return ESPA_UNEXPECTED;
 }
 

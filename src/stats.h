@@ -39,7 +39,8 @@ struct alignas(64) line_stats_t {  // threads do not share cache lines
     counter_t check_errors;
     counter_t messages;
     counter_t unmatched;
-    counter_t noise_bytes;               // that belong to nothing, on a line with an espa_address
+    counter_t silence_seconds;           // in which a connection brought nothing, 15 in a row
+    counter_t noise_bytes;               // that belong to nothing, on an ESPA line
     std::array<counter_t, 10> requests;  // by their address
     counter_t refused;                   // connections of others than the line's host
     std::array<std::array<counter_t, 2>, RULE_ACTIONS> actions;  // failed, ok

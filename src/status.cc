@@ -49,6 +49,8 @@ struct shown_line_t {
     std::string where;  // host="HOST",port="PORT"
     bool is_ascii;
     bool is_configured_ascii;
+    char address;  // zero: the line is no station
+    char control;
 };
 
 std::string escaped(const std::string &value) {
@@ -102,7 +104,7 @@ std::vector<shown_line_t> shown_lines() {
             {&line_stats[i], unique_label(lines, pager.name),
              "host=\"" + label_value(pager.host) + "\",port=\"" + std::to_string(port) + "\"",
              load_shared(pager.protocol) == PROTOCOL_ASCII,
-             pager.configured_protocol == PROTOCOL_ASCII});
+             pager.configured_protocol == PROTOCOL_ASCII, pager.espa_address, pager.espa_control});
     }
     return lines;
 }
@@ -176,6 +178,9 @@ void expose_counters(exposition_t *out, const lines_t &lines) {
     } rows[] = {
         {"line_connects_total", "Connections made.", &line_stats_t::connects},
         {"line_received_bytes_total", "Bytes received.", &line_stats_t::received_bytes},
+        {"line_silence_seconds_total",
+         "How long connections brought nothing, without what is shorter than 15 seconds.",
+         &line_stats_t::silence_seconds},
         {"line_polls_total", "Requests answered, that is an address and ENQ.",
          &line_stats_t::polls},
         {"line_packets_total", "Packets or lines received.", &line_stats_t::packets},
@@ -196,7 +201,7 @@ void expose_counters(exposition_t *out, const lines_t &lines) {
 // Who is spoken to on a line: of the addresses those that have been heard.
 void expose_requests(exposition_t *out, const lines_t &lines) {
     out->begin("line_noise_bytes_total", "counter",
-               "Bytes that belong to nothing, on a line with espa_address.");
+               "Bytes that belong to nothing, on an ESPA line.");
     for (const shown_line_t &line : lines) {
         out->sample(line.label, line.stats->noise_bytes.get());
     }
@@ -206,6 +211,15 @@ void expose_requests(exposition_t *out, const lines_t &lines) {
             if (const uint64_t count = line.stats->requests[address].get(); count > 0) {
                 out->sample(line.label + ",address=\"" + std::to_string(address) + "\"", count);
             }
+        }
+    }
+    out->begin("line_station", "gauge",
+               "The station that a line with espa_address is, and its control station.");
+    for (const shown_line_t &line : lines) {
+        if (!line.is_configured_ascii && line.address != '\0') {
+            out->sample(
+                line.label + ",address=\"" + line.address + "\",control=\"" + line.control + "\"",
+                1);
         }
     }
 }
@@ -271,9 +285,9 @@ void expose_undelivered(exposition_t *out, const lines_t &lines) {
         out->sample(line.label, line.stats->undelivered.get());
     }
     out->begin("line_undelivered_time_seconds", "gauge", "When nobody answered, for an hour.");
-    const std::vector<undelivered_t> messages = recently_undelivered();
+    const std::vector<undelivered_message_t> messages = recently_undelivered();
     for (const shown_line_t &line : lines) {
-        for (const undelivered_t &message : messages) {
+        for (const undelivered_message_t &message : messages) {
             if (&line_stats[message.line] == line.stats) {
                 out->sample_seconds(line.label + ",call=\"" + label_value(message.call.c_str()) +
                                         "\",text=\"" + escaped(beginning_of(message.text)) + "\"",

@@ -8,8 +8,12 @@
 #include <sys/stat.h>
 
 #include "charset.h"
+#include "clock.h"
+#include "journal.h"
 #include "stats.h"
+#include "status.h"
 #include "support.h"
+#include "undelivered.h"
 #include "utf8.h"
 
 namespace {
@@ -48,6 +52,7 @@ TEST_F(Staging, TakesNoNameTwiceAndLeavesNothingBehind) {
     EXPECT_EQ(stage("none/call_a_1"), "No such file or directory");
     EXPECT_EQ(stage(std::string(300, 'a')), "File name too long");
     EXPECT_EQ(stage(std::string(1000, 'a')), "File name too long");
+    EXPECT_EQ(stage("call_a_1"), "call_a_1_3");
     EXPECT_TRUE(leaves_nothing());
     EXPECT_EQ(direct_for, 0);
 }
@@ -57,6 +62,47 @@ TEST_F(Staging, WritesDirectlyWithoutAStagingDirectory) {
     EXPECT_EQ(stage("call_b_1", "text"), "call_b_1_0");
     EXPECT_EQ(direct_for, ENOENT);
     EXPECT_EQ(dir.read("spool/call_b_1_0"), "text");
+    dir.write("spool/call_b_1_1", "of another process");
+    EXPECT_EQ(stage("call_b_1"), "call_b_1_2");
+    EXPECT_EQ(stage("none/call_b_1"), "No such file or directory");
+}
+
+TEST_F(Staging, ACallToFollowHasALinkUnderItsName) {
+    const std::string spool = dir.path("spool"), staging = dir.path("staging");
+    fs::create_directory(dir.path("staging/followed"));
+    dir.write("spool/call_f_1_0", "of another process");
+    dir.write("staging/followed/call_f_1_1", "of another call");
+    const auto follow = [&](const char *name) {
+        staged_call_t call{staging.c_str(), spool.c_str(), name, "", 0};
+        EXPECT_EQ(call_file_follow(&call, "set", "end").outcome == call_file_t::WRITTEN,
+                  call.is_followed);
+        const std::string made = call.is_followed ? call.path + spool.size() : "";
+        return joined(made, call.follow_error, call.size);
+    };
+    const std::string content = "setArchive: yes\r\nSetVar: VESPERD_CALL=call_f_1_2\r\nend";
+    EXPECT_EQ(follow("call_f_1"), joined("/call_f_1_2", 0, content.size()));
+    EXPECT_EQ(dir.read("spool/call_f_1_2"), content);
+    EXPECT_EQ(fs::status(dir.path("spool/call_f_1_2")).permissions(), fs::perms(0666));
+    fs::remove(dir.path("spool/call_f_1_2"));
+    fs::rename(dir.path("spool"), dir.path("away"));
+    EXPECT_EQ(follow("call_f_1"), joined("", ENOENT, 0));
+    fs::rename(dir.path("away"), dir.path("spool"));
+    // Linked, and not yet renamed, by a process that was killed; the first is no call's.
+    for (const char *file : {"1", "2"}) {
+        dir.write("staging/vesperd-call-1-"s + file, file);
+    }
+    fs::create_hard_link(dir.path("staging/vesperd-call-1-2"),
+                         dir.path("staging/followed/call_g_1_0"));
+    ints_t finished;
+    for (const char *name : {"call_f_1_1", "none", "call_g_1_0", "call_g_1_0"}) {
+        finished.push_back(call_file_finish(staging.c_str(), spool.c_str(), name));
+    }
+    EXPECT_EQ(finished, (ints_t{0, 0, 1, 0}));
+    EXPECT_EQ(dir.read("spool/call_g_1_0"), "2");
+    const auto links = fs::directory_iterator(dir.path("staging/followed"));
+    EXPECT_EQ(std::distance(links, {}), 3);
+    fs::remove(dir.path("staging/vesperd-call-1-1"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(staging), {}), 1);
 }
 
 TEST(Disks, AreDifferentWhenBothAreKnown) {
@@ -78,6 +124,13 @@ TEST_F(Staging, SaysWhyNothingIsWritten) {
         setrlimit(RLIMIT_FSIZE, &before);
     }
     signal(SIGXFSZ, handler);
+    // One descriptor is left, and errors that come late are not heard of.
+    getrlimit(RLIMIT_NOFILE, &before);
+    const int next = unique_fd_t(open("/dev/null", O_RDONLY | O_CLOEXEC)).get();
+    const rlimit lowered{rlim_t(next + 1), before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &lowered);
+    EXPECT_EQ(stage("call_a_1"), strerror(EBADF));
+    setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_TRUE(leaves_nothing());
     EXPECT_TRUE(fs::is_empty(dir.path("spool")));
 }
@@ -90,10 +143,79 @@ TEST_F(Staging, CleaningLeavesWhatIsBeingWritten) {
     const unique_fd_t writer(open(busy.c_str(), O_WRONLY));
     EXPECT_EQ(flock(writer.get(), LOCK_SH), 0);
     call_file_clean(dir.path("staging").c_str());
-    EXPECT_EQ(dir.list("staging").size(), 1U);
     EXPECT_TRUE(fs::exists(busy));
     EXPECT_TRUE(fs::exists(dir.path("staging/other")));
-    EXPECT_FALSE(fs::exists(dir.path("staging/vesperd-call-1-1")));
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path("staging")), {}), 2);
+}
+
+TEST_F(Tables, AFullDiskCutsNoJournalLineButItsLast) {
+    const std::string path = dir.path("journal");
+    journal_init(path.c_str());
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    const auto write_entry = [](int alrm) {
+        outcome_t outcome;
+        outcome.exit_status = 0;
+        journal_write({&pagers[0], alrm, "", "", nullptr, outcome, microseconds_passed()});
+    };
+    write_entry(ALARM_CONNECTED);
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const auto handler = signal(SIGXFSZ, SIG_IGN);
+    const rlimit lowered{fs::file_size(path) + 9, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &lowered);
+    write_entry(ALARM_CONNECTED);  // nine bytes of it
+    write_entry(ALARM_CONNECTED);  // nothing
+    setrlimit(RLIMIT_FSIZE, &before);
+    signal(SIGXFSZ, handler);
+    write_entry(ALARM_STARTED);
+    write_entry(ALARM_STARTED);
+    journal_init("");
+    EXPECT_THAT(dir.read("journal"),
+                MatchesRegex("[{].*[+]00:00\".*\"connected\".*\"exit\":0.*[}]\n[{]\"time\":\"\n"
+                             "[{].*\"started\".*[}]\n[{].*\"started\".*[}]\n"));
+    EXPECT_THAT(log(), MatchesRegex("ERROR: Unable to write journal .*: No space left on .*\n+"));
+}
+
+TEST(Undelivered, TheLatestEightOfALineForAnHour) {
+    const int64_t now = milliseconds_now();
+    keep_undelivered({2, "old", "", now - 3'600'001});
+    keep_undelivered({2, "recent", "", now - 3'540'000});
+    for (const char call : "123456789"s) {
+        keep_undelivered({1, {call}, "", now});
+    }
+    const auto calls = [] {
+        std::string all;
+        for (const undelivered_message_t &message : recently_undelivered()) {
+            all += message.call + " ";
+        }
+        return all;
+    };
+    EXPECT_EQ(calls(), "recent 2 3 4 5 6 7 8 9 ");
+    forget_undelivered(1);
+    EXPECT_EQ(calls(), "recent ");
+    forget_undelivered(2);
+}
+
+TEST_F(Tables, StatusLabels) {
+    const std::string text(127, 'x');
+    keep_undelivered({1, "a\n", text + "\xC3\xA4", milliseconds_now()});
+    keep_undelivered({1, "b", text + "xy", milliseconds_now()});
+    stats_begin(&pagers[0]);
+    stats_begin(&pagers[1]);
+    pagers[1].espa_address = '2';
+    pagers[1].espa_control = '1';
+    status_init(dir.path("status").c_str());
+    status_update();
+    for (const std::string &shown : {"a\\n\",text=\"" + text, "b\",text=\"" + text + "x"}) {
+        EXPECT_THAT(dir.read("status"), HasSubstr("{line=\"#2\",call=\"" + shown + "\"} "));
+    }
+    EXPECT_THAT(dir.read("status"),
+                HasSubstr("station{line=\"#2\",address=\"2\",control=\"1\"} 1\n"));
+    status_init("");
+    forget_undelivered(1);
+    stats_end(&pagers[0]);
+    stats_end(&pagers[1]);
 }
 
 TEST(Charset, ConvertsEveryCharacter) {

@@ -2,6 +2,9 @@
 
 #include "vespercheck/checks.h"
 
+#include <grp.h>
+#include <sys/prctl.h>
+
 #include "instance.h"
 #include "support.h"
 
@@ -49,7 +52,7 @@ TEST_F(Check, FindsWithItsPlace) {
         {"[p]\nport = 1\n", "1 error host: .* has no host"},
         {CALL + "pattern = (a\n", "11 error pattern: .*Unmatched"},
         {"[p]\nhost = 1.2.3.4\nrules = a,b\n", "3 error no-rule: .* dropped"},
-        {"[p]\nhost = 1.2.3.4\ndefault_rule = x\n", "3 error no-rule: .*'x'"},
+        {"[p]\nhost = 1.2.3.4\ndefault_rule = " + longer + "\n", "3 error no-rule: .*'x{255}'"},
         {"[p]\nhost = 1.2.3.4\n", "1 warning no-rule: .* neither rules"},
         {repeated(17, "[p#]\nhost = 10.0.0.#\n"), "33 error not-read: .*p15.* 16th pager"},
         {repeated(257, "[rule_#x]\n"), "257 error not-read: .* 256th rule"},
@@ -107,7 +110,8 @@ TEST_F(Check, FindsWithItsPlace) {
         {CALL + "pattern = ^(|a{0})$\n", "11 warning empty-match: "},
         {CALL + "pattern = [[.].]]{0}[[=]=]]{0}\n", "11 warning empty-match: "},
         {CALL + "pattern = (a)\\1\n", "11 warning back-reference: "},
-        {CALL + "pattern = .*[0-9].{20}x\n", "11 warning growing-match: "},
+        {CALL + "pattern = ()()()()()()()()()\\9\n", "11 warning back-reference: "},
+        {CALL + "pattern = .*[0-9].{12}x\n", "11 warning growing-match: "},
         {LINE + "rules = rule_a,rule_d\n" + RULES + "pattern = FIRE\n",
          "11 warning same-pattern: rule_d .*rule_a .line 8"},
         {SCRIPT_RULE, "9 warning quoting: .*%number% stands there without"},
@@ -183,7 +187,7 @@ TEST_F(Check, FindsNothingInWhatIsMeant) {
         "[logger]\nlog_type = Syslog ;a comment\nlog_level = 3\nlog_escape = n\n" + LINE +
         "ack_when_done = y\nport = 4001;two\nread_timeout = 30\n[rule_a]\npattern = 'a;b' ; "
         "c\naction = script\n"
-        "quote = 1\nack_when_run = y\nvalue[ab] = (a)\nvalue[a] = (b)\n"
+        "quote = 1\nack_when_run = y\nvalue[ab] = (a)\nvalue[a] = (.+b.{11}c)\n"
         "callscript = x $HOME $(date +%H%M) %message% $ab '100 % of 10%' for i in $i "
         "`x \\`y\\``\"$(a '`' %message%)\" $a$1 '&' \\&\n[rule_d]\n");
     EXPECT_THAT(clean, Not(ContainsRegex("warning|note|error [^d]")));
@@ -267,6 +271,7 @@ TEST_F(InstalledCheck, JudgesFilesAsTheAccount) {
     EXPECT_THAT(said, HasSubstr("ovo cannot open " + dir.path("conf") + ": Permission denied"));
     fs::permissions(dir.path("conf"), fs::perms(0644));
     EXPECT_THAT(run(0, "vespercheck --loadable " + dir.path("conf")), HasSubstr("conf:7: error"));
+    EXPECT_THAT(run(3, "vespercheck --loadable " + closed), HasSubstr(closed + " is a directory"));
     const std::pair<const char *, const char *> open_files[] = {
         {"log_file = #made", "2 warning open-to-others: .*no .*made, and the daemon makes it"},
         {"journal_file = #open", "2 warning open-to-others: .*everybody can read .*open, which"},
@@ -288,6 +293,36 @@ TEST_F(InstalledCheck, JudgesFilesAsTheAccount) {
     }
 }
 
+// Whatever groups the account has, the daemon has those that it was started with.
+TEST_F(InstalledCheck, JudgesFilesByTheGroupsOfTheDaemon) {
+    if (!why_files_are_not_judged().empty()) {
+        GTEST_SKIP() << "needs root and the daemon's account";
+    }
+    set_instance("g" + std::to_string(getpid()));
+    const std::string pidfile = "/run/" + process_name() + ".pid";
+    const gid_t groups[] = {7, 8};
+    fs::create_directory(dir.path("spool"));
+    fs::permissions(dir.path("spool"), fs::perms(0070));
+    EXPECT_EQ(chown(dir.path("spool").c_str(), 0, 8), 0);
+    for (const std::string &name : {process_name(), "other"s}) {
+        child_t process(fork());
+        if (process.pid == 0) {
+            prctl(PR_SET_NAME, name.c_str());
+            _exit(setgroups(2, groups) + pause());
+        }
+        const std::string status = "/proc/" + std::to_string(process.pid) + "/status";
+        EXPECT_TRUE(eventually([&] {
+            const std::string text = read_file(status);
+            return text.find("\t7 8") != std::string::npos && text.find(name.substr(0, 15)) == 6;
+        }));
+        std::ofstream(pidfile) << process.pid << "\n";
+        const std::string found = findings_in(LINE + "spool_dir = " + dir.path("spool") + "\n");
+        EXPECT_EQ(found.find("spool: Permission denied") == std::string::npos, name != "other");
+    }
+    fs::remove(pidfile);
+    set_instance("");
+}
+
 TEST_F(Check, StatusAndReport) {
     const std::string head =
         "[logger]\nlog_file = /dev/null\nlog_level = 0\n[p]\nhost = 10.0.0.1\n";
@@ -304,8 +339,9 @@ TEST_F(Check, StatusAndReport) {
     dir.write("conf", head + "port = 010\n" + rest + rule);
     EXPECT_EQ(run(1, "vespercheck -q " + path),
               path + ":6: warning: port = '010' is octal: it means 8\n");
-    dir.write("conf", head + "charset = x\n" + rest + rule);
-    run(2, "vespercheck " + path);
+    dir.write("conf", head + "port = 1\n" + rest + rule + "[q]\nport = 1\n");
+    EXPECT_EQ(run(2, "vespercheck -q " + path),
+              path + ":14: error: [q] is taken for a pager and has no host: it is left out\n");
     fs::resize_file(dir.write("large", ""), MAX_CONFIGURATION_SIZE + 1);
     for (const char *unreadable : {"missing", "../../dev/zero", "large"}) {
         run(3, "vespercheck " + dir.path(unreadable));
@@ -338,7 +374,7 @@ TEST_F(Check, WhatAMessageComesTo) {
          "characters\n  $v = 'B'\n  Call file /s/call_B_#:\n    Channel: Local/1234@users\\r\n    "
          "Context: alarm\\r\n    Extension: B\\r\n    CallerID: \"1000\" <1000>\\r\n"
          "    Priority: 1\\r\n    MaxRetries: 0\\r\n"},
-        {"p -m SC" + std::string(126, 'x') + "yz", "xxx'\n"},
+        {"p -m SC" + std::string(125, 'x') + "yz", "xy'\n"},
         {"p -m FASC",
          "  Selected: rule_f, the first of those with the longest last match, 2 "
          "characters\n"},

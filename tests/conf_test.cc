@@ -92,8 +92,15 @@ TEST_F(Tables, FullTablesEndTheLoading) {
     load(many_pagers);
     EXPECT_EQ(joined(num_pagers, pagers[15].name, rules[14].name, rules[15].name),
               "16|p15|rule_14||");
+    read_conf_t read = read_conf(dir.path("conf").c_str());
+    EXPECT_EQ(joined(read.pagers.size(), read.rules.size(), read.is_whole), "64|63|1|");
     load(many_rules + pager("p"));
     EXPECT_EQ(joined(num_pagers, rules[255].name), "0|rule_255|");
+    read = read_conf(dir.path("conf").c_str());
+    EXPECT_EQ(joined(read.pagers.size(), read.rules.size()), "0|256|");
+    const std::string name(63, 'n');
+    read = read_conf(dir.write("twice", pager(name + "1") + pager(name + "2")).c_str());
+    EXPECT_EQ(joined(read.pagers.size(), read.is_whole), "1|0|");
     load("[rule_v]\n" + many_values);
     EXPECT_STREQ(rules[0].values[15].name, "n15");
     EXPECT_THAT(log(), HasSubstr("NOTICE: Max values per rule reached for rule rule_v"));
@@ -113,8 +120,43 @@ TEST_F(Tables, WhatAReloadKeeps) {
     EXPECT_EQ(joined(pagers[0].alarms[4].index, pagers[1].alarms[4].index), "2|0|");
     EXPECT_EQ(joined(rules[0].name, rules[1].name, rules[2].name, rules[3].name),
               "rule_e|rule_f||rule_d|");
+    load(pager("a") + pager("b") + pager("kept"));
     load(pager("short"));
-    EXPECT_STREQ(pagers[0].name, "short");
+    EXPECT_EQ(joined(pagers[0].name, pagers[1].name, pagers[2].name), "short||kept|");
+    for (const std::string &rest : {pager("p"), "[bad]\nhost = no such host\n"s}) {
+        load(pager("a") + pager("b") + pager("listens", "listen = y"));
+        EXPECT_EQ(pagers[2].listen, 1);
+        load(rest);  // what goes on to listen would keep its port
+        EXPECT_EQ(joined(pagers[2].listen, pagers[2].name), "0||");
+    }
+}
+
+TEST_F(Tables, KeysThatNeedOthers) {
+    const struct {
+        const char *keys, *outcome, *said = "";  // address, control and whether calls are followed
+    } rows[] = {
+        {"", "0|49|0|"},
+        {"espa_control = 12", "0|0|0|"},
+        {"espa_address = 2", "50|49|0|"},
+        {"espa_address = 12", "0|49|0|", "take a digit, not 12 and 1"},
+        {"espa_address = 2\nespa_control = 12", "0|0|0|", "take a digit, not 2 and 12"},
+        {"espa_address = 12\nprotocol = asc", "0|49|0|"},
+        {"follow_calls = y\nstaging_dir = /tmp", "0|49|1|"},
+        {"follow_calls = y", "0|49|0|", "follow_calls needs a staging_dir"},
+        {"follow_calls = y\nstaging_dir = /proc", "0|49|0|", "follow_calls needs a staging_dir"},
+    };
+    for (const auto &row : rows) {
+        dir.write("log", "");
+        load(pager("p", row.keys));
+        EXPECT_EQ(joined(int{pagers[0].espa_address}, int{pagers[0].espa_control},
+                         pagers[0].follow_calls),
+                  row.outcome);
+        EXPECT_THAT(log(), *row.said == '\0' ? Matcher<std::string>("") : HasSubstr(row.said));
+    }
+    load("log_escape = y\n");
+    LOG(LEVEL_VERBOSE, "\r\n");
+    EXPECT_THAT(log(), EndsWith("\\x0D\n"));
+    load("");
 }
 
 // What a reload compares, what it stores, and whether it has to connect anew for it.

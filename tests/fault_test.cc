@@ -141,6 +141,7 @@ TEST_F(Faults, ConnectionRefused) {
     const auto start = std::chrono::steady_clock::now();
     daemon.run_in_foreground();
     daemon.expect_logged("Error connecting to 127.0.0.1:" + daemon.ports[0]);
+    daemon.expect_logged("Call service action connection_lost\n");
     std::string error;
     daemon.listeners[0] = listen_on("127.0.0.1", std::stoi(daemon.ports[0]), &error);
     play({"", "", "", STAYS, ESPA}, &daemon, 0);

@@ -3,11 +3,11 @@
 
 #include "follow.h"
 
-#include <sys/stat.h>
-
+#include "action.h"
 #include "clock.h"
 #include "espasend/standard_station.h"
 #include "outcome.h"
+#include "report.h"
 #include "running_daemon.h"
 
 namespace {
@@ -21,10 +21,12 @@ const std::string RULES =
     "[rule_plain]\npattern = PLAIN\naction = call\nextension = plain\notherwise = rule_run\n"
     "[rule_sure]\npattern = SURE\naction = call\nextension = sure\nconfirm = y\n"
     "otherwise = rule_next\nwait_time = 7\nmax_retries = 2\nretry_time = 9\nrecord_fields = y\n"
-    "[rule_next]\naction = call\nextension = next$p\notherwise = rule_run\n"
+    "[rule_next]\naction = call\nextension = next$p\notherwise = rule_gone\n"
     "value[p] = [^0-9]*([0-9])\n"
     "[rule_lost]\npattern = LOST\naction = call\nextension = lost\ngive_up = 1\n"
     "[rule_run]\naction = script\nquote = y\ncallscript = 'echo %message% >> @ran'\n"
+    "[rule_gone]\naction = script\nquote = y\ncallscript = 'exit 127'\notherwise = rule_shut\n"
+    "[rule_shut]\naction = script\nquote = y\ncallscript = 'exit 126'\notherwise = rule_run\n"
     "[rule_last]\npattern = LAST\naction = call\nextension = last\notherwise = rule_none\n";
 
 struct Follow : Installed {
@@ -114,10 +116,11 @@ TEST_F(Follow, ToTheEndOfTheChain) {
                                 "SetVar: VESPERD_CALL=" +
                                 sure + "\r\n; vesperd: daemon \r\n"),
                       HasSubstr("; vesperd: text SURE 2\r\n"), EndsWith("; vesperd: end\r\n")));
-    struct stat file {};
-    EXPECT_EQ(stat(daemon.dir.path(sure).c_str(), &file), 0);
-    EXPECT_EQ(file.st_mode & 0777U, 0666U);
-    EXPECT_EQ(file.st_nlink, 2U);
+    const auto shows = [&](const std::string &sample) {
+        return eventually(
+            [&] { return daemon.dir.read("status").find(sample) != std::string::npos; });
+    };
+    EXPECT_TRUE(shows("calls_open{line=\"ward\"} 2\n"));
     add(answered, "Answered: 5\n");
     add(sure, "Answered: 5\n\nStatus: Completed\n");  // by a mailbox
     EXPECT_EQ(outcome(answered), "answered 1 null;");
@@ -140,15 +143,16 @@ TEST_F(Follow, ToTheEndOfTheChain) {
     EXPECT_EQ(daemon.dir.read("ran"), "SURE 2\n");
     daemon.expect_logged("Nobody answered call " + last + " of line ward for LAST");
     EXPECT_EQ(daemon.count("otherwise of rule rule_last finds no rule: rule_none"), 1);
+    EXPECT_TRUE(shows("calls_open{line=\"ward\"} 0\n") && shows("undelivered_time_seconds{"));
     EXPECT_EQ(reports(), "aacccccuuu");
     EXPECT_TRUE(eventually([&] { return links().empty(); }));
-    EXPECT_EQ(daemon.dir.list("staging").size(), 1U);
-    EXPECT_TRUE(eventually([&] {
-        return daemon.dir.read("status").find("undelivered_time_seconds{") != std::string::npos;
-    }));
+    EXPECT_EQ(joined(daemon.count("WARNING"), daemon.count("ERROR")), "1|2|") << daemon.log();
+    EXPECT_THAT(daemon.log(),
+                AllOf(ContainsRegex("rule_sure: unanswered after [0-9]+ s, 1 attempt, next is "
+                                    "rule_next\n"),
+                      ContainsRegex("rule_lost: lost after [0-9]+ s, 0 attempts\n")));
     for (const char *sample :
-         {"calls_open{line=\"ward\"} 0\n", "outcome=\"answered\"} 1\n",
-          "outcome=\"unanswered\"} 3\n", "outcome=\"lost\"} 1\n",
+         {"outcome=\"answered\"} 1\n", "outcome=\"unanswered\"} 3\n", "outcome=\"lost\"} 1\n",
           "answer_seconds_count{line=\"ward\"} 2\n", "line_undelivered_total{line=\"ward\"} 2\n"}) {
         EXPECT_THAT(daemon.dir.read("status"), HasSubstr(sample));
     }
@@ -162,6 +166,7 @@ TEST_F(Follow, ThroughSigkill) {
     const std::string open = call("PLAIN 1", "plain"), ended = call("SURE 2", "sure");
     const std::string halfway = call("SURE 3", "sure"), told = call("PLAIN 4", "plain");
     const std::string passed = call("SURE 5", "sure"), nobodys = call("PLAIN 6", "plain");
+    const std::string reported = call("PLAIN 7", "plain");
     kill_daemon();
     const auto rename_link = [&](const std::string &from, const std::string &name) {
         fs::rename(daemon.dir.path("staging/followed/" + from),
@@ -173,15 +178,20 @@ TEST_F(Follow, ThroughSigkill) {
     daemon.dir.write("journal",
                      "{\"line\":\"ward\",\"event\":\"outcome\",\"call\":\"" + told + "\"}\n");
     rename_link(passed, passed + "=unanswered=3");
+    rename_link(reported, reported + "=unanswered=3=told");
     // Its successor is linked, and not yet in the spool directory.
     followed_call_t successor{
         .line = "ward", .rule = "rule_next", .text = "SURE 5", .after = passed};
     successor.placed_ms = milliseconds_now();
+    successor.address = "47";
+    successor.passed_on = 1;
     daemon.dir.write("staging/vesperd-call-1-1", to_comments(successor));
     fs::create_hard_link(daemon.dir.path("staging/vesperd-call-1-1"),
                          daemon.dir.path("staging/followed/call_next5_1_0"));
     daemon.dir.write("staging/followed/call_x_1_0",
                      to_comments({.line = "ward", .rule = "rule_x"}));
+    daemon.dir.write("staging/followed/call_g_1_0",
+                     to_comments({.line = "gone", .rule = "rule_sure"}));
     daemon.dir.write("staging/followed/call_y_1_0", to_comments({.daemon = "other", .line = "w"}));
     daemon.dir.write("staging/followed/call_z_1_0", "");
     fs::remove(daemon.dir.path("staging/followed/" + nobodys));
@@ -189,8 +199,6 @@ TEST_F(Follow, ThroughSigkill) {
     EXPECT_EQ(outcome(ended), "unanswered 1 \"rule_next\";");
     EXPECT_EQ(outcome(halfway), "unanswered 0 \"rule_next\";");
     EXPECT_EQ(outcome(passed), "unanswered 0 \"rule_next\";");
-    EXPECT_EQ(outcome("call_x_1_0"), "unanswered 0 null;");
-    EXPECT_EQ(outcome("call_z_1_0"), "unanswered 0 null;");
     EXPECT_TRUE(fs::exists(daemon.dir.path("call_next5_1_0")));
     add(open, "Answered: 5\n");
     EXPECT_EQ(outcome(open), "answered 1 null;");
@@ -205,13 +213,21 @@ TEST_F(Follow, ThroughSigkill) {
         heard += reports();
         return links() == texts_t{"call_y_1_0"};
     })) << heard;
-    EXPECT_EQ(std::count(heard.begin(), heard.end(), 'a'), 3) << heard;
+    std::sort(heard.begin(), heard.end());
+    EXPECT_EQ(heard, "aaaccuuu");
+    for (const char *name : {"call_g_1_0", "call_x_1_0", "call_z_1_0"}) {
+        EXPECT_EQ(outcome(name), "unanswered 0 null;");  // once
+    }
+    EXPECT_EQ(daemon.count("The line of call call_g_1_0 is no more"), 1);
+    EXPECT_EQ(daemon.count("does not say whose call it is"), 1);
     EXPECT_EQ(daemon.count("The rule of call call_x_1_0 is no more"), 1);
     std::string ran = daemon.dir.read("ran");
     EXPECT_THAT(ran, AllOf(HasSubstr("SURE 5\n"), Not(HasSubstr("PLAIN 4\n"))));
     const std::string journal = daemon.dir.read("journal");
     EXPECT_EQ(journal.find(told), journal.rfind(told));  // its outcome had been written
-    EXPECT_EQ(journal.find(nobodys + "\",\"addr"), std::string::npos);
+    for (const std::string &name : {nobodys, reported}) {
+        EXPECT_EQ(journal.find(name + "\",\"addr"), std::string::npos);
+    }
 }
 
 TEST(Followed, CallTellsOfItselfWhateverItHolds) {
@@ -228,7 +244,7 @@ TEST(Followed, CallTellsOfItselfWhateverItHolds) {
     const std::string comments = to_comments(call);
     std::istringstream lines(comments);
     for (std::string line; std::getline(lines, line);) {
-        EXPECT_THAT(line, StartsWith("; vesperd: "));
+        EXPECT_THAT(line, MatchesRegex("; vesperd: [a-z_]+( [!-~][ -~]*)?\r"));
         EXPECT_LT(line.size(), 250U) << "the PBX takes the rest for a setting";
     }
     const std::string smuggled =
@@ -265,9 +281,54 @@ TEST(Followed, NamesOfCallsAndLinks) {
     }
     EXPECT_EQ(parse_link("a=b=c").text(), "a");
     EXPECT_TRUE(can_be_followed("call_8003*+.-_1795273340_0"));
+    EXPECT_TRUE(can_be_followed(std::string(200, 'a')));
     for (const std::string &name : {"a b"s, "a/b"s, "a=b"s, "a$b"s, std::string(201, 'a')}) {
         EXPECT_FALSE(can_be_followed(name)) << name;
     }
+}
+
+TEST_F(Tables, WhatIsFollowedAndWhatTheStationHearsOfIt) {
+    fs::create_directories(dir.path("staging/followed"));
+    dir.write("staging/followed/call_z", "");
+    pager_t &pager = pagers[0];
+    copy_text(pager.spool_dir, dir.path(""));
+    copy_text(pager.staging_dir, dir.path("staging"));
+    follow_start();
+    EXPECT_EQ(log(), "");  // as no line follows
+    copy_text(pager.status_called, "c");
+    pager.espa_address = '2';
+    const struct {
+        const char *extension, *address;
+        int alrm = ALARM_MESSAGE, passed_on = 0, follows = 1;
+        bool is_followed = true, is_heard = false;
+    } rows[] = {
+        {"a b", "47", ALARM_MESSAGE, 0, 0, false},
+        {"a b", "47", ALARM_MESSAGE, 0, 1, false},
+        {"a", " ~", ALARM_MESSAGE, 0, 1, true, true},
+        {"a", "1234567890123456789", ALARM_MESSAGE, 0, 1, true, true},
+        {"a", "12345678901234567890"},
+        {"a", "\x7F"},
+        {"a", ""},
+        {"a", "47", ALARM_STARTED},
+        {"a", "47", ALARM_MESSAGE, 1},
+    };
+    for (const auto &row : rows) {
+        rule_t rule{};
+        rule.action = CALL;
+        rule.retry_time = -1;
+        copy_text(rule.extension, row.extension);
+        pager.follow_calls = row.follows;
+        const outcome_t outcome = perform_action(&pager, row.alrm, row.address, "FIRE", &rule,
+                                                 {{"", "1", "", "", ""}}, {row.passed_on});
+        EXPECT_TRUE(outcome.was_done);
+        EXPECT_EQ(outcome.is_followed, row.is_followed) << row.extension;
+        const std::string call = dir.read(outcome.file);
+        EXPECT_THAT(call, HasSubstr("MaxRetries: 0\r\nWaitTime: 0\r\n"));
+        EXPECT_EQ(call.find("; vesperd: priority 1\r\n") != std::string::npos, row.is_followed);
+        EXPECT_EQ(next_report(&pager).empty(), !row.is_heard) << row.address;
+        drop_report(&pager, next_report(&pager));
+    }
+    EXPECT_THAT(log(), MatchesRegex("ERROR: Call call_a b_[0-9]+ is not followed: .*\n+"));
 }
 
 }  // namespace

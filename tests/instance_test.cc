@@ -138,10 +138,13 @@ TEST(StatusFiles, ThoseThatExistAndThoseOfEnabledInstances) {
     dir.write("status.prom", "");
     EXPECT_EQ(found(), "status.prom east.prom west.prom 0");
     dir.write(std::string(65, 'x') + ".prom", "");
+    dir.write(std::string(64, 'a') + ".prom", "");
+    dir.write(".prom", "");
+    EXPECT_EQ(found(), "status.prom " + std::string(64, 'a') + ".prom east.prom west.prom 1");
     for (int i = 0; i < 300; i++) {
         dir.write(std::to_string(i) + ".prom", "");
     }
-    EXPECT_THAT(found(), AllOf(StartsWith("status.prom 0.prom "), EndsWith("west.prom 47")));
+    EXPECT_THAT(found(), AllOf(StartsWith("status.prom 0.prom "), EndsWith("west.prom 48")));
 }
 
 }  // namespace

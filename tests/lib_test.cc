@@ -3,6 +3,7 @@
 #include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/un.h>
 
 #include "daemon.h"
@@ -47,6 +48,17 @@ TEST(Pidfile, OfAnotherInstanceIsLeftAlone) {
         EXPECT_EQ(daemon_pidfile(name.c_str()), -1);
     }
     EXPECT_EQ(daemon_pidfile(nullptr), -1);
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const auto handler = signal(SIGXFSZ, SIG_IGN);
+    const rlimit lowered{0, before.rlim_max};  // as on a full disk
+    setrlimit(RLIMIT_FSIZE, &lowered);
+    const std::string full = dir.path("full.pid");
+    EXPECT_EQ(daemon_pidfile(full.c_str()), -1);
+    setrlimit(RLIMIT_FSIZE, &before);
+    signal(SIGXFSZ, handler);
+    EXPECT_FALSE(fs::exists(full));
+    EXPECT_EQ(daemon_pidfile(full.c_str()) + daemon_close(), 0);
 }
 
 TEST(Notify, HearsWhoeverIsNamed) {

@@ -4,6 +4,8 @@
 
 #include "espasend/standard_station.h"
 #include "running_daemon.h"
+#include "service.h"
+#include "stats.h"
 
 namespace {
 
@@ -149,6 +151,71 @@ TEST_F(Listening, LiveReloadLetsALineBe) {
     EXPECT_TRUE(control_station_t(heir.get(), 60, nullptr).send_call(to("5", "FIRE")));
     EXPECT_EQ(daemon.count("Unable to listen"), 0);
     EXPECT_TRUE(control_station_t(moved.get(), 60, nullptr).send_call(to("4", "FIRE")));
+}
+
+// What a line's thread answers, counts and logs.
+TEST_F(Tables, ThreadOfALine) {
+    const std::string fire = compose_packet(to("7", "FIRE")), x = compose_packet(to("7", "x"));
+    const std::string other = wire("<SOH>2<ETX>1"), wrong = wire("<SOH>2<ETX>2");
+    const std::string closed = "was closed or failed. Waiting for a connection;";
+    const std::string end = "connected again;" + closed + closed;
+    const struct {
+        std::string keys, sent, seen;
+    } rows[] = {
+        {"ack_when_done = y", x + other + "X",
+         wire("<ACK><ACK>|3|0|2|0|1|1|") +
+             "0x01;BCC is OK;send ACK;empty rules for pager;0x01;BCC is OK;send ACK;brought a byte "
+             "out of place. Waiting for a connection;" +
+             end},
+        {"no_check_bcc = y\nespa_address = 2", wire("2<ENQ>") + wrong + x + wire("<SOH><ETX>1"),
+         wire("<EOT>3<NAK><ACK>|3|1|1|0|1|0|") +
+             "makes no sense. won't process;send NAK;send ACK;0x01;BCC check is OFF;empty rules "
+             "for pager;" +
+             closed + end},
+        {"espa_address = 2\nack_when_done = y", wrong + other + wire("4ab<ENQ>") + fire,
+         wire("1<NAK>3<NAK>1<NAK>2<NAK>|3|0|2|1|0|3|") +
+             "0x01;send NAK;BCC is WRONG. won't process;makes no sense. won't process;send NAK;"
+             "Bytes that belong to nothing on the line of pager p, the last of them 61: dropped;"
+             "0x01;BCC is OK;Unable to open file for writing;send NAK;" +
+             closed + end},
+    };
+    std::string port;
+    for (const auto &[keys, sent, expected] : rows) {
+        unique_fd_t(listen_anywhere(&port)).reset();
+        load("[rule_x]\npattern = FIRE\naction = call\n[p]\nhost = 127.0.0.1\nport = " + port +
+             "\nspool_dir = /missing\nrules = rule_x\n" + LISTENS + keys + "\n");
+        logger_init(dir.write("log", "").c_str(), 5, 0, 0);
+        doexit = 0;
+        std::thread thread(service_proc, &pagers[0]);
+        auto line = connect_from("127.0.0.1", port);
+        send_bytes(line, sent);
+        shutdown(line.get(), SHUT_WR);
+        std::string seen;
+        for (char byte = 0; recv(line.get(), &byte, 1, 0) > 0;) {
+            seen += byte;
+        }
+        line = connect_from("127.0.0.1", port);
+        const auto last = connect_from("127.0.0.1", port);
+        EXPECT_TRUE(is_closed_at_once(line));
+        shutdown(last.get(), SHUT_WR);
+        EXPECT_TRUE(is_closed_at_once(last));
+        const auto &stats = line_stats[0];
+        seen += joined("", stats.connects.get(), stats.polls.get(), stats.packets.get(),
+                       stats.check_errors.get(), stats.unmatched.get(), stats.noise_bytes.get());
+        std::string logged = log();
+        for (const auto &[pattern, text] :
+             {std::pair("\n+", ";"),
+              {"DEBUG: (?!0x0[01]|P)[^;]*;|VERBOSE: [^;]*;", ""},
+              {"[A-Z]+: (Packet is done. |ESPA packet |Line of .*? to \\S+ |The .*? p )?", ""}}) {
+            logged = std::regex_replace(logged, std::regex(pattern), text);
+        }
+        EXPECT_EQ(seen + logged, expected);
+        doexit = 1;
+        connect_from("127.0.0.1", port);
+        thread.join();
+        EXPECT_EQ(stats.state, line_state_t::ENDED);
+        stats_end(&pagers[0]);
+    }
 }
 
 TEST_F(Tables, ListeningIsLoaded) {

@@ -113,7 +113,8 @@ TEST_F(Monitoring, CountersAndJournal) {
                "line_messages_total|1|3|line_noise_bytes_total|1|0|line_packets_total|1|4|"
                "line_polls_total|1|4|line_protocol|1|1|line_protocol_since_seconds|1|1|"
                "line_received_bytes_total|1|81|line_refused_total|1|0|"
-               "line_requests_total|1|4|line_state|6|1|line_state_since_seconds|1|1|"
+               "line_requests_total|1|4|line_silence_seconds_total|1|0|line_state|6|1|line_state_"
+               "since_seconds|1|1|"
                "line_undelivered_total|1|0|line_unmatched_total|1|1|load_success|1|1|"
                "load_time_seconds|1|1|reloads_total|1|0|start_time_seconds|1|1|"
                "status_time_seconds|1|1|up|1|1|";
@@ -125,7 +126,7 @@ TEST_F(Monitoring, CountersAndJournal) {
                                "requests_total#,address=\"1\"} "}) {
         EXPECT_THAT(status, HasSubstr(std::regex_replace(sample, std::regex("#"), label)));
     }
-    status += "vesperd_line_undelivered_time_seconds{";
+    status += "vesperd_line_undelivered_time_seconds{\nvesperd_line_station{";
     const auto names = names_in(status, "\n(vesperd_[a-z_]+?)(?:_sum|_count)?[{ ]");
     EXPECT_EQ(names_in("\n" + status, "\n# TYPE (vesperd_[a-z_]+) "), names);
     EXPECT_EQ(names_in(read_file(SOURCE_DIR "/man/quillet.conf.5"), "\n.It Li (vesperd_[a-z_]+)"),

@@ -77,7 +77,9 @@ TEST_F(Procedure, AnswersAsTheOthersExpect) {
     EXPECT_EQ(answers(CALL, verdict_t::GARBLED), wire("{1<STX>1<US>7}1<NAK>"));
     EXPECT_EQ(answers(CALL, verdict_t::CANNOT_TAKE), wire("{1<STX>1<US>7}2<NAK>"));
     EXPECT_EQ(answers(CALL, verdict_t::SENSELESS), wire("{1<STX>1<US>7}3<NAK>"));
-    EXPECT_THAT(log(), HasSubstr("NOTICE: Bytes that belong to nothing on the line of pager"));
+    enter_state(line_state_t::IDLE);
+    answers("<SOH>");
+    EXPECT_EQ(my_stats().state, line_state_t::RECEIVING);
 }
 
 TEST_F(Procedure, ReportsWhenItIsPolled) {
@@ -88,6 +90,7 @@ TEST_F(Procedure, ReportsWhenItIsPolled) {
          1},
         {"2<ENQ>;1<ENQ>|<NAK>;<EOT>", 1},
         {"2<ENQ>;1<ENQ>|<EOT>;", 1},
+        {"<ACK>;|2<ENQ>;1<ENQ>", 1},
         {"2<ENQ>;1<ENQ>|1<ENQ>2<ENQ>;<ACK>", 1},
         {"2<ENQ>;1<ENQ>|<ACK>;" + REPORT + "|<ENQ>;" + REPORT + "|2<ENQ>;1<ENQ>", 1},
     };
@@ -104,6 +107,9 @@ TEST_F(Procedure, ReportsWhenItIsPolled) {
         EXPECT_EQ(waiting.empty() ? 0 : 1, left) << dialogue;
         drop_report(&pagers[0], waiting);
     }
+    const std::string refused = "WARNING: A report was refused, it waits for a poll\n\n";
+    EXPECT_EQ(std::regex_replace(log(), std::regex("DEBUG: .*\n+"), ""),
+              "EVENT: A report was acknowledged\n\n" + refused + refused);
 }
 
 TEST_F(Procedure, ReportsToThreePollsAndOf64) {
@@ -122,9 +128,8 @@ TEST_F(Procedure, ReportsToThreePollsAndOf64) {
         espa_report(&pagers[0], "y");
     }
     EXPECT_FALSE(is_report_waiting(first));
-    while (!next_report(&pagers[0]).empty()) {
-        drop_report(&pagers[0], next_report(&pagers[0]));
-    }
+    drop_reports(&pagers[0]);
+    EXPECT_EQ(next_report(&pagers[0]), "");
 }
 
 TEST(Station, CountsWhatBelongsToNothing) {

@@ -6,11 +6,13 @@
 
 #include "link.h"
 #include "proto.h"
+#include "stats.h"
 #include "support.h"
 
 namespace {
 
 TEST(EspaReader, AnswersAndResults) {
+    const int yes = 1;
     const struct {
         const char *sent;
         const char *outcome;      // result, replies, polls and unread bytes
@@ -18,6 +20,7 @@ TEST(EspaReader, AnswersAndResults) {
         int espa_poll = 0;
         int polls = 0;
         int maxlen = 1024;
+        espa_options_t options = {};
     } rows[] = {
         {"1<ENQ>", "1|<ACK>|1||"},  // select, plain and extended
         {"1<ENQ>", "1|<ACK><ACK>|1||", "", 1},
@@ -38,38 +41,54 @@ TEST(EspaReader, AnswersAndResults) {
         {"<SOH>abcdef<ETX>q", "7|<ACK>|0||", "<SOH>abcdef<ETX>q<NUL>", 0, 0, 8},
         {"<SOH>ab", "0||0|ab|", "<SOH><NUL>", 0, 0, 1},
         {"<SOH>", "0||0|<SOH>|", "", 0, 0, 0},
+        {"3", "-2||0||"},
+        {"3", "-1||0||", "", 0, 0, 1024, {&yes}},
+        {"<SOH>1", "-1||0||", "", 0, 0, 1024, {&yes}},
+        {"<SOH>1<ETX>", "-1||0||", "", 0, 0, 1024, {&yes}},
+        {"<SOH>1<ETX>q", "2||0||", "", 0, 0, 1024, {nullptr, true}},
+        {"<SOH><ETX>q", "1|<ACK>|0||", "", 0, 0, 1024, {nullptr, true}},
     };
-    for (const auto &[sent, outcome, begin, espa_poll, polls_before, maxlen] : rows) {
+    for (const auto &[sent, outcome, begin, espa_poll, polls_before, maxlen, options] : rows) {
         const pair_t line;
         send_bytes(line.far, wire(sent));
         shutdown(line.far.get(), SHUT_WR);
         std::string buffer(size_t(maxlen) + 2, '?');
         int polls = polls_before;
+        const uint64_t noise_before = my_stats().noise_bytes.get();
         const int result =
-            espa_read_packet(line.near.get(), buffer.data(), maxlen, &polls, espa_poll);
+            espa_read_packet(line.near.get(), buffer.data(), maxlen, &polls, espa_poll, options);
         const std::string replies = read_available(line.far);
-        EXPECT_EQ(joined(result, replies, polls, read_available(line.near)), wire(outcome)) << sent;
+        const std::string unread = read_available(line.near);
+        EXPECT_EQ(joined(result, replies, polls, unread), wire(outcome)) << sent;
+        EXPECT_EQ(my_stats().noise_bytes.get() - noise_before,
+                  result == ESPA_UNEXPECTED ? wire(sent).size() - unread.size() : 0);
         EXPECT_THAT(buffer, StartsWith(wire(begin))) << sent;
     }
 }
 
-// All silences at once: each takes the reader's fifteen seconds.
+// All silences at once, as of different lines: each takes the reader's fifteen seconds.
 TEST(Readers, GiveUpAfterSilence) {
     const char *const begun[] = {"", "1", "<SOH>12", "<SOH>1<ETX>", "ALARM"};  // the last: ASCII
-    std::vector<std::future<int>> results;
+    std::vector<std::future<uint64_t>> silences;
+    const pager_t *pager = pagers;
     const time_t before = time(nullptr);
     for (const char *sent : begun) {
-        results.push_back(std::async(std::launch::async, [sent] {
+        silences.push_back(std::async(std::launch::async, [sent, served = pager++] {
+            const knock_t nobody{-1, nullptr, nullptr};
+            hear_while_waiting(*sent == '<' ? &nobody : nullptr);
+            stats_serve(served);
             const pair_t line;
             send_bytes(line.far, wire(sent));
             char buffer[PACKET_BUFFER_SIZE];
             int polls = 0;
-            return *sent == 'A' ? ascii_read_packet(line.near.get(), buffer, 1024, nullptr)
-                                : espa_read_packet(line.near.get(), buffer, 1024, &polls, 0);
+            EXPECT_EQ(*sent == 'A' ? ascii_read_packet(line.near.get(), buffer, 1024, nullptr)
+                                   : espa_read_packet(line.near.get(), buffer, 1024, &polls, 0),
+                      0);
+            return my_stats().silence_seconds.get();
         }));
     }
-    for (auto &result : results) {
-        EXPECT_EQ(result.get(), 0);
+    for (auto &silence : silences) {
+        EXPECT_EQ(silence.get(), 15U);
     }
     EXPECT_GE(time(nullptr) - before, 14);
 }
@@ -88,6 +107,7 @@ TEST(Link, SocketNoticesAConverterThatIsGone) {
               (ints_t{1, 1, 60, 15, 4, FD_CLOEXEC}));
     EXPECT_TRUE(link_is_short_of_descriptors(-1) && link_is_short_of_descriptors(FD_SETSIZE / 2));
     EXPECT_FALSE(link_is_short_of_descriptors(3));
+    EXPECT_FALSE(link_prepare(-1) || link_prepare(FD_SETSIZE));
 }
 
 TEST(Readers, SignalsDoNotEndTheWait) {
@@ -102,7 +122,31 @@ TEST(Readers, SignalsDoNotEndTheWait) {
     ualarm(0, 0);
 }
 
+TEST(Readers, HearWhoKnocks) {
+    static int heard = 0;
+    const pair_t line, loud, quiet;
+    const auto leaves = [](void *) { return (heard += 10) > 0; };
+    const auto sends = [](void *far) {
+        return (heard++, write(*static_cast<int *>(far), "x", 1) != 1);
+    };
+    int far = line.far.get();
+    send_bytes(loud.far, "k");
+    const knock_t leave{loud.near.get(), leaves, nullptr}, send{loud.near.get(), sends, &far};
+    const knock_t third{quiet.near.get(), leaves, nullptr, &send};
+    const knock_t both{send.fd, sends, &far, &leave};
+    const auto result = [&](const knock_t &knock) {
+        hear_while_waiting(&knock);
+        return wait_data(line.near.get());
+    };
+    EXPECT_EQ((ints_t{result(third), result(leave)}), (ints_t{1, 1}));
+    read_available(line.near);
+    EXPECT_EQ(result(both), -1);
+    EXPECT_EQ(heard, 12);
+    hear_while_waiting(nullptr);
+}
+
 TEST(AsciiReader, Lines) {
+    enter_state(line_state_t::IDLE);
     const pair_t line;
     send_bytes(line.far, wire("ALARM 12\r\nA\n<NUL><SOH><E9>\nABCDEFG\n"));
     shutdown(line.far.get(), SHUT_WR);
@@ -124,13 +168,20 @@ TEST(AsciiReader, Lines) {
         EXPECT_EQ(ascii_read_packet(line.near.get(), buffer.data(), maxlen, nullptr), result);
         EXPECT_THAT(buffer, StartsWith(wire(text)));
     }
+    EXPECT_EQ(my_stats().state, line_state_t::RECEIVING);
 }
 
 TEST(Espa, BlockCheckCharacter) {
     const std::pair<const char *, int> rows[] = {
-        {"<SOH>1<ETX>2", 1},       {"<SOH>1<ETX><B2>", 1},  {"<SOH><B1><ETX>2", 1},
-        {"<SOH>1<ETX>3", 0},       {"<STX>1<ETX>2", 0},     {"<SOH>123456<ETX>", 0},
-        {"<SOH>1234<ETX><07>", 1}, {"<SOH>12341<ETX>6", 0},  // beyond what a size of 4 reaches
+        {"<SOH>1<ETX>2", 1},
+        {"<SOH>1<ETX><B2>", 1},
+        {"<SOH><B1><ETX>2", 1},
+        {"<SOH>1<ETX>3", 0},
+        {"<STX>1<ETX>2", 0},
+        {"<SOH>123456<ETX>", 0},
+        {"<STX>", 0},
+        {"<SOH>1234<ETX><07>", 1},
+        {"<SOH>12341<ETX>6", 0},  // beyond what a size of 4 reaches
     };
     for (const auto &[packet, is_right] : rows) {
         EXPECT_EQ(checkBCC((wire(packet) + std::string(16, '\0')).data(), 4), is_right) << packet;
@@ -138,6 +189,14 @@ TEST(Espa, BlockCheckCharacter) {
     std::string packet = wire("<SOH>1<ETX>?");
     EXPECT_EQ(appendBCC(packet.data(), 4), 1);
     EXPECT_EQ(packet[3], '2');
+    EXPECT_EQ(appendBCC(packet.data() + 1, 2), 0);
+    for (const char *formed : {"<SOH>1<STX><ETX>q", "<SOH> <STX>1<ETX>q"}) {
+        EXPECT_TRUE(is_packet_formed(wire(formed))) << formed;
+    }
+    for (const char *bad :
+         {"<SOH>1<STX><ETX>", "<SOH><1F><STX><ETX>q", "<SOH>1x<ETX>q", "<SOH>1<STX>xq"}) {
+        EXPECT_FALSE(is_packet_formed(wire(bad))) << bad;
+    }
 }
 
 TEST(Espa, ParsesCallRecords) {

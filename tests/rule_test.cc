@@ -7,6 +7,7 @@
 #include "alarm.h"
 #include "alarm_limit.h"
 #include "clock.h"
+#include "stats.h"
 #include "support.h"
 #include "text.h"
 
@@ -97,7 +98,7 @@ TEST_F(Tables, PatternsOfOneConfigurationShareWhatThereIs) {
     EXPECT_TRUE(compiles(0));  // is counted once
     EXPECT_EQ(compile_regex(&ordinary, "FIRE ZONE [0-9]+"), 0);
     EXPECT_THAT(log(), HasSubstr(": Too large together with the patterns before it"));
-    begin_patterns();
+    load("");
     EXPECT_TRUE(compiles(first_refused));
 }
 
@@ -127,6 +128,9 @@ TEST_F(Tables, LongestLastMatchWinsElseTheDefaultRule) {
         const rule_t *rule = select_rule(&pagers[0], message);
         EXPECT_STREQ(rule != nullptr ? rule->name : "none", selected) << list;
     }
+    EXPECT_THAT(log(), EndsWith("DEBUG: For message 'ZONE 3' selected rule 'rule_zone' with match "
+                                "index 6\n\nDEBUG: No rules set up in pager '', using default "
+                                "rule\n\n"));
 }
 
 TEST_F(Tables, ConditionsOnTheFieldsOfARecord) {
@@ -172,9 +176,9 @@ TEST_F(Action, Placeholders) {
     EXPECT_EQ(expand("Call %number%: %message%", "%number% $a"), "Call 4711: %number% $a");
     EXPECT_EQ(expand("%number %foo% 100% %Number%"), "%number %foo% 100% %Number%");
     const std::map<int, std::string> names = {
-        {1, "connection_lost"}, {2, "connected"}, {4, "message"},     {8, ""},
-        {16, "message"},        {32, "started"},  {64, "terminated"}, {128, "general_error"},
-        {999, "general_error"},
+        {1, "connection_lost"}, {2, "connected"},       {4, "message"},         {8, ""},
+        {0, "no_response"},     {-1, "general_error"},  {16, "message"},        {32, "started"},
+        {64, "terminated"},     {128, "general_error"}, {999, "general_error"},
     };
     for (const auto &[code, name] : names) {
         EXPECT_EQ(expand("%alarm%", "", code), name) << code;
@@ -232,6 +236,7 @@ TEST_F(Action, AlarmIntervals) {
         EXPECT_EQ(joined(result, pager.alarms[4].index, now - pager.alarms[4].last), outcome);
     }
     EXPECT_EQ(alarm_time(&pager, ALARM_MESSAGE) + alarm_time(&pager, ALARM_MESSAGE), 2);
+    EXPECT_EQ(my_stats().alarms[2][size_t(alarm_result_t::LIMITED)].get(), 4U);
 }
 
 TEST_F(Action, AlarmSlots) {
@@ -256,6 +261,7 @@ TEST_F(Action, SuppressionFiles) {
         EXPECT_EQ(pager.alarms[4].index, level) << content;
     }
     EXPECT_THAT(log(), StartsWith("WARNING: Alarm message  supressed\n\n"));
+    EXPECT_EQ(my_stats().alarms[2][size_t(alarm_result_t::SUPPRESSED)].get(), 3U);
     EXPECT_EQ(alarm_time(&pager, ALARM_TRANSMISSION_ERROR), 1);  // no name: reads a directory
 }
 
@@ -285,6 +291,14 @@ TEST_F(Action, AlarmForACall) {
     copy_text(packet.record.display_message, "FIRE");
     call_script(&pagers[0], ALARM_GENERAL_ERROR, &packet);
     EXPECT_THAT(dir.list("call_"), ElementsAre(StartsWith("call_general_error_47_FIRE_")));
+    copy_text(pagers[0].spool_dir, "/missing");
+    pagers[0].event_alarms[3] = {};
+    call_service_action(&pagers[0], ALARM_CONNECTED);
+    EXPECT_THAT(log(), HasSubstr("Unable to open file for writing\n\n"
+                                 "VERBOSE: Call service action general_error\n"));
+    pagers[0].send_service_actions = 0;
+    call_service_action(&pagers[0], ALARM_STARTED);
+    EXPECT_EQ(my_stats().alarms[5][size_t(alarm_result_t::DISABLED)].get(), 1U);
 }
 
 TEST(Quoting, KeepsReplacementsFromTheTextAroundThem) {

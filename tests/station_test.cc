@@ -5,7 +5,10 @@
 #include <netinet/in.h>
 #include <termios.h>
 
+#include <numeric>
+
 #include "espasend/line.h"
+#include "espasend/replay.h"
 #include "espasend/standard_station.h"
 #include "support.h"
 
@@ -88,21 +91,28 @@ TEST(Station, FollowsTheProcedure) {
         int garbled = 0;
         bool asks = false;
     } rows[] = {
-        {quiet + rest, "", "<- ACK\n-> SOH '1' STX '1' US"},
+        {quiet + rest, "",
+         "-> '2' ENQ\n<- EOT\n-> '1' ENQ '2' ENQ\n<- ACK\n"
+         "-> SOH '1' STX '1' US '7' ETX ')'\n<- ACK\n-> EOT\n"},
         {quiet + select + good + "<ACK>|<EOT>;<EOT>|<EOT>;",
          "got EOT that nothing asked for: the other side does not follow the procedure", ""},
         {quiet + select + bad + "1<NAK>|" + good + "<ACK>|<EOT>;", "", "<- '1' NAK\nnot ack", 1},
-        {quiet + select + good + "2<NAK>|" + good + "2<NAK>|" + good + "2<NAK>|<EOT>;",
+        {quiet + select + good + "0<NAK>|" + good + "9<NAK>|" + good + "2<NAK>|<EOT>;",
          "not acknowledged, after 2 repeats", ""},
         {quiet + refused + rest, "", ""},
         {quiet + refused + refused + refused, "the station refuses its select", ""},
         {"2<ENQ>;1<ENQ>|<ACK>;" + report + "|<ACK>;<EOT>|" + rest, "",
-         "station 2 reports: SOH '2' STX '7' US '6'"},
-        {"2<ENQ>;1<ENQ>|<ACK>;<SOH>2<ETX>x|1<NAK>;" + report + "|<ACK>;<EOT>|" + rest, "", ""},
+         "<- '1' ENQ\n-> ACK\n<- SOH '2' STX '7' US '6' ETX '-'\n"
+         "station 2 reports: SOH '2' STX '7' US '6' ETX '-'\n-> ACK\n<- EOT\n"},
+        {"2<ENQ>;1<ENQ>|<ACK>;<ETX>x|1<NAK>;" + report + "|<ACK>;<EOT>|" + rest, "", ""},
         {"2<ENQ>;1<ENQ>|<ACK>;<SOH><ETX>x|1<NAK>;<SOH><ETX>x|1<NAK>;<SOH><ETX>x|1<NAK><EOT>;",
          "a report is garbled again and again", ""},
+        {"2<ENQ>;1<ENQ>|<ACK>;" + std::string(1025, 'x') + "|<EOT>;", "a report without an end",
+         ""},
         {"2<ENQ>;1x|<EOT>;", "no select behind a station's address", ""},
         {"2<ENQ>;<ACK>|<EOT>;", "got ACK for a poll: the other side does not", ""},
+        {"2<ENQ>;2|<EOT>;", "got '2' for a poll: the other side does not", ""},
+        {"2<ENQ>;x|<EOT>;", "got 'x' for a poll: an answer that", ""},
         {quiet + "1<ENQ>2<ENQ>;<9B>|<EOT>;", "got 0x9b for a select: an answer that", ""},
         {quiet + select + good + "<EOT>|<EOT>;", "got EOT for a packet", ""},
         {quiet + select + good + "<ACK>|<ENQ>;<ACK>|<EOT>;", "", "", 0, true},
@@ -143,11 +153,107 @@ TEST(Station, FollowsTheProcedure) {
               wire("5<ENQ><EOT>1<ENQ>4<ENQ><SOH>1<STX>1<US>7<ETX>)<EOT>1<ENQ>2<ENQ><EOT>"));
 }
 
+TEST(Station, ReadsARecording) {
+    const std::pair<std::string, std::string> rows[] = {
+        {"# a\n\n 0.000  -> '2' ENQ\n0.012\t<- EOT\r\n", "0 -> '2' ENQ; 12000 <- EOT; "},
+        {"\xEF\xBB\xBF"
+         "0 -> 'a\\b'",
+         "0 -> 'a' 0x5c 'b'; "},
+        {"1.5 -> 'a,b' 0x27'c' CR,<- 0xfF,-> 0x0a",
+         "1500000 -> 'a,b' 0x27 'c' CR; "
+         "1500000 <- 0xff; 1500000 -> LF; "},
+        {"0 -> EOT\nx", "line 2: it does not begin with a time in seconds"},
+        {"-1 -> EOT", "line 1: it does not begin with a time in seconds"},
+        {"1e9 -> EOT", "line 1: it does not begin with a time in seconds"},
+        {"2 -> EOT\n1.999 <- EOT", "line 2: its time is earlier than that of the line before"},
+        {"1 EOT", "line 1: there is no -> or <- before the bytes"},
+        {"1 -> EOT, EOT", "line 1: there is no -> or <- before the bytes"},
+        {"1 ->", "line 1: its bytes are not names, 'text' or 0x00 to 0xff"},
+        {"1 -> 'a", "line 1: its bytes are not names, 'text' or 0x00 to 0xff"},
+        {"1 -> EOTX", "line 1: its bytes are not names, 'text' or 0x00 to 0xff"},
+        {"1 -> 0x1", "line 1: its bytes are not names, 'text' or 0x00 to 0xff"},
+        {"1 -> 0x1g", "line 1: its bytes are not names, 'text' or 0x00 to 0xff"},
+        {"# nothing\n", "it has no exchange"},
+    };
+    for (const auto &[text, wanted] : rows) {
+        std::vector<exchange_t> exchanges;
+        std::string read;
+        if (parse_recording(text, &exchanges, &read)) {
+            read.clear();
+            for (const exchange_t &one : exchanges) {
+                read += std::to_string(one.time_us) + (one.is_sent ? " -> " : " <- ") +
+                        describe_bytes(one.bytes) + "; ";
+            }
+        }
+        EXPECT_EQ(read, wanted) << text;
+    }
+    std::string bytes(256, '\0'), back;
+    std::iota(bytes.begin(), bytes.end(), '\0');
+    EXPECT_TRUE(parse_bytes(describe_bytes(bytes), &back));
+    EXPECT_EQ(back, bytes);
+    EXPECT_EQ(describe_bytes(" ~\x7F"), "' ~' 0x7f");
+}
+
+TEST(Station, ReplaysARecordingAndTellsWhatDiffers) {
+    const temp_dir_t dir;
+    const std::string poll = "0 -> '2' ENQ\n0 <- EOT\n";
+    const struct {
+        std::string recording, dialogue, error, trace;
+    } rows[] = {
+        {poll + "0.3 -> 'a'\n0.3 <- ACK\n", "2<ENQ>;<EOT>|a;<ACK>", "2 answers, 0 different",
+         "-> '2' ENQ\n<- EOT\n-> 'a'\n<- ACK\n"},
+        {poll + "0 -> 'a'\n0 <- ACK\n0 -> 'b'\n", "2<ENQ>;<EOT>|a;1<NAK>|b;",
+         "2 answers, 1 different",
+         "-> '2' ENQ\n<- EOT\n-> 'a'\n<- '1' NAK\n   recorded: ACK\n-> 'b'\n"},
+        {poll + "0 <- ACK\n0.1 -> 'b'\n", "2<ENQ>;<EOT>|b;", "2 answers, 1 different",
+         "-> '2' ENQ\n<- EOT\n   recorded: ACK\n-> 'b'\n"},
+        {"0 -> 'a'\n0.2 -> 'b'\n", "a;<ACK>|b;", "0 answers, 1 different",
+         "-> 'a'\n<- ACK\n   recorded: nothing\n-> 'b'\n"},
+        {poll, "2<ENQ>;<EOT><ACK>", "1 answers, 1 different",
+         "-> '2' ENQ\n<- EOT\n<- ACK\n   recorded: nothing\n"},
+        {poll, "2<ENQ>;", "the line was closed", "-> '2' ENQ\n"},
+        {"0 -> 'a'\n60 -> 'b'\n", "a;", "the line was closed", "-> 'a'\n"},
+    };
+    for (const auto &row : rows) {
+        std::vector<exchange_t> exchanges;
+        std::string error;
+        ASSERT_TRUE(read_recording(dir.write("line", row.recording), &exchanges, &error)) << error;
+        const pair_t line;
+        std::thread peer(answer_by, row.dialogue, std::cref(line.far));
+        const unique_file_t trace(tmpfile());
+        recorder_t recorder;
+        ASSERT_TRUE(recorder.open(dir.path("again"), &error)) << error;
+        replay_t replayed(line.near.get(), 1, trace.get());
+        replayed.set_recorder(&recorder);
+        const bool is_whole = replayed.run(exchanges);
+        peer.join();
+        EXPECT_EQ(is_whole ? std::to_string(replayed.answers()) + " answers, " +
+                                 std::to_string(replayed.different()) + " different"
+                           : replayed.error(),
+                  row.error);
+        rewind(trace.get());
+        std::string traced(4096, '\0');
+        traced.resize(fread(traced.data(), 1, traced.size(), trace.get()));
+        EXPECT_EQ(traced, row.trace);
+        // What is recorded of it has the same, with times.
+        std::vector<exchange_t> again;
+        EXPECT_TRUE(read_recording(dir.path("again"), &again, &error)) << error;
+        EXPECT_TRUE(recorder.is_whole());
+    }
+    std::vector<exchange_t> none;
+    std::string error;
+    EXPECT_FALSE(read_recording(dir.path("missing"), &none, &error));
+    EXPECT_EQ(error, dir.path("missing") + ": No such file or directory");
+    EXPECT_FALSE(recorder_t().open(dir.path(""), &error));
+    EXPECT_EQ(error, dir.path("") + ": Is a directory");
+}
+
 TEST(Station, WaitsAgainWhereItHasJustClosed) {
     std::string error;
     unique_fd_t listener = listen_on("127.0.0.1", 0, &error);
     const int port = bound_port(listener.get());
     const sockaddr_in to{AF_INET, htons(uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    EXPECT_FALSE(listen_on("127.0.0.1", port, &error));
     const unique_fd_t peer(socket(AF_INET, SOCK_STREAM, 0));
     ASSERT_EQ(connect(peer.get(), reinterpret_cast<const sockaddr *>(&to), sizeof to), 0);
     accept_within(listener.get(), 1, &error).reset();  // the system keeps the port for a while
@@ -169,6 +275,7 @@ TEST(Station, SetsTheFrameOfASerialDevice) {
         const unique_fd_t device = open_serial(path, settings, &error);
         termios seen{};
         EXPECT_EQ(tcgetattr(device.get(), &seen), 0) << error;
+        EXPECT_EQ(seen.c_lflag & (ICANON | ECHO), 0U);
         EXPECT_EQ(seen.c_cflag & (CBAUD | PARODD | CSTOPB), flags) << settings.baud;
     }
 }
@@ -201,14 +308,17 @@ TEST(Programs, RefuseArguments) {
     } rows[] = {
         {2, "espasend --message x", "give one of --listen, --connect and --device (try --help)\n"},
         {2, "espasend --listen 1 -m x --also-poll 4,", "--also-poll takes digits with commas"},
-        {2, "espasend --listen 1 -m x --standard --own 12", "--own takes a digit, not '12'"},
+        {2, "espasend --listen 1 -m x --standard --own x", "--own takes a digit, not 'x'"},
         {2, "espasend --listen 1 -m x --parity mark", "--parity takes none, even or odd"},
         {2, "espasend --listen 1 -m x --standard -A", "give either --ascii or --standard"},
-        {1, "espasend --connect nowhere -m x", "not a host and its port: nowhere\n"},
+        {1, "espasend --connect 127.0.0.1:x -m x", "not a host and its port: 127.0.0.1:x\n"},
         {1, "espasend --connect 127.0.0.1:1 --wait 1 -m x",
          "no connection to 127.0.0.1:1. Look at host"},
         {2, "espasend --listen 70000", "a number from 0 to 65535, not '70000' (try --help)\n"},
         {2, "espasend --listen 1", "give at least one --message"},
+        {2, "espasend --listen 1 -m x --replay f", "--replay sends what was recorded, and nothing"},
+        {2, "espasend --listen 1 --replay f --record f", "--record would write over what"},
+        {1, "espasend --listen 1 --replay /nonexistent", "/nonexistent: No such file or directory"},
         {2, "espasend --listen 1 -Am x --garble 1", "--garble needs a block check character"},
         {2, "espasend --listen 1 --message x --type \"$(printf 't\\t')\"", "control characters"},
         {2, "espasend -x", "option '-x' is none"},
@@ -216,6 +326,7 @@ TEST(Programs, RefuseArguments) {
         {1, "espasend --bind nowhere --listen 0 -m x", "not an IPv4 address: nowhere\n"},
         {1, "espasend --listen 0 --wait 1 --message x", "nobody connected within 1 seconds. Look"},
         {1, "espasend --device /dev/ptmx --wait 1 -m x", "no answer within 1 seconds\n"},
+        {1, "espasend -D /dev/null --baud 1300 -m x", "no such baud rate: 1300"},
         {1, "espasend --device /dev/null -m x", "cannot open serial device /dev/null: "},
         {3, "vesperstat --check --json", "give either --json or --check"},
         {3, "vesperstat $(printf '\\302\\233')", "unexpected argument '?'"},

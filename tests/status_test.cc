@@ -24,10 +24,10 @@ std::string served(int up, double age, const std::string &lines = "") {
 std::string line(const std::string &name, const std::string &state, double since,
                  const std::string &protocol = "espa", double last = 12'000) {
     const std::string label = "{line=\"" + name + "\"";
-    return "vesperd_line_state" + label + ",port=\"4001\",state=\"idle\"} 0\nvesperd_line_state" +
-           label + ",host=\"h\",port=\"4001\",state=\"" + state +
-           "\"} 1\nvesperd_line_state_since_seconds" + label + "}" + ago(since) +
-           "vesperd_line_protocol" + label + ",protocol=\"" + protocol +
+    return "vesperd_line_state" + label + ",host=\"h\",port=\"4001\",state=\"" + state +
+           "\"} 1\nvesperd_line_state" + label +
+           ",port=\"4001\",state=\"idle\"} 0\nvesperd_line_state_since_seconds" + label + "}" +
+           ago(since) + "vesperd_line_protocol" + label + ",protocol=\"" + protocol +
            "\",configured=\"espa\"} 1\nvesperd_line_protocol_since_seconds" + label + "}" +
            ago(10'900) + "vesperd_line_messages_total" + label + ",} +17 0\n" +
            "vesperd_line_last_message_time_seconds" + label + "}" + ago(last);
@@ -54,8 +54,6 @@ TEST(Status, IsJudged) {
         {line("a", "connecting", 130), "--critical-down 600", 0,
          "OK - a: no connection for 2 min |"},
         {line("a", "connecting", 130), "", 2, "CRITICAL - a: no connection for 2 min |"},
-        {line("a", "ended", 130), "", 2, "CRITICAL - a: ended 2 min ago |"},
-        {line("a", "receiving", 730), "", 2, "CRITICAL - a: in a packet for 12 min |"},
         {line("a", "idle", 1, "ascii"), "", 1, "WARNING - a: fell back to ASCII 3 h ago |"},
         {line("a", "idle", 1, "ascii") + line("b", "acting", 2'410), "", 2,
          "CRITICAL - b: a command runs for 40 min, a: fell back to ASCII 3 h ago |"},
@@ -76,14 +74,9 @@ TEST(Status, IsJudged) {
         {served(1, 0, "node_procs{pid=1} 1\n"), "", 3, "UNKNOWN - "},
         {line("a", "asleep", 1), "", 3, "UNKNOWN - "},
         {"# of somebody else\n", "", 3, "UNKNOWN - "},
-        {line("a", "idle", 1) + many("vesperd_line_polls_total{line=\"#\"} 1\n", 64), "", 3,
-         "UNKNOWN - cannot read "},
         {line("a", "idle", 1) +
              many("vesperd_line_actions_total{line=\"a\",result=\"failed\"} 8.9e15\n", 64),
          "", 0, "OK - "},
-        {line("a", "idle", 1) + many("vesperd_line_actions_total{line=\"a\"} 1\n", 65), "", 3,
-         "UNKNOWN - cannot read "},
-        {line(std::string(256, 'a'), "idle", 1), "", 3, "UNKNOWN - cannot read "},
         {line("a", "idle", 1) +
              "vesperd_line_undelivered_time_seconds{line=\"a\",call=\"c\",text=\"FIRE\"}" +
              ago(3580) + "vesperd_line_undelivered_time_seconds{line=\"a\",call=\"d\",text=\"x\"}" +
@@ -119,6 +112,27 @@ TEST(Status, IsShown) {
                 HasSubstr("\"kind\":\"unreadable\""));
 }
 
+TEST(Status, HoldsNoMoreThanADaemonWrites) {
+    const auto error_of = [](const std::string &lines) {
+        status_t status;
+        std::string error;
+        const bool is_read = parse_status(served(1, 0, lines), &status, &error);
+        EXPECT_EQ(is_read, error.empty());
+        return error;
+    };
+    for (const char *metric : {"actions_total", "alarms_total", "calls_total", "requests_total",
+                               "undelivered_time_seconds"}) {
+        const std::string one = "vesperd_line_"s + metric + "{line=\"a\"} 1\n";
+        EXPECT_EQ(error_of(line("a", "idle", 1) + many(one, 64)), "");
+        EXPECT_THAT(error_of(many(one, 65)), StartsWith("it tells of more than 64 actions"));
+    }
+    const std::string polls = "vesperd_line_polls_total{line=\"#\"} 1\n";
+    EXPECT_EQ(error_of(many(polls, 64)), "not a whole status file of vesperd");
+    EXPECT_EQ(error_of(many(polls, 65)), "it tells of more than 64 lines");
+    EXPECT_EQ(error_of(line(std::string(255, 'a'), "idle", 1)), "");
+    EXPECT_THAT(error_of(line(std::string(256, 'a'), "idle", 1)), EndsWith("that is too long"));
+}
+
 // At 100,000 seconds: a line that has its troubles, and one that has had nothing yet.
 constexpr const char *WRITTEN = R"(vesperd_up 1
 vesperd_build_info{version="1.2"} 1
@@ -133,6 +147,10 @@ vesperd_line_protocol{line="a",protocol="espa",configured="espa"} 0
 vesperd_line_protocol_since_seconds{line="a"} 30000
 vesperd_line_connects_total{line="a"} 3
 vesperd_line_received_bytes_total{line="a"} 4
+vesperd_line_silence_seconds_total{line="a"} 15
+vesperd_line_noise_bytes_total{line="a"} 2
+vesperd_line_station{line="a",address="2",control="1"} 1
+vesperd_line_requests_total{line="a",address="3"} 4
 vesperd_line_polls_total{line="a"} 5
 vesperd_line_packets_total{line="a"} 6
 vesperd_line_check_errors_total{line="a"} 7
@@ -161,6 +179,7 @@ TEST(Status, IsReportedInEveryForm) {
     report.file = "F";
     fs::rename(dir.write("new", "cut"), path);
     EXPECT_EQ(look().problems.front().kind, "unreadable");
+    EXPECT_THAT(report_check({look()}, limits, 1e5), Not(HasSubstr("|")));
     fs::rename(dir.write("new", WRITTEN), path);
     EXPECT_EQ(look().problems.front().kind, "action");
     EXPECT_EQ(report_table({report}, 1e5, true),
@@ -187,7 +206,9 @@ TEST(Status, IsReportedInEveryForm) {
               "'text':'a command runs for 61 s'},{'level':'warning','kind':'fell_back',"
               "'seconds':70000.0,'text':'fell back to ASCII 19 h ago'}],'state':'acting',"
               "'state_since':99939.0,'protocol':'ascii','configured':'espa',"
-              "'protocol_since':30000.0,'connects':3,'received_bytes':4,'polls':5,'packets':6,"
+              "'protocol_since':30000.0,'connects':3,'received_bytes':4,'silence_seconds':15,"
+              "'noise_bytes':2,'station':{'address':'2','control':'1'},'requests':{'3':4},"
+              "'polls':5,'packets':6,"
               "'check_errors':7,'messages':8,'unmatched':9,'last_message':40000.0,"
               "'actions':{'call':{'failed':10,'done':11},'script':{'failed':12}},"
               "'alarms':{'error':{'raised':13}},'calls':{'open':2,'lost':14,'undelivered':"
@@ -195,7 +216,8 @@ TEST(Status, IsReportedInEveryForm) {
               "'level':'warning','problems':[{'level':'warning','kind':'silent','seconds':90000.0,"
               "'text':'no message since the start 25 h ago'}],'state':'idle','state_since':0.0,"
               "'protocol':'espa','configured':'espa','protocol_since':null,'connects':0,"
-              "'received_bytes':0,'polls':0,'packets':0,'check_errors':0,'messages':0,"
+              "'received_bytes':0,'silence_seconds':0,'noise_bytes':0,'station':null,"
+              "'requests':{},'polls':0,'packets':0,'check_errors':0,'messages':0,"
               "'unmatched':0,'last_message':null,'actions':{},'alarms':{},"
               "'calls':{'open':0,'undelivered':[]}}],'load_success':true}]}\n");
 }
@@ -229,6 +251,23 @@ TEST(Status, IsJudgedAtItsLimits) {
                       (problems.empty() ? "" : problems[0].words),
                   row.words);
     }
+    status.start = status.written = 1e6;
+    line_status_t &line = status.lines[0];
+    line.line = "='";
+    line.protocol = "ascii";
+    line.configured = "espa";
+    line.undelivered = {{"c", "x", 1e6 - 3600}};
+    line.state_since = 1e6 - 5;
+    for (const auto &[state, data] :
+         {std::pair(line_state_t::CONNECTING, "'___down'=5s;;9;0 '___busy'=0s;;9;0"),
+          {line_state_t::ENDED, "'___down'=5s;;9;0 '___busy'=0s;;9;0"},
+          {line_state_t::RECEIVING, "'___down'=0s;;9;0 '___busy'=5s;;9;0"}}) {
+        line.state = state;
+        EXPECT_THAT(
+            report_check({{"F", "", status, judge(status, {9, 0, 0}, 1e6)}}, {9, 0, 0}, 1e6),
+            AllOf(StartsWith("VESPERD WARNING - =': fell back to ASCII"),
+                  HasSubstr("| 'age'=0s;;0;0 "s + data + " '___silent'=0s;;;0 ")));
+    }
     texts_t words;
     for (const double seconds : {-1.0, 119.9, 120.0, 7'199.0, 7'200.0, 172'799.0, 172'800.0}) {
         words.push_back(duration_words(seconds));
@@ -236,18 +275,77 @@ TEST(Status, IsJudgedAtItsLimits) {
     EXPECT_EQ(words, (texts_t{"0 s", "119 s", "2 min", "119 min", "2 h", "47 h", "2 d"}));
 }
 
+TEST(Status, TellsWhyALineHasNeverWorked) {
+    using counts_t = std::vector<tally_t>;
+    const counts_t others = {{"1", "", 9}, {"3", "", 9}, {"5", "", 1}, {"4", "", 1}};
+    const struct {
+        int64_t silence, received, lost, noise, packets, wrong;
+        counts_t requests;
+        const char *words;
+        const char *address = "2";
+        const char *configured = "espa";
+        int64_t messages = 0;
+    } rows[] = {
+        {600, 0, 20, 0, 0, 0, {}, "2 connected for 10 min, not a byte: is the converter's "},
+        {600, 0, 0, 0, 0, 0, {}, "1 connected for 10 min, not a byte", "", "ascii"},
+        {599, 0, 19, 0, 0, 0, {}, "0 "},
+        {600, 1, 20, 0, 0, 0, {}, "0 "},
+        {0, 0, 20, 0, 0, 0, {}, "2 connection closed 20 times, not a byte: is somebody else "},
+        {0, 999, 0, 99, 0, 0, {}, "0 "},
+        {0, 999, 0, 100, 9, 9, {}, "2 noise only, 100 bytes: are baud rate, ", ""},
+        {0, 9999, 0, 9000, 0, 0, {{"2", "", 9}}, "2 noise only, 9000 bytes: "},
+        {0, 9999, 0, 9000, 9, 8, {{"2", "", 9}}, "0 "},
+        {0, 9999, 0, 100, 0, 0, {{"2", "", 9}}, "2 requests, but no packet, and 100 bytes that "},
+        {0, 9999, 0, 99, 0, 0, {{"2", "", 9}}, "0 "},
+        {0, 99, 0, 2, 0, 0, others, "2 addressed as 3, 5 and 4, never as 2: is espa_address "},
+        {0, 99, 0, 2, 0, 0, others, "0 ", "5"},
+        {0, 99, 0, 3, 0, 0, others, "0 "},
+        {0, 99, 0, 0, 0, 0, {{"3", "", 19}}, "0 "},
+        {0, 99, 0, 2, 0, 0, {{"1", "", 20}}, "2 addressed as 1 alone, never as 2: a sender "},
+        {0, 99, 0, 0, 3, 3, {}, "2 every check character is wrong, of 3 packets: are data bits "},
+        {0, 99, 0, 0, 4, 3, {}, "0 "},
+        {0, 99, 0, 0, 3, 3, {}, "0 ", "2", "espa", 1},
+    };
+    for (const auto &row : rows) {
+        status_t status;
+        status.is_up = true;
+        line_status_t &line = status.lines.emplace_back();
+        line.state = line_state_t::IDLE;
+        line.protocol = line.configured = row.configured;
+        line.silence_seconds = row.silence;
+        line.received_bytes = row.received;
+        line.alarms = {{"connection_lost", "limited", row.lost}};
+        line.noise_bytes = row.noise;
+        line.packets = row.packets;
+        line.check_errors = row.wrong;
+        line.requests = row.requests;
+        line.address = row.address;
+        line.control = "1";
+        line.messages = row.messages;
+        const auto problems = judge(status, {}, 0);
+        EXPECT_THAT(std::to_string(int(worst_level(problems))) + " " +
+                        (problems.empty() ? "" : problems[0].words),
+                    StartsWith(row.words));
+        EXPECT_TRUE(problems.empty() ||
+                    int64_t(problems[0].seconds) == (row.received > 0 ? 0 : row.silence));
+        line.state_since = -61;
+        line.state = line_state_t::ENDED;
+        EXPECT_EQ(judge(status, {}, 0).size(), 1U);  // this is what is wrong now
+    }
+}
+
 TEST(Status, SamplesAreReadByTheFormat) {
     std::vector<sample_t> samples;
     std::string error;
-    const char *const good = " m:A_z9 { l9 = \"a\\\\b\\\"c\\nd\" , } -1.5 -7 \n\n # x\nm +1\n";
+    const char *const good = " m:AZ_az09 { l9 = \"a\\\\b\\\"c\\nd\" , } -1.5 -7 \n\n # x\nm +1\n";
     ASSERT_TRUE(parse_samples(good, &samples, &error));
     ASSERT_EQ(samples.size(), 2U);
     EXPECT_EQ(joined(samples[0].metric, samples[0].label("l9"), samples[0].label("x"),
                      samples[0].value, samples[1].metric, samples[1].value),
-              "m:A_z9|a\\b\"c\nd||-1.5|m|1|");
+              "m:AZ_az09|a\\b\"c\nd||-1.5|m|1|");
     for (const char *bad :
-         {"9m 1", "m", "m{", "m{a} 1", "m{:=\"\"} 1", "m{a=b} 1", "m{a=\"b} 1", "m{a=\"\\x\"} 1",
-          "m{a=\"b\" c=\"\"} 1", "m 1 1.5", "m 1 1 1", "m ++1"}) {
+         {"9m 1", "m", "m{", "m{ 1", "m{a 1", "m{a= 1", "m{a} 1", "m{:=\"\"} 1", "m{a=b} 1",
+          "m{a=\"b} 1", "m{a=\"\\x\"} 1", "m{a=\"b\" c=\"\"} 1", "m 1 1.5", "m 1 1 1", "m ++1"}) {
         EXPECT_FALSE(parse_samples("m 1\n"s + bad + "\n", &samples, &error)) << bad;
         EXPECT_EQ(error, "line 2 is no sample");
     }

@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "fd.h"
+#include "replay.h"
 #include "standard_station.h"
 
 namespace {
@@ -21,7 +22,13 @@ class delivery_t {
         : options_(options), station_(-1, options.wait, stdout), standard_(-1, 1, stdout, '1') {}
 
     void run() {
+        read_recording_to_replay();
         open_line();
+        begin_recording();
+        if (!options_.replay.empty()) {
+            replay();
+            return;
+        }
         for (int round = 0; round < options_.count; round++) {
             for (const std::string &message : options_.messages) {
                 if (delivered_ > 0) {
@@ -31,6 +38,7 @@ class delivery_t {
             }
         }
         keep_up(options_.hold);
+        check_recording();
     }
 
   private:
@@ -50,6 +58,41 @@ class delivery_t {
         exit(EXIT_FAILURE);
     }
 
+    void read_recording_to_replay() {
+        std::string error;
+        if (!options_.replay.empty() && !read_recording(options_.replay, &recorded_, &error)) {
+            fail(error);
+        }
+    }
+
+    void begin_recording() {
+        std::string error;
+        if (!options_.record.empty() && !recorder_.open(options_.record, &error)) {
+            fail(error);
+        }
+    }
+
+    void check_recording() const {
+        if (!recorder_.is_whole()) {
+            fail("the recording could not be written whole");
+        }
+    }
+
+    void replay() {
+        replay_t replayed(line_.get(), options_.wait, stdout);
+        replayed.set_recorder(&recorder_);
+        const bool is_whole = replayed.run(recorded_);
+        const int others = replayed.different();
+        printf("%d answers recorded, %d different\n", replayed.answers(), others);
+        if (!is_whole) {
+            fail(replayed.error());
+        }
+        check_recording();
+        if (others > 0) {
+            fail("not all is answered as it was recorded");
+        }
+    }
+
     void open_line() {
         std::string error;
         if (!options_.device.empty()) {
@@ -64,10 +107,12 @@ class delivery_t {
         }
         station_ = control_station_t(line_.get(), options_.wait, stdout);
         station_.set_repeats(options_.repeat, options_.garble);
+        station_.set_recorder(&recorder_);
         const int wait = std::min(options_.wait, TRANSACTION_SECONDS);
         standard_ = standard_station_t(line_.get(), wait, stdout, options_.own[0]);
         standard_.set_repeats(options_.repeat, options_.garble);
         standard_.set_asks_again(options_.enq);
+        standard_.set_recorder(&recorder_);
     }
 
     unique_fd_t accept_connection(std::string *error) {
@@ -154,6 +199,8 @@ class delivery_t {
     }
 
     options_t options_;
+    std::vector<exchange_t> recorded_;
+    recorder_t recorder_;
     unique_fd_t listener_;
     unique_fd_t line_;
     control_station_t station_;

@@ -16,6 +16,7 @@ constexpr const char *USAGE =
     "Usage: espasend --listen PORT [options] --message TEXT ...\n"
     "       espasend --connect HOST:PORT [options] --message TEXT ...\n"
     "       espasend --device PATH [options] --message TEXT ...\n"
+    "       espasend --listen PORT ... --replay FILE\n"
     "\n"
     "Plays the paging system of a vesperd line and delivers calls over it. With --standard\n"
     "it follows the link procedure of ESPA 4.4.4, which a line with espa_address expects.\n"
@@ -27,9 +28,11 @@ constexpr const char *EXAMPLES =
     "  espasend --listen 2233 --address 4711 --message 'FIRE ZONE 3'\n"
     "  espasend --connect 192.0.2.5:4001 --standard --to 2 --message 'FIRE ZONE 3'\n"
     "  espasend --device /dev/ttyS0 --baud 1200 --message 'Pump 2 stopped' --priority 1\n"
+    "  espasend --listen 2233 --replay line.txt\n"
     "  espasend --listen 2233 --ascii --count 10 --interval 2 --message 'ALARM 12'\n"
     "\n"
-    "Exit status: 0 everything was delivered, 1 it was not, 2 an argument is wrong.\n";
+    "Exit status: 0 everything was delivered, or answered as recorded, 1 it was not,\n"
+    "2 an argument is wrong.\n";
 
 void add_line_options(arguments_t *arguments, options_t *options) {
     arguments->text("Where the line is:\n");
@@ -118,6 +121,19 @@ void check_addresses(const arguments_t &arguments, const options_t &options) {
     }
 }
 
+void check_replay(const arguments_t &arguments, const options_t &options) {
+    if (options.replay.empty() && options.messages.empty()) {
+        arguments.refuse("give at least one --message");
+    }
+    if (!options.replay.empty() &&
+        (!options.messages.empty() || options.ascii || options.standard || options.hold > 0)) {
+        arguments.refuse("--replay sends what was recorded, and nothing else");
+    }
+    if (!options.replay.empty() && options.replay == options.record) {
+        arguments.refuse("--record would write over what --replay reads");
+    }
+}
+
 // What the options say together.
 void check_options(const arguments_t &arguments, const options_t &options) {
     const int ways = (options.port >= 0 ? 1 : 0) + (options.connect.empty() ? 0 : 1) +
@@ -136,9 +152,7 @@ void check_options(const arguments_t &arguments, const options_t &options) {
     if (options.ascii && options.garble > 0) {
         arguments.refuse("--garble needs a block check character, which lines have not");
     }
-    if (options.messages.empty()) {
-        arguments.refuse("give at least one --message");
-    }
+    check_replay(arguments, options);
     const call_t &call = options.call;
     std::vector<std::string> sent = options.messages;
     sent.insert(sent.end(),
@@ -157,6 +171,13 @@ options_t parse_options(int argc, char **argv) {
     add_line_options(&arguments, &options);
     add_standard_options(&arguments, &options);
     add_call_options(&arguments, &options);
+    arguments.text("\nRecordings:\n");
+    arguments.text_option("--record FILE", "write what is sent and answered, with times, to FILE",
+                          &options.record);
+    arguments.text_option("--replay FILE",
+                          "send what a recording has, and tell where answers differ;\n"
+                          "-: standard input, as from tshark",
+                          &options.replay);
     arguments.text("\n");
     arguments.number("--wait SECONDS", "longest wait for a connection and for each answer (30)", 1,
                      MAX_SECONDS, &options.wait);

@@ -29,6 +29,8 @@ struct options_t {
     int hold = 0;
     int repeat = -1;  // -1: the default
     int garble = 0;
+    std::string record;  // a file; empty: none
+    std::string replay;  // the same; "-": standard input
 };
 
 // Reads the arguments. Prints what is wrong with them, or the help, and ends the process then.

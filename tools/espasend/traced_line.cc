@@ -4,44 +4,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 
-#include "espa.h"
-
 namespace {
-
-struct control_name_t {
-    char byte;
-    const char *name;
-};
-constexpr std::array<control_name_t, 11> control_names = {{{SOH, "SOH"},
-                                                           {STX, "STX"},
-                                                           {ETX, "ETX"},
-                                                           {EOT, "EOT"},
-                                                           {ENQ, "ENQ"},
-                                                           {ACK, "ACK"},
-                                                           {NAK, "NAK"},
-                                                           {RS, "RS"},
-                                                           {US, "US"},
-                                                           {'\r', "CR"},
-                                                           {'\n', "LF"}}};
-
-bool is_text(char byte) {
-    return byte >= ' ' && byte <= '~' && byte != '\'';
-}
-
-std::string control_name(char byte) {
-    for (const control_name_t &known : control_names) {
-        if (known.byte == byte) {
-            return known.name;
-        }
-    }
-    char hex[8];
-    snprintf(hex, sizeof hex, "0x%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
-    return hex;
-}
 
 // A reset line must not end the program, and a serial device takes no send().
 ssize_t write_some(int fd, std::string_view bytes) {
@@ -50,27 +16,6 @@ ssize_t write_some(int fd, std::string_view bytes) {
 }
 
 }  // namespace
-
-std::string describe_bytes(std::string_view bytes) {
-    std::string text;
-    while (!bytes.empty()) {
-        size_t length = 0;
-        while (length < bytes.size() && is_text(bytes[length])) {
-            length++;
-        }
-        if (!text.empty()) {
-            text += ' ';
-        }
-        if (length > 0) {
-            text += '\'' + std::string(bytes.substr(0, length)) + '\'';
-        } else {
-            text += control_name(bytes.front());
-            length = 1;
-        }
-        bytes.remove_prefix(length);
-    }
-    return text;
-}
 
 bool traced_line_t::send_bytes(std::string_view bytes) {
     show("-> ", bytes);
@@ -130,6 +75,9 @@ std::string traced_line_t::read_pending(int milliseconds) {
 void traced_line_t::show(const char *what, std::string_view bytes) const {
     if (trace_ != nullptr) {
         fprintf(trace_, "%s%s\n", what, describe_bytes(bytes).c_str());
+    }
+    if (recorder_ != nullptr) {
+        recorder_->note(what[0] == '-', bytes);
     }
 }
 

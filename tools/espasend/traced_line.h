@@ -5,8 +5,7 @@
 #include <string>
 #include <string_view>
 
-// Bytes in readable form: control characters by name, text in single quotes.
-std::string describe_bytes(std::string_view bytes);
+#include "recording.h"
 
 // Every operation returns false when the line failed or the expected answer did not come; error() then
 // says why in one line.
@@ -17,6 +16,9 @@ class traced_line_t {
     // trace        where each exchange is printed, or null
     traced_line_t(int fd, int wait_seconds, FILE *trace) noexcept
         : fd_(fd), wait_seconds_(wait_seconds), trace_(trace) {}
+
+    // From now on what is printed goes to a recording too; it outlives the line.
+    void set_recorder(recorder_t *recorder) { recorder_ = recorder; }
 
     // Sends bytes as they stand.
     bool send_bytes(std::string_view bytes);
@@ -44,5 +46,6 @@ class traced_line_t {
     int fd_;
     int wait_seconds_;
     FILE *trace_;
+    recorder_t *recorder_ = nullptr;
     std::string error_;
 };

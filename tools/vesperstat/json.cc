@@ -35,6 +35,19 @@ json_t tallies_json(const std::vector<tally_t> &tallies) {
     return object;
 }
 
+json_t station_json(const line_status_t &line) {
+    return line.address.empty() ? json_t(nullptr)
+                                : json_t{{"address", line.address}, {"control", line.control}};
+}
+
+json_t requests_json(const line_status_t &line) {
+    json_t object = json_t::object();
+    for (const tally_t &tally : line.requests) {
+        object[tally.what] = tally.count;
+    }
+    return object;
+}
+
 // Of calls that are followed.
 json_t calls_json(const line_status_t &line) {
     json_t object = {{"open", line.calls_open}};
@@ -62,6 +75,10 @@ json_t line_json(const report_t &report, const line_status_t &line) {
             {"protocol_since", time_or_null(line.protocol_since)},
             {"connects", line.connects},
             {"received_bytes", line.received_bytes},
+            {"silence_seconds", line.silence_seconds},
+            {"noise_bytes", line.noise_bytes},
+            {"station", station_json(line)},
+            {"requests", requests_json(line)},
             {"polls", line.polls},
             {"packets", line.packets},
             {"check_errors", line.check_errors},

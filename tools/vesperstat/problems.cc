@@ -4,6 +4,8 @@
 #include <cctype>
 #include <cmath>
 
+#include "first_look.h"
+
 namespace {
 
 // What takes longer than this in a line that works is worth a look.
@@ -63,6 +65,12 @@ class judge_t {
             add(level_t::WARNING, "fell_back", seconds, words);
         }
         judge_silence(line, start);
+        // What a line without connection is told of is the connection.
+        if (worst_level(problems_, &line_) < level_t::CRITICAL) {
+            if (const auto problem = first_look(line)) {
+                problems_.push_back(*problem);
+            }
+        }
         judge_calls(line);
     }
 

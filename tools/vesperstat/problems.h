@@ -23,7 +23,7 @@ struct problem_t {
     level_t level = level_t::OK;
     std::string_view
         kind;  // "gone", "stopped", "load", "down", "packet", "action", "fell_back", "silent",
-               // "unanswered"
+               // "unanswered", "mute", "closed", "noise", "address", "check"
     std::string line;    // whose problem it is; empty: the daemon's
     double seconds = 0;  // for how long; 0 when that is not known
     std::string words;   // "no connection for 5 min"

@@ -31,9 +31,11 @@ constexpr std::array<std::pair<metric_t, double line_status_t::*>, 3> LINE_TIMES
      {"protocol_since_seconds", &line_status_t::protocol_since},
      {"last_message_time_seconds", &line_status_t::last_message}}};
 
-constexpr std::array<std::pair<metric_t, int64_t line_status_t::*>, 8> LINE_COUNTERS = {
+constexpr std::array<std::pair<metric_t, int64_t line_status_t::*>, 10> LINE_COUNTERS = {
     {{"connects_total", &line_status_t::connects},
      {"received_bytes_total", &line_status_t::received_bytes},
+     {"silence_seconds_total", &line_status_t::silence_seconds},
+     {"noise_bytes_total", &line_status_t::noise_bytes},
      {"calls_open", &line_status_t::calls_open},
      {"polls_total", &line_status_t::polls},
      {"packets_total", &line_status_t::packets},
@@ -85,6 +87,11 @@ void store_line_sample(metric_t metric, const sample_t &sample, line_status_t *l
     } else if (metric == "protocol" && sample.value != 0) {
         line->protocol = sample.label("protocol");
         line->configured = sample.label("configured");
+    } else if (metric == "station") {
+        line->address = sample.label("address");
+        line->control = sample.label("control");
+    } else if (metric == "requests_total") {
+        add("address", &line->requests);
     } else if (metric == "actions_total") {
         add("action", &line->actions);
     } else if (metric == "alarms_total") {
@@ -137,8 +144,9 @@ const char *fault_of(const std::vector<line_status_t> &lines) {
     }
     for (const line_status_t &line : lines) {
         if (line.actions.size() > MAX_TALLIES || line.alarms.size() > MAX_TALLIES ||
-            line.calls.size() > MAX_TALLIES || line.undelivered.size() > MAX_TALLIES) {
-            return "it tells of more than 64 actions, alarms or calls of a line";
+            line.calls.size() > MAX_TALLIES || line.requests.size() > MAX_TALLIES ||
+            line.undelivered.size() > MAX_TALLIES) {
+            return "it tells of more than 64 actions, alarms, calls or addresses of a line";
         }
     }
     return nullptr;

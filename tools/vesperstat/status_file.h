@@ -37,11 +37,16 @@ struct line_status_t {
     double protocol_since = 0;
     int64_t connects = 0;
     int64_t received_bytes = 0;
+    int64_t silence_seconds = 0;  // of its connections, without what is shorter than 15
     int64_t polls = 0;
     int64_t packets = 0;
     int64_t check_errors = 0;
     int64_t messages = 0;
     int64_t unmatched = 0;
+    int64_t noise_bytes = 0;
+    std::string address;            // the station that the line is; empty: none
+    std::string control;            // and its control station
+    std::vector<tally_t> requests;  // by their address
     std::vector<tally_t> actions;
     std::vector<tally_t> alarms;
     std::vector<tally_t> calls;              // that were followed, by their outcome
