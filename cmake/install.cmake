@@ -21,7 +21,7 @@ install(FILES completion/vesperd completion/espasend completion/vespercheck
     completion/vesperstat
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES README.md docs/architecture.md docs/asterisk.md docs/espa.md docs/high-availability.md
-    docs/instances.md docs/monitoring.md docs/nobody-answers.md docs/performance.md docs/scaling.svg
-    docs/security.md
+    docs/instances.md docs/line-trouble.md docs/monitoring.md docs/nobody-answers.md
+    docs/performance.md docs/scaling.svg docs/security.md
     DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
