@@ -40,7 +40,7 @@ bool charset_t::open(const char *name) noexcept {
     return conversion_ != NONE;
 }
 
-// Some sets hold a character back that the next one may combine with.
+// Some sets hold a character back that the next one may combine with. The next text begins anew.
 void charset_t::finish(std::string *converted) const noexcept {
     char piece[PIECE_SIZE];
     char *to = piece;
@@ -56,7 +56,6 @@ std::string charset_t::to_utf8(std::string_view text) const noexcept {
     std::string converted;
     char *from = const_cast<char *>(text.data());
     size_t left = text.size();
-    iconv(conversion_, nullptr, nullptr, nullptr, nullptr);
     while (left > 0) {
         char piece[PIECE_SIZE];
         char *to = piece;

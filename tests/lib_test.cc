@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <sys/un.h>
 
+#include "clock.h"
 #include "daemon.h"
 #include "files.h"
 #include "ini.h"
@@ -91,6 +92,32 @@ TEST(Notify, HearsWhoeverIsNamed) {
         const std::string first = read_available(manager);
         EXPECT_EQ(first + read_available(manager), row.heard) << row.path << row.limit;
     }
+    const pair_t work;
+    child_t child(fork());
+    if (child.pid == 0) {
+        setenv("NOTIFY_SOCKET", name.c_str(), 1);
+        setenv("WATCHDOG_USEC", "2000", 1);
+        notify_init();
+        auto alive = std::make_unique<kept_alive_t>();
+        char byte = 0;
+        recv(work.near.get(), &byte, 1, 0);
+        alive.reset();
+        send_bytes(work.near, "x");
+        pause_us(50'000);  // in which no more is said
+        _exit(0);
+    }
+    const auto hears_five = [&, signs = 0]() mutable {
+        signs += read_available(manager) == "WATCHDOG=1";
+        return signs >= 5;
+    };
+    EXPECT_TRUE(eventually(hears_five));
+    send_bytes(work.far, "x");
+    char byte = 0;
+    EXPECT_EQ(recv(work.far.get(), &byte, 1, 0), 1);
+    while (!read_available(manager).empty()) {
+    }
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(read_available(manager), "");
 }
 
 std::string handled;

@@ -171,6 +171,34 @@ TEST_F(Live, IsTurnedOff) {
     EXPECT_EQ(process.end(SIGTERM), 0);
 }
 
+// Whoever asks while a file is read, which these patterns take a while for, has it read once more.
+TEST_F(Live, ReadsOnceMoreForWhoeverAsksMeanwhile) {
+    child_t process = start({{"a", KEYS}}, fire("1"));
+    const unique_fd_t a = daemon.accept(0);
+    const auto slow = [](const std::string &names) {
+        std::string rules;
+        for (const char name : names) {
+            rules += "[rule_"s + name + "]\npattern = (((" + name + "?){20}){20}){20}\n";
+        }
+        return rules;
+    };
+    const auto ask_twice = [&](int before) {
+        for (const int asked : {before + 1, before + 2}) {
+            process.send(SIGHUP);
+            EXPECT_TRUE(eventually([&] { return daemon.count("Hangup") >= asked; }));
+        }
+    };
+    configure({{"a", KEYS}}, fire("2") + slow("bcdefg"));
+    ask_twice(0);
+    EXPECT_TRUE(eventually([&] { return daemon.count("1 line as it was, ") == 2; }));
+    daemon.configure({{"a", KEYS}}, fire("3") + slow("hijklm"));
+    ask_twice(2);
+    // Once while the lines go on, and once as it is without the key.
+    EXPECT_TRUE(eventually([&] { return daemon.count("'(((m?)") == 2; }));
+    EXPECT_EQ(daemon.count("1 line as it was, "), 3);
+    EXPECT_EQ(process.end(SIGTERM), 0);
+}
+
 // A line keeps its slot while others come and go; without the key the slots are in the order of the file again.
 TEST_F(Live, SlotsAreTheLoadersBusiness) {
     const auto lines = [](const std::string &names) {

@@ -199,6 +199,35 @@ TEST(Espa, BlockCheckCharacter) {
     }
 }
 
+TEST(Link, GivesUpWhoDoesNotAnswer) {
+    const unique_fd_t listener(link_socket());
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t size = sizeof address;
+    auto *const named = reinterpret_cast<sockaddr *>(&address);
+    ASSERT_EQ(bind(listener.get(), named, size) + listen(listener.get(), 0), 0);
+    getsockname(listener.get(), named, &size);
+    const auto connects = [&](const unique_fd_t &sock, int seconds, const knock_t *heard) {
+        const bool does = link_connect(sock.get(), address, seconds, heard);
+        EXPECT_EQ(fcntl(sock.get(), F_GETFL) & O_NONBLOCK, 0);
+        return does;
+    };
+    const unique_fd_t only(link_socket()), another(link_socket()), called(link_socket());
+    EXPECT_TRUE(connects(only, AS_LONG_AS_THE_SYSTEM_TRIES, nullptr));
+    EXPECT_FALSE(connects(another, 1, nullptr));
+    const pair_t loader;
+    int end = loader.near.get();
+    const auto is_no = [](void *of) {
+        char byte = 0;
+        return recv(*static_cast<int *>(of), &byte, 1, 0) == 1 && byte == 'n';
+    };
+    const knock_t heard{end, is_no, &end};
+    send_bytes(loader.far, "yn");
+    EXPECT_FALSE(connects(called, AS_LONG_AS_THE_SYSTEM_TRIES, &heard));
+    EXPECT_EQ(read_available(loader.near), "");
+    const unique_fd_t served(accept(listener.get(), nullptr, nullptr)), late(link_socket());
+    EXPECT_TRUE(connects(late, 60, &heard));
+}
+
 TEST(Espa, ParsesCallRecords) {
     const std::string m200(200, 'm'), m128(128, 'm'), m19(19, 'm');
     const std::pair<std::string, std::string> rows[] = {

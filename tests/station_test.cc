@@ -248,6 +248,58 @@ TEST(Station, ReplaysARecordingAndTellsWhatDiffers) {
     EXPECT_EQ(error, dir.path("") + ": Is a directory");
 }
 
+// Each connection of the program is answered as its dialogue says.
+TEST(Station, ProgramDeliversWhatItIsGiven) {
+    const temp_dir_t dir;
+    const std::string eot = "<EOT>;<EOT>|", select = "<EOT>1<ENQ>;<ACK>|";
+    const std::string packet = compose_packet({"7", "m", "", "", "", ""}) + ";<ACK>|";
+    const std::string call = packet + eot;
+    const std::string first = eot + "1<ENQ>;<ACK>|<EOT>;<EOT>|1<ENQ>;<ACK>|" + call;
+    const std::string recording = dir.write("recording", "0 -> 'a'\n0 <- ACK\n");
+    const std::string poll = "2<ENQ>;<EOT>|", ask = "1<ENQ>2<ENQ>;";
+    const std::string standard = "--standard --address 7 --wait 1 --repeat 1 -m m ";
+    const std::string whole = ask + "<ACK>|" + packet + "<EOT>;|";
+    const struct {
+        int status;
+        std::string arguments;
+        texts_t dialogues;
+        std::string output;
+    } rows[] = {
+        {0, "-A -m a -m b --hold 1", {"a\r\nb\r\n;"}, "\n2 of 2 lines sent\n"},
+        {0,
+         "--address 7 -m m --count 2 --interval 1 --hold 6",
+         {first + eot + eot + "1<ENQ>;<ACK>|" + call + eot + eot},
+         "2 of 2 calls acknowledged\n"},
+        {0, "--address 7 -m m --count 2", {first, first}, "the line was closed\n"},
+        {1, "--address 7 -m m", {"<EOT>;"}, "Is this machine the host of the line's section?\n"},
+        {1,
+         "--address 7 -m m --count 2",
+         {first, "<EOT>;"},
+         "no echo of EOT: the line was closed\n"},
+        {0, "--replay " + recording, {"a;<ACK>|"}, "\n1 answers recorded, 0 different\n"},
+        {1, "--replay " + recording, {"a;<NAK>|"}, "\nespasend: not all is answered as it"},
+        {1, "--replay " + recording, {"a;"}, "\n1 answers recorded, 0 different\nespasend: the"},
+        {0, standard + "--poll 1 --hold 2", {poll + whole, poll + poll}, "the line was closed\n"},
+        {1, standard + "--poll 1", {"2<ENQ>;|2<ENQ>;|<EOT>;"}, "nothing answers: is espa_address"},
+        {1, standard + "--poll 0", {ask + "<9B>|<EOT>;"}, "got 0x9b for a select"},
+        {1, standard + "--also-poll 4", {poll + "4<ENQ>;1x|<EOT>;"}, "no select behind a station"},
+    };
+    for (const auto &row : rows) {
+        std::string error;
+        const unique_fd_t listener = listen_on("127.0.0.1", 0, &error);
+        program_t program("espasend --connect 127.0.0.1:" +
+                          std::to_string(bound_port(listener.get())) + " " + row.arguments);
+        unique_fd_t line;
+        for (const std::string &dialogue : row.dialogues) {
+            line = accept_within(listener.get(), 60, &error);
+            answer_by(dialogue, line);
+        }
+        EXPECT_EQ(program.wait(), row.status) << program.output();
+        EXPECT_THAT(program.output(), HasSubstr(row.output));
+        EXPECT_EQ(read_available(line), "") << row.arguments;
+    }
+}
+
 TEST(Station, WaitsAgainWhereItHasJustClosed) {
     std::string error;
     unique_fd_t listener = listen_on("127.0.0.1", 0, &error);
