@@ -287,7 +287,7 @@ TEST_F(Live, TellsTheServiceManager) {
         char datagram[256];
         ssize_t size = 0;
         while ((size = recv(manager.get(), datagram, sizeof datagram, MSG_DONTWAIT)) > 0) {
-            heard.emplace_back(datagram, size);
+            heard.emplace_back(datagram, std::find(datagram, datagram + size, '\n'));
         }
         return std::count(heard.begin(), heard.end(), text);
     };
@@ -300,8 +300,12 @@ TEST_F(Live, TellsTheServiceManager) {
     const unique_fd_t a = daemon.accept(0);
     const unique_fd_t b = daemon.accept(1);
     EXPECT_TRUE(comes_to_hear("STATUS=2 lines"));
-    reload(process);
-    EXPECT_TRUE(comes_to_hear("READY=1"));
+    daemon.configure({{"a", KEYS}, {"b", KEYS}}, fire("1"));
+    for (int i = 0; i < 2; i++) {  // without the key from the second time on
+        process.send(SIGHUP);
+        EXPECT_TRUE(comes_to_hear("RELOADING=1"));
+        EXPECT_TRUE(eventually([&] { return hears("READY=1") > 0; }));
+    }
     process.send(SIGTERM);
     EXPECT_TRUE(comes_to_hear("STOPPING=1"));
     EXPECT_TRUE(eventually([&] { return hears("WATCHDOG=1") > 20; }));  // in ten seconds

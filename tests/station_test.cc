@@ -75,7 +75,9 @@ void answer_by(const std::string &dialogue, const unique_fd_t &line) {
         if (bytes != heard) {
             break;
         }
-        send_bytes(line, wire(turn.substr(turn.find(';') + 1)));
+        // The last answer goes together with the end of the connection.
+        const int flags = turns.peek() == EOF ? MSG_MORE : 0;
+        send_bytes(line, wire(turn.substr(turn.find(';') + 1)), flags);
     }
     shutdown(line.get(), SHUT_WR);
 }
@@ -265,7 +267,10 @@ TEST(Station, ProgramDeliversWhatItIsGiven) {
         texts_t dialogues;
         std::string output;
     } rows[] = {
-        {0, "-A -m a -m b --hold 1", {"a\r\nb\r\n;"}, "\n2 of 2 lines sent\n"},
+        {0,
+         "-A -m a -m b --hold 1 --record " + dir.path("made"),
+         {"a\r\nb\r\n;"},
+         "\n2 of 2 lines sent\n"},
         {0,
          "--address 7 -m m --count 2 --interval 1 --hold 6",
          {first + eot + eot + "1<ENQ>;<ACK>|" + call + eot + eot},
@@ -298,6 +303,8 @@ TEST(Station, ProgramDeliversWhatItIsGiven) {
         EXPECT_THAT(program.output(), HasSubstr(row.output));
         EXPECT_EQ(read_available(line), "") << row.arguments;
     }
+    EXPECT_THAT(dir.read("made"),
+                ContainsRegex("\n +0\\.000  -> 'a' CR LF\n +0\\.[0-9]+  -> 'b' CR LF\n$"));
 }
 
 TEST(Station, WaitsAgainWhereItHasJustClosed) {
