@@ -260,13 +260,12 @@ TEST_F(Live, SixteenLinesEndAFile) {
     text = std::regex_replace(text, std::regex("@"), daemon.dir.path());
     daemon.conf = daemon.dir.write("conf", text);
     child_t process = daemon.start();
-    EXPECT_EQ(reload(process),
-              "EVENT: 16 lines as they were, none: host is being looked for, rules: none");
+    process.send(SIGHUP);
+    daemon.expect_logged("16 lines as they were, ");
     daemon.dir.write("conf", std::regex_replace(text, std::regex("\\[b\\]"), "[bb]"));
-    EXPECT_EQ(
-        reload(process),
-        "EVENT: 15 lines as they were, bb waits for its turn, none: host is being looked for, "
-        "b gone, rules: none");
+    process.send(SIGHUP);
+    daemon.expect_logged("15 lines as they were, bb waits for its turn, ");
+    daemon.expect_logged("b gone, ");
     daemon.expect_logged(": bb added");
     EXPECT_EQ(process.end(SIGTERM), 0);
 }
