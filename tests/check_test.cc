@@ -76,6 +76,7 @@ TEST_F(Check, FindsWithItsPlace) {
         {LINE + "rules = rule_ab,rule_a\n" + RULES + "[rule_ab]\n",
          "7 warning other-rule: .*rule_a .line 8.*rule_ab .line 11"},
         {LINE + "rules = rule_\n" + RULES, "7 warning other-rule: .*no .rule_.*rule_a"},
+        {LINE + "default_rule = rule_\n" + RULES, "7 warning other-rule: default_rule: .*rule_a"},
         {LINE + "rules = rule_a,rule_a\n" + RULES, "7 warning listed-twice: "},
         {LINE + RULES + "[rule_aa]\naction = call\n",
          "10 warning not-reached: .*finds rule_a .line 7"},

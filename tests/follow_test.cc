@@ -86,7 +86,8 @@ struct Follow : Installed {
     // What the journal says of a call: its result, the rule that went on and the file it made.
     std::string outcome(const std::string &call) const {
         std::string journal, found;
-        const std::regex form("\"call\":\"" + call.substr(0, call.find('=')) +
+        const std::regex form("\\{\"time\":\"2[^\"]+\",.*\"call\":\"" +
+                              call.substr(0, call.find('=')) +
                               "\".*\"result\":\"(\\w+)\",\"attempts\":(\\d+),.*\"next\":([^,}]*)");
         EXPECT_TRUE(eventually([&] {
             found.clear();

@@ -146,6 +146,7 @@ TEST(Signals, AreCountedAndHandledLater) {
     sigset_t blocked;
     sigprocmask(SIG_BLOCK, nullptr, &blocked);
     EXPECT_EQ(sigismember(&blocked, SIGTERM), 0);
+    EXPECT_EQ((ints_t{signal_raise(0), signal_received(0)}), (ints_t{1, 1}));
     for (const int none : {-1, SIGRTMAX + 1}) {
         EXPECT_EQ((ints_t{signal_set_handler(none, 0, note_signal), signal_addset(none, SIGHUP),
                           signal_raise(none), signal_received(none)}),
@@ -267,6 +268,12 @@ TEST(Rights, AreThoseOfAnAccountForAWhile) {
         EXPECT_TRUE(of_somebody.are_taken());
         EXPECT_FALSE(unique_fd_t(open(path.c_str(), O_RDWR)));
     }
+    child_t other(fork());
+    if (other.pid == 0) {  // a group that it has, an account that it may not take
+        const bool is_other = setresgid(65534, 65534, 65534) + setresuid(65533, 65533, 65533) == 0;
+        _exit(is_other && !rights_t(65534, 65534).are_taken() ? 0 : 1);
+    }
+    EXPECT_EQ(other.wait(), 0);
     EXPECT_TRUE(unique_fd_t(open(path.c_str(), O_RDWR)));
     gid_t after[4] = {};
     EXPECT_EQ(getgroups(4, after), 2);

@@ -126,7 +126,7 @@ struct Tables : Test {
         memset(pagers, 0, sizeof pagers);
         memset(rules, 0, sizeof rules);
         logfile = nullptr;
-        logger_init(dir.path("log").c_str(), 5, 0, 0);
+        EXPECT_EQ(logger_init(dir.path("log").c_str(), 5, 0, 0), 0);
     }
     ~Tables() override {
         free_confvals();
