@@ -86,9 +86,13 @@ struct Follow : Installed {
     // What the journal says of a call: its result, the rule that went on and the file it made.
     std::string outcome(const std::string &call) const {
         std::string journal, found;
-        const std::regex form("\\{\"time\":\"2[^\"]+\",.*\"call\":\"" +
-                              call.substr(0, call.find('=')) +
-                              "\".*\"result\":\"(\\w+)\",\"attempts\":(\\d+),.*\"next\":([^,}]*)");
+        const std::string text = "\"[^\"]*\"";
+        const std::regex form("\\{\"time\":" + text + ",\"line\":" + text +
+                              ",\"event\":\"outcome\",\"call\":\"" +
+                              call.substr(0, call.find('=')) + "\",\"address\":" + text +
+                              ",\"text\":" + text + ",\"rule\":" + text +
+                              ",\"result\":\"(\\w+)\",\"attempts\":(\\d+),\"seconds\":\\d+,"
+                              "\"next\":([^,}]*)");
         EXPECT_TRUE(eventually([&] {
             found.clear();
             journal = daemon.dir.read("journal");
