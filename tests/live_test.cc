@@ -79,13 +79,17 @@ TEST_F(Live, ChangesWhatDiffersAndNothingElse) {
     // message on.
     send_bytes(ward2, packet.substr(0, 8));
     shutdown(ward2.get(), SHUT_WR);
-    configure({{"ward1", KEYS + "default_rule = rule_rest\n"}, {"ward3", KEYS}, {"ward2", alarms}},
+    const std::string left = daemon.dir.write("vesperd-call-1-1", "left behind");
+    configure({{"ward1", KEYS + "default_rule = rule_rest\n"},
+               {"ward3", KEYS + "staging_dir = @\n"},
+               {"ward2", alarms}},
               fire("3") + ALARMS);
     EXPECT_EQ(
         reload(process),
         "EVENT: ward3 added, ward1: changed, ward2: other port, rules: 1 as they were, 1 changed");
     const unique_fd_t moved = daemon.accept(2);
     const unique_fd_t ward3 = daemon.accept(1);
+    EXPECT_FALSE(fs::exists(left));
     EXPECT_TRUE(eventually([&] { return is_closed(ward2); }));
     control_station_t station(ward3.get(), 30, nullptr);
     EXPECT_TRUE(station.send_call(to("1", "FIRE"))) << station.error();
