@@ -6,6 +6,7 @@
 #include "vesperstat/json.h"
 #include "vesperstat/plugin.h"
 #include "vesperstat/prom_text.h"
+#include "vesperstat/report.h"
 #include "vesperstat/table.h"
 
 namespace {
@@ -103,6 +104,11 @@ TEST(Status, IsShown) {
               "INSTANCE  LINE  ADDRESS  STATE           PROTOCOL  MESSAGES  LAST MESSAGE  ERRORS\n"
               "south     Süd   h:4001   connecting 2 h  espa      17        3 h ago       -\n"
               "north     a     h:4001   idle 2 min      espa      17        3 h ago       -\n");
+    const auto west = dir.write("west.prom", served(1, 2, line("b", "idle", 1)));
+    EXPECT_THAT(run(0, "vesperstat -s " + north + " -s " + west),
+                StartsWith("Nothing is wrong: 2 lines of 2 daemons\n"));
+    EXPECT_EQ(make_sentences({report_passed_over("/d", 2)}).at(0).text,
+              "2 files of /d passed over: too many, or no names of instances");
     // None of the lines that are known works.
     const auto empty = dir.write("empty.prom", served(1, 2));
     const std::string all = "vesperstat --check --critical-all -s " + south + " -s " + empty;
