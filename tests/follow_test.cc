@@ -26,7 +26,8 @@ const std::string RULES =
     "[rule_lost]\npattern = LOST\naction = call\nextension = lost\ngive_up = 1\n"
     "[rule_run]\naction = script\nquote = y\ncallscript = 'echo %message% >> @ran'\n"
     "[rule_gone]\naction = script\nquote = y\ncallscript = 'exit 127'\notherwise = rule_shut\n"
-    "[rule_shut]\naction = script\nquote = y\ncallscript = 'exit 126'\notherwise = rule_run\n"
+    "[rule_shut]\naction = script\nquote = y\ncallscript = 'exit 126'\notherwise = rule_bare\n"
+    "[rule_bare]\naction = script\ncallscript = 'echo bare >> @ran'\notherwise = rule_run\n"
     "[rule_last]\npattern = LAST\naction = call\nextension = last\notherwise = rule_none\n";
 
 struct Follow : Installed {
@@ -148,10 +149,11 @@ TEST_F(Follow, ToTheEndOfTheChain) {
     EXPECT_EQ(daemon.dir.read("ran"), "SURE 2\n");
     daemon.expect_logged("Nobody answered call " + last + " of line ward for LAST");
     EXPECT_EQ(daemon.count("otherwise of rule rule_last finds no rule: rule_none"), 1);
+    EXPECT_EQ(daemon.count("Rule rule_bare needs quote = yes to be an otherwise"), 1);
     EXPECT_TRUE(shows("calls_open{line=\"ward\"} 0\n") && shows("undelivered_time_seconds{"));
     EXPECT_EQ(reports(), "aacccccuuu");
     EXPECT_TRUE(eventually([&] { return links().empty(); }));
-    EXPECT_EQ(joined(daemon.count("WARNING"), daemon.count("ERROR")), "1|2|") << daemon.log();
+    EXPECT_EQ(joined(daemon.count("WARNING"), daemon.count("ERROR")), "1|3|") << daemon.log();
     EXPECT_THAT(daemon.log(),
                 AllOf(ContainsRegex("rule_sure: unanswered after [0-9]+ s, 1 attempt, next is "
                                     "rule_next\n"),
