@@ -2,9 +2,7 @@
 
 #include "callfile.h"
 
-#include <signal.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "charset.h"
@@ -21,7 +19,7 @@ namespace {
 struct Staging : Test {
     Staging() {
         for (const char *name : {"staging", "spool"}) {
-            fs::create_directory(dir.path(name));
+            dir.make(name);
         }
     }
     // The name that a call gets, or why it gets none.
@@ -69,7 +67,7 @@ TEST_F(Staging, WritesDirectlyWithoutAStagingDirectory) {
 
 TEST_F(Staging, ACallToFollowHasALinkUnderItsName) {
     const std::string spool = dir.path("spool"), staging = dir.path("staging");
-    fs::create_directory(dir.path("staging/followed"));
+    dir.make("staging/followed");
     dir.write("spool/call_f_1_0", "of another process");
     dir.write("staging/followed/call_f_1_1", "of another call");
     const auto follow = [&](const char *name) {
@@ -113,24 +111,17 @@ TEST(Disks, AreDifferentWhenBothAreKnown) {
 }
 
 TEST_F(Staging, SaysWhyNothingIsWritten) {
-    rlimit before{};
-    getrlimit(RLIMIT_FSIZE, &before);
-    const auto handler = signal(SIGXFSZ, SIG_IGN);
     for (const auto &[limit, error] : {std::pair<rlim_t, int>(0, EFBIG), {2, EIO}}) {
-        const rlimit lowered{limit, before.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &lowered);
+        const lowered_t lowered(RLIMIT_FSIZE, limit);
         EXPECT_EQ(stage("call_a_1", "four"), strerror(error));
         EXPECT_THAT(path, StartsWith(dir.path("staging/vesperd-call-")));
-        setrlimit(RLIMIT_FSIZE, &before);
     }
-    signal(SIGXFSZ, handler);
     // One descriptor is left, and errors that come late are not heard of.
-    getrlimit(RLIMIT_NOFILE, &before);
     const int next = unique_fd_t(open("/dev/null", O_RDONLY | O_CLOEXEC)).get();
-    const rlimit lowered{rlim_t(next + 1), before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &lowered);
-    EXPECT_EQ(stage("call_a_1"), strerror(EBADF));
-    setrlimit(RLIMIT_NOFILE, &before);
+    {
+        const lowered_t lowered(RLIMIT_NOFILE, rlim_t(next + 1));
+        EXPECT_EQ(stage("call_a_1"), strerror(EBADF));
+    }
     EXPECT_TRUE(leaves_nothing());
     EXPECT_TRUE(fs::is_empty(dir.path("spool")));
 }
@@ -146,6 +137,18 @@ TEST_F(Staging, CleaningLeavesWhatIsBeingWritten) {
     EXPECT_TRUE(fs::exists(busy));
     EXPECT_TRUE(fs::exists(dir.path("staging/other")));
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path("staging")), {}), 2);
+    std::atomic<bool> is_over = false;
+    std::thread cleaner([&] {
+        while (!is_over) {
+            call_file_clean(dir.path("staging").c_str());
+        }
+    });
+    for (int i = 0; i < 5000; i++) {
+        const std::string name = "call_" + std::to_string(i);
+        EXPECT_EQ(stage(name), name + "_0");
+    }
+    is_over = true;
+    cleaner.join();
 }
 
 TEST_F(Tables, AFullDiskCutsNoJournalLineButItsLast) {
@@ -159,15 +162,11 @@ TEST_F(Tables, AFullDiskCutsNoJournalLineButItsLast) {
         journal_write({&pagers[0], alrm, "", "", nullptr, outcome, microseconds_passed()});
     };
     write_entry(ALARM_CONNECTED);
-    rlimit before{};
-    getrlimit(RLIMIT_FSIZE, &before);
-    const auto handler = signal(SIGXFSZ, SIG_IGN);
-    const rlimit lowered{fs::file_size(path) + 9, before.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &lowered);
-    write_entry(ALARM_CONNECTED);  // nine bytes of it
-    write_entry(ALARM_CONNECTED);  // nothing
-    setrlimit(RLIMIT_FSIZE, &before);
-    signal(SIGXFSZ, handler);
+    {
+        const lowered_t lowered(RLIMIT_FSIZE, fs::file_size(path) + 9);
+        write_entry(ALARM_CONNECTED);  // nine bytes of it
+        write_entry(ALARM_CONNECTED);  // nothing
+    }
     write_entry(ALARM_STARTED);
     write_entry(ALARM_STARTED);
     journal_init("");

@@ -20,14 +20,6 @@ const std::string FOLLOWED = LINE + "follow_calls = y\nstaging_dir = /t\n";  // 
 const std::string SCRIPT_RULE = LINE + RULES + "action = script\n";
 const std::string QUOTED = SCRIPT_RULE + "quote = yes\n";
 
-std::string repeated(int count, const std::string &text) {
-    std::string all;
-    for (int i = 0; i < count; i++) {
-        all += std::regex_replace(text, std::regex("#"), std::to_string(i));
-    }
-    return all;
-}
-
 struct Check : Tables {
     std::string findings_in(const std::string &text, host_asker_t ask = take_hosts) {
         memset(pagers, 0, sizeof pagers);
@@ -247,8 +239,7 @@ TEST_F(InstalledCheck, JudgesFilesAsTheAccount) {
                 ContainsRegex("\n3 note unit: .*/run/lock has to be listed"));
     EXPECT_THAT(findings_in("[logger]\njournal_file = /run/lock/j\n"),
                 ContainsRegex("\n2 note unit: journal_file: .*/j has to be listed"));
-    fs::create_directory(dir.path("closed"));
-    const std::string closed = dir.path("closed");
+    const std::string closed = dir.make("closed", 0755);
     dir.write("locked", "");
     fs::permissions(dir.path("locked"), fs::perms(0600));
     const std::string found =
@@ -285,14 +276,12 @@ TEST_F(InstalledCheck, JudgesFilesAsTheAccount) {
     };
     dir.write("open", "");
     fs::permissions(dir.path("open"), fs::perms(0644));
-    fs::create_directory(dir.path("far"));
+    dir.make("far", 0750);
     for (const char *own : {"open", "far", "locked"}) {
         EXPECT_EQ(chown(dir.path(own).c_str(), getpwnam("ovo")->pw_uid, gid_t(-1)), 0);
     }
-    fs::permissions(dir.path("far"), fs::perms(0750));
     for (const auto &[key, expected] : open_files) {
-        const std::string text =
-            findings_in("[logger]\n" + std::regex_replace(key, std::regex("#"), dir.path()) + "\n");
+        const std::string text = findings_in("[logger]\n" + replaced(key, "#", dir.path()) + "\n");
         EXPECT_THAT(text, ContainsRegex("\n"s + expected));
         EXPECT_EQ(text.find("open-to-others") == std::string::npos, expected[0] == '\0') << text;
     }
@@ -306,8 +295,7 @@ TEST_F(InstalledCheck, JudgesFilesByTheGroupsOfTheDaemon) {
     set_instance("g" + std::to_string(getpid()));
     const std::string pidfile = "/run/" + process_name() + ".pid";
     const gid_t groups[] = {7, 8};
-    fs::create_directory(dir.path("spool"));
-    fs::permissions(dir.path("spool"), fs::perms(0070));
+    dir.make("spool", 0070);
     EXPECT_EQ(chown(dir.path("spool").c_str(), 0, 8), 0);
     for (const std::string &name : {process_name(), "other"s}) {
         child_t process(fork());
@@ -423,9 +411,9 @@ TEST_F(Check, WhatAMessageComesTo) {
     for (const auto &[options, expected] : rows) {
         std::string shown = run(0, try_on + options);
         if (options.ends_with("--json")) {
-            shown = std::regex_replace(shown, std::regex("\n *"), "");
+            shown = replaced(shown, "\n *", "");
         }
-        shown = std::regex_replace(shown, std::regex(path + "|1[0-9]{9}_0"), "#");
+        shown = replaced(shown, path + "|1[0-9]{9}_0", "#");
         const bool is_whole = expected.starts_with("Line ");
         EXPECT_THAT(shown, is_whole ? Matcher<std::string>(expected) : HasSubstr(expected));
     }

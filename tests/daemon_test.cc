@@ -37,7 +37,7 @@ TEST_F(Daemon, CommandLinesOfBothPrograms) {
     const auto logging_to = [](const std::string &file) {
         return "[logger]\nlog_file = " + file + "\n[p]\nhost = 127.0.0.1\n";
     };
-    fs::create_directory(dir.path("locked"));  // of root's alone
+    dir.make("locked", 0755);  // of root's alone
     fs::create_symlink("locked/linked", dir.path("link"));
     const std::string only_root =
         "unshare -m sh -c 'mount -t tmpfs -o mode=755 none /var/log && cd /var/log && mkdir -m 755 "
@@ -137,7 +137,7 @@ TEST_F(Daemon, FromRequestToActionAndEveryLineOfItsLog) {
         {"\\s*\n", "\n"},
     };
     for (const auto &[pattern, text] : edits) {
-        log = std::regex_replace(log, std::regex(pattern), text);
+        log = replaced(log, pattern, text);
     }
     EXPECT_EQ(log, wire(R"(VERBOSE: Starting thread for pager line
 VERBOSE: Call service action started
@@ -183,8 +183,7 @@ TEST_F(Daemon, AcknowledgesWhatIsDone) {
         "callscript = 'echo >> @ran; rm @allowed'\n");
     const fs::path spool = daemon.dir.path("spool");
     for (const char *name : {"staging", "spool"}) {
-        fs::create_directory(daemon.dir.path(name));
-        fs::permissions(daemon.dir.path(name), fs::perms(0777));
+        daemon.dir.make(name);
     }
     daemon.dir.write("staging/vesperd-call-1-1", "left by a process that was killed");
     daemon.run_in_foreground();

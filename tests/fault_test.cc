@@ -74,7 +74,7 @@ void play_all(const std::vector<fault_t> &faults, const std::string &more_keys) 
         keys.push_back({fault.name, LISTED + more_keys + fault.keys});
     }
     daemon_t daemon(keys, RULES);
-    fs::create_directory(daemon.dir.path("log"));  // a file by that name cannot be written
+    daemon.dir.make("log");  // a file by that name cannot be written
     daemon.run_in_foreground("");
     std::vector<std::thread> lines;
     for (size_t i = 0; i < faults.size(); i++) {
@@ -158,7 +158,7 @@ TEST_F(Faults, AroundTheDaemon) {
                     RULES);
     const fs::path spool = daemon.dir.path("");
     for (const char *name : {"locked", "full", "odd"}) {
-        fs::create_directory(spool / name);
+        daemon.dir.make(name, 0755);
     }
     // Nobody else sees what is mounted here.
     const std::string full = spool / "full";
@@ -189,8 +189,7 @@ TEST_F(Faults, AroundTheDaemon) {
     fs::remove(spool / "full/rest");
     for (const char *name : {"missing", "locked", "odd"}) {  // mended
         fs::remove_all(spool / name);
-        fs::create_directory(spool / name);
-        fs::permissions(spool / name, fs::perms(0777));
+        daemon.dir.make(name);
     }
     deliver_to_all();
     for (const char *name : {"missing", "locked", "odd", "full"}) {

@@ -31,14 +31,7 @@ const std::string RULES =
     "[rule_last]\npattern = LAST\naction = call\nextension = last\notherwise = rule_none\n";
 
 struct Follow : Installed {
-    Follow() : daemon({{"ward", KEYS}}, RULES) {
-        fs::create_directory(daemon.dir.path("staging"));
-        const passwd *account = geteuid() == 0 ? getpwnam("ovo") : nullptr;
-        if (account != nullptr) {
-            EXPECT_EQ(chown(daemon.dir.path("staging").c_str(), account->pw_uid, account->pw_gid),
-                      0);
-        }
-    }
+    Follow() : daemon({{"ward", KEYS}}, RULES) { daemon.dir.make("staging"); }
     void start() {
         daemon.run_in_foreground();
         line = daemon.accept();
@@ -295,7 +288,7 @@ TEST(Followed, NamesOfCallsAndLinks) {
 }
 
 TEST_F(Tables, WhatIsFollowedAndWhatTheStationHearsOfIt) {
-    fs::create_directories(dir.path("staging/followed"));
+    dir.make("staging/followed");
     dir.write("staging/followed/call_z", "");
     pager_t &pager = pagers[0];
     copy_text(pager.spool_dir, dir.path(""));

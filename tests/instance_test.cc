@@ -31,7 +31,7 @@ TEST_F(Installed, AnInstanceHasFilesOfItsOwn) {
     const temp_dir_t &dir = daemon.dir;
     for (const char *name :
          {"log/quillet", "spool/quillet/east", "spool/quillet/own", "run/vesperd"}) {
-        fs::create_directories(dir.path(name));
+        dir.make(name, 0755);
     }
     run(0, "chown -R ovo " + dir.path());
     const std::string port = daemon.ports[0];
@@ -68,8 +68,9 @@ TEST_F(Installed, AnInstanceHasFilesOfItsOwn) {
                   "/status\n[ward]\nhost = 127.0.0.1\nport = " + port + "\nspool_dir = " + own +
                   "\ndefault_rule = rule_x\n[rule_x]\naction = call\n");
     program_t west(inside + "export VESPERD_INSTANCE=west && " + program);
-    EXPECT_TRUE(eventually([&] { return fs::exists(dir.path("spool/quillet/own/status")); }));
-    EXPECT_TRUE(fs::exists(dir.path("spool/quillet/own/log")));
+    for (const char *file : {"status", "log"}) {
+        EXPECT_TRUE(eventually([&] { return fs::exists(dir.path("spool/quillet/own/"s + file)); }));
+    }
     EXPECT_FALSE(fs::exists(dir.path("log/quillet/west.journal")));
     EXPECT_THAT(run(0, inside + "VESPERD_INSTANCE=a/b " + program),
                 HasSubstr("No instance can have the name a/b"));
@@ -127,8 +128,8 @@ TEST(StatusFiles, ThoseThatExistAndThoseOfEnabledInstances) {
     wants.write("vesperd.service", "");
     wants.write("other@north.service", "");
     EXPECT_EQ(found(), "west.prom 0");
-    fs::create_directory(dir.path("west.prom"));
-    fs::create_directory(dir.path("gone.prom"));
+    dir.make("west.prom");
+    dir.make("gone.prom");
     EXPECT_EQ(found(), "west.prom 0");
     fs::remove(dir.path("west.prom"));
     dir.write("west.prom", "");

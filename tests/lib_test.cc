@@ -3,8 +3,6 @@
 #include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
-#include <sys/un.h>
 
 #include "clock.h"
 #include "daemon.h"
@@ -49,27 +47,18 @@ TEST(Pidfile, OfAnotherInstanceIsLeftAlone) {
         EXPECT_EQ(daemon_pidfile(name.c_str()), -1);
     }
     EXPECT_EQ(daemon_pidfile(nullptr), -1);
-    rlimit before{};
-    getrlimit(RLIMIT_FSIZE, &before);
-    const auto handler = signal(SIGXFSZ, SIG_IGN);
-    const rlimit lowered{0, before.rlim_max};  // as on a full disk
-    setrlimit(RLIMIT_FSIZE, &lowered);
     const std::string full = dir.path("full.pid");
-    EXPECT_EQ(daemon_pidfile(full.c_str()), -1);
-    setrlimit(RLIMIT_FSIZE, &before);
-    signal(SIGXFSZ, handler);
+    {
+        const lowered_t as_on_a_full_disk(RLIMIT_FSIZE, 0);
+        EXPECT_EQ(daemon_pidfile(full.c_str()), -1);
+    }
     EXPECT_FALSE(fs::exists(full));
     EXPECT_EQ(daemon_pidfile(full.c_str()) + daemon_close(), 0);
 }
 
 TEST(Notify, HearsWhoeverIsNamed) {
     const std::string name = "@vesper-test-" + std::to_string(getpid());
-    sockaddr_un address{AF_UNIX, {}};
-    name.copy(address.sun_path, name.size());
-    address.sun_path[0] = '\0';  // a name that is no file's
-    const auto size = socklen_t(offsetof(sockaddr_un, sun_path) + name.size());
-    const unique_fd_t manager(socket(AF_UNIX, SOCK_DGRAM, 0));
-    ASSERT_EQ(bind(manager.get(), reinterpret_cast<sockaddr *>(&address), size), 0);
+    const unique_fd_t manager = hear_datagrams(name);
     const struct {
         std::string path;
         const char *limit, *heard;
@@ -92,11 +81,21 @@ TEST(Notify, HearsWhoeverIsNamed) {
         const std::string first = read_available(manager);
         EXPECT_EQ(first + read_available(manager), row.heard) << row.path << row.limit;
     }
+    setenv("NOTIFY_SOCKET", name.c_str(), 1);
+    setenv("WATCHDOG_USEC", "2000", 1);
+    child_t alone(fork());
+    if (alone.pid == 0) {
+        notify_init();
+        const lowered_t no_thread(RLIMIT_NPROC, 0);
+        setuid(65534);  // root has as many as he wants
+        kept_alive_t();
+        _exit(0);
+    }
+    EXPECT_EQ(alone.wait(), 0);
+    EXPECT_EQ(read_available(manager), "WATCHDOG=1");
     const pair_t work;
     child_t child(fork());
     if (child.pid == 0) {
-        setenv("NOTIFY_SOCKET", name.c_str(), 1);
-        setenv("WATCHDOG_USEC", "2000", 1);
         notify_init();
         auto alive = std::make_unique<kept_alive_t>();
         char byte = 0;
@@ -118,6 +117,8 @@ TEST(Notify, HearsWhoeverIsNamed) {
     }
     EXPECT_EQ(child.wait(), 0);
     EXPECT_EQ(read_available(manager), "");
+    unsetenv("NOTIFY_SOCKET");
+    unsetenv("WATCHDOG_USEC");
 }
 
 std::string handled;
@@ -207,9 +208,7 @@ void log_to_syslog() {
         mount("tmpfs", "/dev", "tmpfs", 0, "") != 0) {
         exit(1);
     }
-    const sockaddr_un address{AF_UNIX, "/dev/log"};
-    const unique_fd_t sock(socket(AF_UNIX, SOCK_DGRAM, 0));
-    bind(sock.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    const unique_fd_t sock = hear_datagrams("/dev/log");
     logger_init("", 0, 1, 0);
     LOG(LEVEL_VERBOSE, "text");
     std::cerr << read_available(sock);

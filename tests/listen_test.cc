@@ -107,7 +107,7 @@ TEST_F(Listening, ReloadMovesALine) {
     daemon_t daemon({{"line", LISTENS + "rules = rule_x\n"}, {"nobody", LISTENS}}, RULES);
     const child_t process = daemon.start();
     const unique_fd_t before = connect_from("127.0.0.1", daemon.ports[0]);
-    EXPECT_TRUE(control_station_t(before.get(), 60, nullptr).send_call(to("1", "FIRE")));
+    EXPECT_TRUE(delivers(before, "1"));
     const std::string old = daemon.ports[0];
     const unique_fd_t elsewhere = listen_anywhere(&daemon.ports[0]);
     daemon.configure({{"line", LISTENS + "host = 127.0.0.4\nrules = rule_x\n"}}, RULES);
@@ -115,7 +115,7 @@ TEST_F(Listening, ReloadMovesALine) {
     EXPECT_EQ(daemon.count("Call service action connection_lost"), 1);  // the name of no_response
     EXPECT_TRUE(process.send(SIGHUP));
     const unique_fd_t after = connect_from("127.0.0.4", daemon.ports[0]);
-    EXPECT_TRUE(control_station_t(after.get(), 60, nullptr).send_call(to("2", "FIRE")));
+    EXPECT_TRUE(delivers(after, "2"));
     EXPECT_TRUE(is_closed_at_once(before));
     EXPECT_TRUE(is_closed_at_once(connect_from("127.0.0.1", daemon.ports[0])));
     EXPECT_EQ(daemon.count("Trying to swap to ASCII"), 0);
@@ -135,22 +135,22 @@ TEST_F(Listening, LiveReloadLetsALineBe) {
     const child_t process = daemon.start();
     const unique_fd_t stays = connect_from("127.0.0.1", daemon.ports[0]);
     const unique_fd_t moves = connect_from("127.0.0.1", daemon.ports[1]);
-    EXPECT_TRUE(control_station_t(moves.get(), 60, nullptr).send_call(to("1", "FIRE")));
+    EXPECT_TRUE(delivers(moves, "1"));
     const unique_fd_t elsewhere = listen_anywhere(&daemon.ports[1]);
     daemon.configure({{"stays", keys}, {"moves", keys}}, rest);
     EXPECT_TRUE(process.send(SIGHUP));
     const unique_fd_t moved = connect_from("127.0.0.1", daemon.ports[1]);
-    EXPECT_TRUE(control_station_t(moved.get(), 60, nullptr).send_call(to("2", "FIRE")));
+    EXPECT_TRUE(delivers(moved, "2"));
     EXPECT_TRUE(is_closed_at_once(moves));
-    EXPECT_TRUE(control_station_t(stays.get(), 60, nullptr).send_call(to("3", "FIRE")));
+    EXPECT_TRUE(delivers(stays, "3"));
     std::swap(daemon.ports[0], daemon.ports[1]);
     daemon.configure({{"moves", keys}, {"heir", keys}}, rest);
     EXPECT_TRUE(process.send(SIGHUP));
     EXPECT_TRUE(is_closed_at_once(stays));
     const unique_fd_t heir = connect_from("127.0.0.1", daemon.ports[1]);
-    EXPECT_TRUE(control_station_t(heir.get(), 60, nullptr).send_call(to("5", "FIRE")));
+    EXPECT_TRUE(delivers(heir, "5"));
     EXPECT_EQ(daemon.count("Unable to listen"), 0);
-    EXPECT_TRUE(control_station_t(moved.get(), 60, nullptr).send_call(to("4", "FIRE")));
+    EXPECT_TRUE(delivers(moved, "4"));
 }
 
 // What a line's thread answers, counts and logs.
@@ -207,7 +207,7 @@ TEST_F(Tables, ThreadOfALine) {
              {std::pair("\n+", ";"),
               {"DEBUG: (?!0x0[01]|P)[^;]*;|VERBOSE: [^;]*;", ""},
               {"[A-Z]+: (Packet is done. |ESPA packet |Line of .*? to \\S+ |The .*? p )?", ""}}) {
-            logged = std::regex_replace(logged, std::regex(pattern), text);
+            logged = replaced(logged, pattern, text);
         }
         EXPECT_EQ(seen + logged, expected);
         doexit = 1;

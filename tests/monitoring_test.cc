@@ -88,8 +88,7 @@ TEST_F(Monitoring, CountersAndJournal) {
                     FILES + RULES +
                         "[rule_exit]\npattern = EXIT.*\naction = script\n"
                         "callscript = 'kill -9 $$; exit 0'\n");
-    fs::create_directory(daemon.dir.path("spool"));
-    fs::permissions(daemon.dir.path("spool"), fs::perms(0777));
+    daemon.dir.make("spool");
     for (const char *name : {"spool/started", "spool/message", "status.new"}) {
         EXPECT_EQ(mkfifo(daemon.dir.path(name).c_str(), 0666), 0);  // holds nobody up
     }
@@ -124,7 +123,7 @@ TEST_F(Monitoring, CountersAndJournal) {
                                "actions_total#,action=\"script\",result=\"failed\"} 1",
                                "alarms_total#,event=\"transmission_error\",result=\"raised\"} 1",
                                "requests_total#,address=\"1\"} "}) {
-        EXPECT_THAT(status, HasSubstr(std::regex_replace(sample, std::regex("#"), label)));
+        EXPECT_THAT(status, HasSubstr(replaced(sample, "#", label)));
     }
     status += "vesperd_line_undelivered_time_seconds{\nvesperd_line_station{";
     const auto names = names_in(status, "\n(vesperd_[a-z_]+?)(?:_sum|_count)?[{ ]");
@@ -141,7 +140,7 @@ TEST_F(Monitoring, CountersAndJournal) {
         {"call_s_[0-9]+", "FILE"},
     };
     for (const auto &[pattern, text] : edits) {
-        journal = std::regex_replace(journal, std::regex(pattern), text);
+        journal = replaced(journal, pattern, text);
     }
     const std::string none = ",\"rule\":null,\"action\":null,\"result\":\"none\"\n";
     const std::string espa = "\",\"protocol\":\"espa\"";

@@ -108,7 +108,7 @@ TEST_F(Procedure, ReportsWhenItIsPolled) {
         drop_report(&pagers[0], waiting);
     }
     const std::string refused = "WARNING: A report was refused, it waits for a poll\n\n";
-    EXPECT_EQ(std::regex_replace(log(), std::regex("DEBUG: .*\n+"), ""),
+    EXPECT_EQ(replaced(log(), "DEBUG: .*\n+", ""),
               "EVENT: A report was acknowledged\n\n" + refused + refused);
 }
 

@@ -4,8 +4,10 @@
 
 #include <future>
 
+#include "command.h"
 #include "link.h"
 #include "proto.h"
+#include "sig.h"
 #include "stats.h"
 #include "support.h"
 
@@ -110,8 +112,8 @@ TEST(Link, SocketNoticesAConverterThatIsGone) {
     EXPECT_FALSE(link_prepare(-1) || link_prepare(FD_SETSIZE));
 }
 
-TEST(Readers, SignalsDoNotEndTheWait) {
-    signal(SIGALRM, [](int) {});
+TEST(Waits, AreNotEndedBySignals) {
+    signal_set_handler(SIGALRM, 0, [](int) {});
     ualarm(5000, 5000);
     const pair_t line;
     const auto later = std::async(std::launch::async, [&] {
@@ -119,6 +121,10 @@ TEST(Readers, SignalsDoNotEndTheWait) {
         send_bytes(line.far, "x");
     });
     EXPECT_EQ(wait_data(line.near.get()), 1);
+    EXPECT_EQ(command_run("sleep 0.1; exit 7"), 7);
+    pattern_t tried{};
+    begin_patterns();
+    EXPECT_EQ(compile_regex(&tried, "([a-z]{1,60} ?){1,100}"), 0);
     ualarm(0, 0);
 }
 

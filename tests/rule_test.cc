@@ -191,7 +191,7 @@ TEST_F(Action, PlaceholdersForTheFieldsOfARecord) {
     placeholders_t with{ALARM_MESSAGE, "7", "m", nullptr};
     char text[256];
     expand_template(text, sizeof text, all, with, quoting_t::NONE);
-    EXPECT_EQ(text, std::regex_replace(all, std::regex("%number%"), "7"));
+    EXPECT_EQ(text, replaced(all, "%number%", "7"));
     with.fields = &fields;
     with.line = "ward";
     expand_template(text, sizeof text, all, with, quoting_t::NONE);
@@ -241,8 +241,10 @@ TEST_F(Action, AlarmIntervals) {
 
 TEST_F(Action, AlarmSlots) {
     std::set<int *> slots;
+    int row = 0;
     for (const int code : {1, 2, 4, 8, 16, 32, 64, 128}) {
         slots.insert(alarm_slot(&pager, code).index);
+        EXPECT_EQ(alarm_row(code), row++);
     }
     EXPECT_EQ(slots.size(), 8u);
     EXPECT_EQ(alarm_slot(&pager, ALARM_MESSAGE).index, &pager.event_alarms[0].index);

@@ -30,6 +30,11 @@ inline call_t to(const std::string &address, const std::string &message) {
     return {address, message, "", "", "", ""};
 }
 
+// Whether a line takes the call FIRE.
+inline bool delivers(const unique_fd_t &sock, const std::string &address) {
+    return control_station_t(sock.get(), 60, nullptr).send_call(to(address, "FIRE"));
+}
+
 struct daemon_t {
     struct line_t {
         std::string name, keys;  // of its pager, besides host, port and spool directory
@@ -57,7 +62,7 @@ struct daemon_t {
             text += "[" + lines[i].name + "]\nhost = 127.0.0.1\nport = " + ports[i] +
                     "\nspool_dir = @\n" + lines[i].keys + "\n";
         }
-        dir.write("conf", std::regex_replace(text + rest, std::regex("@"), dir.path()));
+        dir.write("conf", replaced(text + rest, "@", dir.path()));
     }
     void run_in_foreground(const std::string &options = "-d") {
         const std::string command = "vesperd -f -c " + dir.path("conf ") + options;

@@ -14,6 +14,13 @@
 
 namespace {
 
+std::string text_of(const unique_file_t &file) {
+    std::string text(4096, '\0');
+    rewind(file.get());
+    text.resize(fread(text.data(), 1, text.size(), file.get()));
+    return text;
+}
+
 TEST(Station, SendsCallsAndSaysWhatWentWrong) {
     const std::string select = "<EOT>1<ENQ><EOT>1<ENQ>";  // the first call asks how many ACKs
     const std::string packet =
@@ -44,10 +51,7 @@ TEST(Station, SendsCallsAndSaysWhatWentWrong) {
         station.set_repeats(row.repeats, row.garbled);
         const bool is_sent = station.send_call({"7", row.message, "b", "t", "n", "p"});
         EXPECT_EQ(joined(is_sent, station.error()), joined(row.error.empty(), row.error));
-        rewind(trace.get());
-        std::string traced(4096, '\0');
-        traced.resize(fread(traced.data(), 1, traced.size(), trace.get()));
-        EXPECT_THAT(traced, HasSubstr(row.trace));
+        EXPECT_THAT(text_of(trace), HasSubstr(row.trace));
         const std::string sent = read_available(line.far);
         if (is_sent && row.message == "m") {
             const std::string good = wire(packet + "<ETX>{");
@@ -139,10 +143,7 @@ TEST(Station, FollowsTheProcedure) {
         peer.join();
         EXPECT_EQ(is_over, row.error.empty()) << row.dialogue << station.error();
         EXPECT_THAT(is_over ? "" : station.error(), StartsWith(row.error));
-        rewind(trace.get());
-        std::string traced(4096, '\0');
-        traced.resize(fread(traced.data(), 1, traced.size(), trace.get()));
-        EXPECT_THAT(traced, HasSubstr(row.trace));
+        EXPECT_THAT(text_of(trace), HasSubstr(row.trace));
         EXPECT_EQ(read_available(line.far), "") << row.dialogue;
     }
     const pair_t silent;
@@ -233,10 +234,7 @@ TEST(Station, ReplaysARecordingAndTellsWhatDiffers) {
                                  std::to_string(replayed.different()) + " different"
                            : replayed.error(),
                   row.error);
-        rewind(trace.get());
-        std::string traced(4096, '\0');
-        traced.resize(fread(traced.data(), 1, traced.size(), trace.get()));
-        EXPECT_EQ(traced, row.trace);
+        EXPECT_EQ(text_of(trace), row.trace);
         // What is recorded of it has the same, with times.
         std::vector<exchange_t> again;
         EXPECT_TRUE(read_recording(dir.path("again"), &again, &error)) << error;

@@ -34,15 +34,6 @@ std::string line(const std::string &name, const std::string &state, double since
            "vesperd_line_last_message_time_seconds" + label + "}" + ago(last);
 }
 
-// A text again and again, with a number in the place of "#".
-std::string many(const std::string &text, int count) {
-    std::string all;
-    for (int i = 0; i < count; i++) {
-        all += std::regex_replace(text, std::regex("#"), std::to_string(i));
-    }
-    return all;
-}
-
 TEST(Status, IsJudged) {
     const struct {
         std::string file;
@@ -76,7 +67,7 @@ TEST(Status, IsJudged) {
         {line("a", "asleep", 1), "", 3, "UNKNOWN - "},
         {"# of somebody else\n", "", 3, "UNKNOWN - "},
         {line("a", "idle", 1) +
-             many("vesperd_line_actions_total{line=\"a\",result=\"failed\"} 8.9e15\n", 64),
+             repeated(64, "vesperd_line_actions_total{line=\"a\",result=\"failed\"} 8.9e15\n"),
          "", 0, "OK - "},
         {line("a", "idle", 1) +
              "vesperd_line_undelivered_time_seconds{line=\"a\",call=\"c\",text=\"FIRE\"}" +
@@ -129,12 +120,12 @@ TEST(Status, HoldsNoMoreThanADaemonWrites) {
     for (const char *metric : {"actions_total", "alarms_total", "calls_total", "requests_total",
                                "undelivered_time_seconds"}) {
         const std::string one = "vesperd_line_"s + metric + "{line=\"a\"} 1\n";
-        EXPECT_EQ(error_of(line("a", "idle", 1) + many(one, 64)), "");
-        EXPECT_THAT(error_of(many(one, 65)), StartsWith("it tells of more than 64 actions"));
+        EXPECT_EQ(error_of(line("a", "idle", 1) + repeated(64, one)), "");
+        EXPECT_THAT(error_of(repeated(65, one)), StartsWith("it tells of more than 64 actions"));
     }
     const std::string polls = "vesperd_line_polls_total{line=\"#\"} 1\n";
-    EXPECT_EQ(error_of(many(polls, 64)), "not a whole status file of vesperd");
-    EXPECT_EQ(error_of(many(polls, 65)), "it tells of more than 64 lines");
+    EXPECT_EQ(error_of(repeated(64, polls)), "not a whole status file of vesperd");
+    EXPECT_EQ(error_of(repeated(65, polls)), "it tells of more than 64 lines");
     EXPECT_EQ(error_of(line(std::string(255, 'a'), "idle", 1)), "");
     EXPECT_THAT(error_of(line(std::string(256, 'a'), "idle", 1)), EndsWith("that is too long"));
 }
@@ -203,7 +194,7 @@ TEST(Status, IsReportedInEveryForm) {
               "'a_failed_actions'=22c 'b_down'=0s;;60;0 'b_busy'=0s;;60;0 "
               "'b_silent'=90000s;60000;;0 'b_messages'=0c 'b_check_errors'=0c "
               "'b_failed_actions'=0c\n");
-    const std::string json = std::regex_replace(report_json({report}, 1e5), std::regex("\""), "'");
+    const std::string json = replaced(report_json({report}, 1e5), "\"", "'");
     EXPECT_EQ(json,
               "{'time':100000.0,'level':'critical','instances':[{'file':'F','level':'critical',"
               "'problems':[],'up':true,'version':'1.2','start':10000.0,'written':99985.0,"

@@ -5,7 +5,9 @@
 #include <gmock/gmock.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 
 #include <filesystem>
@@ -54,6 +56,20 @@ inline texts_t names_in(const std::string &text, const std::string &pattern) {
     return {found.begin(), found.end()};
 }
 
+inline std::string replaced(const std::string &text, const std::string &pattern,
+                            const std::string &by) {
+    return std::regex_replace(text, std::regex(pattern), by);
+}
+
+// A text again and again, with a number in the place of "#".
+inline std::string repeated(int count, const std::string &text) {
+    std::string all;
+    for (int i = 0; i < count; i++) {
+        all += replaced(text, "#", std::to_string(i));
+    }
+    return all;
+}
+
 template <typename... parts_t>
 std::string joined(const parts_t &...parts) {
     std::ostringstream text;
@@ -99,6 +115,12 @@ struct temp_dir_t {
         std::ofstream(path(name), std::ios::binary) << content;
         return path(name);
     }
+    // Makes a directory; whose it is decides who has the rights.
+    std::string make(const std::string &name, unsigned mode = 0777) const {
+        fs::create_directories(path(name));
+        fs::permissions(path(name), fs::perms(mode));
+        return path(name);
+    }
     texts_t list(const std::string &prefix = "") const {
         texts_t names;
         for (const auto &entry : fs::directory_iterator(path_)) {
@@ -111,6 +133,25 @@ struct temp_dir_t {
     }
 
     std::string path_ = fs::temp_directory_path() / "vesper-test-XXXXXX";
+};
+
+// A limit of the process that is lower for a while; what is written beyond it fails.
+class lowered_t {
+  public:
+    lowered_t(decltype(RLIMIT_FSIZE) resource, rlim_t limit) : resource_(resource) {
+        getrlimit(resource, &before_);
+        const rlimit lowered{limit, before_.rlim_max};
+        setrlimit(resource, &lowered);
+    }
+    ~lowered_t() {
+        setrlimit(resource_, &before_);
+        signal(SIGXFSZ, handler_);
+    }
+
+  private:
+    decltype(RLIMIT_FSIZE) resource_;
+    rlimit before_{};
+    sighandler_t handler_ = signal(SIGXFSZ, SIG_IGN);
 };
 
 // A log without time, process and place: "ERROR: Unable to open directory".
@@ -159,6 +200,17 @@ inline std::string read_available(const unique_fd_t &fd) {
     char bytes[4096];
     const ssize_t size = recv(fd.get(), bytes, sizeof bytes, MSG_DONTWAIT);
     return {bytes, size_t(std::max<ssize_t>(size, 0))};
+}
+
+// Hears datagrams to a path, or to a name that is no file's: one that begins with "@".
+inline unique_fd_t hear_datagrams(const std::string &path) {
+    sockaddr_un address{AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    address.sun_path[0] = path[0] == '@' ? '\0' : path[0];
+    const auto size = socklen_t(offsetof(sockaddr_un, sun_path) + path.size());
+    unique_fd_t sock(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(bind(sock.get(), reinterpret_cast<const sockaddr *>(&address), size), 0);
+    return sock;
 }
 
 struct child_t {

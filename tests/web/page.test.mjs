@@ -321,31 +321,3 @@ test("a large journal opens from its end", async () => {
     await eventually("all of them", async () => await rowOf(visitor, "ward").count() === 55);
     await visitor.logOut();
 });
-
-test("512 lines in 32 instances cost little while somebody looks, and nothing else", { skip: isShort }, async () => {
-    await Promise.all([administrator.logOut(), nurse.logOut()]);
-    await Promise.all(converters.filter(converter => !converter.server?.listening).map(converter => converter.plug()));
-    await run("sh", "-c", "systemctl stop vesperd.target vesperd; rm -f /var/log/quillet.journal.* /run/vesperd/*");
-    for (let i = 0; i < 32; i++)
-        writeFileSync(`/etc/quillet/i${i}.conf`, configuration(LINES, PORT).replace(/(status|journal)_file.*\n/g, ""));
-    const names = Array.from({ length: 32 }, (_none, i) => `vesperd@i${i}`);
-    await run("systemctl", "start", ...names);
-    const visitor = await Visitor.logIn(browser, "admin", { isAdministrator: true });
-    await eventually("all lines", async () => await visitor.frame.locator("tbody tr").count() === 32 * LINES, 60000);
-    // Of the bridges, which run what the page asks for, and of the server.
-    const ticks = async () => Number((await run("sh", "-c", `for p in $(pgrep 'cockpit|vesperstat|tail'); do cat /proc/$p/stat; done 2>/dev/null | sed 's/.*) //' | awk '{ sum += $12 + $13 + $14 + $15 } END { print sum }'`)).trim());
-    const settle = () => new Promise(resolve => { setTimeout(resolve, 10000) });
-    const shareOf = async seconds => {
-        const before = await ticks();
-        await new Promise(resolve => { setTimeout(resolve, seconds * 1000) });
-        return (await ticks()) - before;
-    };
-    await settle();
-    console.log(`while one looks: ${await shareOf(20) / 20} % of a core`);
-    await visitor.open("try");
-    await settle();
-    console.log(`on another view: ${await shareOf(20) / 20} % of a core`);
-    assert.equal((await run("sh", "-c", "pgrep 'vesperstat|tail' || true")).trim(), "");
-    await visitor.logOut();
-    await run("systemctl", "stop", ...names);
-});
