@@ -77,6 +77,8 @@ TEST_F(Staging, ACallToFollowHasALinkUnderItsName) {
         const std::string made = call.is_followed ? call.path + spool.size() : "";
         return joined(made, call.follow_error, call.size);
     };
+    fs::create_directory_symlink(staging, dir.path("link"));
+    EXPECT_EQ(followed_dir(dir.path("link").c_str()), followed_dir(staging.c_str()));
     const std::string content = "setArchive: yes\r\nSetVar: VESPERD_CALL=call_f_1_2\r\nend";
     EXPECT_EQ(follow("call_f_1"), joined("/call_f_1_2", 0, content.size()));
     EXPECT_EQ(dir.read("spool/call_f_1_2"), content);
@@ -143,7 +145,7 @@ TEST_F(Staging, CleaningLeavesWhatIsBeingWritten) {
             call_file_clean(dir.path("staging").c_str());
         }
     });
-    for (int i = 0; i < 5000; i++) {
+    for (int i = 0; i < 1000; i++) {
         const std::string name = "call_" + std::to_string(i);
         EXPECT_EQ(stage(name), name + "_0");
     }
@@ -244,7 +246,7 @@ TEST(Charset, ConvertsEveryCharacter) {
 
 TEST(Utf8, WhatIsNotValidIsLatin) {
     const std::pair<const char *, const char *> rows[] = {
-        {"\xC3\xA4 \xE2\x82\xAC \xF0\x9F\x98\x80", "\xC3\xA4 \xE2\x82\xAC \xF0\x9F\x98\x80"},
+        {"\xC3\xA4 \xE2\x82\xAC \xF4\x8F\xBF\xBF", "\xC3\xA4 \xE2\x82\xAC \xF4\x8F\xBF\xBF"},
         {"\xE4", "\xC3\xA4"},
         {"\xC3\xA4\xC3", "\xC3\x83\xC2\xA4\xC3\x83"},
         {"\xC0\x80", "\xC3\x80\xC2\x80"},              // overlong

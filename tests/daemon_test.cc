@@ -86,7 +86,8 @@ TEST_F(Daemon, CommandLinesOfBothPrograms) {
         {0,
          only_root + "sh -c 'vesperd -m x -c " + dir.write("system", logging_to("/var/log/x/log")) +
              "; vesperd -m x -c " + dir.write("open", logging_to("/var/log/open/log")) +
-             "; cd /var/log; find -type f -printf \"%p %u %m\\\\n\"'",
+             "; vesperd -m x -c " + dir.write("lib", logging_to("/var/lib/y")) +
+             "; cd /var/log; find -type f -printf \"%p %u %m\\\\n\" | sort'",
          "./x/log ovo 640\n"},
     };
     for (const auto &[status, command, output] : rows) {

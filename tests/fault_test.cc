@@ -17,7 +17,7 @@ const std::string RULES =
     "callscript = 'echo $$ > @pid; exec sleep 1000'\n";
 
 // What becomes of the first connection. It ends, or else the good message comes on the same one.
-enum first_t { STAYS, IS_SLOW, IS_POLLED, IS_CLOSED, IS_RESET, IS_GIVEN_UP, IS_URGENT };
+enum first_t { STAYS, IS_QUIET, IS_SLOW, IS_POLLED, IS_CLOSED, IS_RESET, IS_GIVEN_UP, IS_URGENT };
 enum good_t { NONE, ESPA, ASCII };
 
 struct fault_t {
@@ -30,6 +30,9 @@ struct fault_t {
 
 void deliver(const unique_fd_t &sock, const fault_t &fault, const daemon_t &daemon, size_t line) {
     const std::string text = "GOOD " + std::to_string(line);
+    if (fault.first == IS_QUIET) {
+        std::this_thread::sleep_for(std::chrono::seconds(17));
+    }
     std::string bytes = fault.good == ESPA ? compose_packet(to("1", text)) : text + "\n";
     for (int i = 0; i < 2 && (fault.first == IS_SLOW || fault.first == IS_POLLED); i++) {
         std::this_thread::sleep_for(std::chrono::seconds(8));
@@ -111,7 +114,8 @@ std::vector<fault_t> line_faults() {
          STAYS, ESPA, "ESPA packet BCC check is OFF"},
         {"random", "", noise, IS_GIVEN_UP, ASCII},
         {"urgent", "", "!", IS_URGENT, ASCII},
-        {"nul_bytes", IN_ASCII, wire("GO<NUL>D<NUL><NUL> 98\n"), STAYS, ASCII},
+        {"nul_bytes", IN_ASCII + "read_timeout = no", wire("GO<NUL>D<NUL><NUL> 98\n"), IS_QUIET,
+         ASCII},
         {"long_line", IN_ASCII, std::string(5000, 'x') + "\n", STAYS, ASCII, "message=xxxxx"},
         {"deaf", "", requests, STAYS, ESPA},
     };

@@ -144,6 +144,7 @@ TEST_F(Follow, ToTheEndOfTheChain) {
     EXPECT_EQ(daemon.count("otherwise of rule rule_last finds no rule: rule_none"), 1);
     EXPECT_EQ(daemon.count("Rule rule_bare needs quote = yes to be an otherwise"), 1);
     EXPECT_TRUE(shows("calls_open{line=\"ward\"} 0\n") && shows("undelivered_time_seconds{"));
+    EXPECT_FALSE(links().empty());  // until the station has heard of it
     EXPECT_EQ(reports(), "aacccccuuu");
     EXPECT_TRUE(eventually([&] { return links().empty(); }));
     EXPECT_EQ(joined(daemon.count("WARNING"), daemon.count("ERROR")), "1|3|") << daemon.log();
@@ -194,6 +195,9 @@ TEST_F(Follow, ThroughSigkill) {
                      to_comments({.line = "gone", .rule = "rule_sure"}));
     daemon.dir.write("staging/followed/call_y_1_0", to_comments({.daemon = "other", .line = "w"}));
     daemon.dir.write("staging/followed/call_z_1_0", "");
+    daemon.dir.write(
+        "staging/followed/call_m_1_0=unanswered=3",
+        to_comments({.line = "ward", .rule = "rule_sure", .passed_on = MAX_PASSED_ON}));
     fs::remove(daemon.dir.path("staging/followed/" + nobodys));
     start();
     EXPECT_EQ(outcome(ended), "unanswered 1 \"rule_next\";");
@@ -215,7 +219,7 @@ TEST_F(Follow, ThroughSigkill) {
     })) << heard;
     std::sort(heard.begin(), heard.end());
     EXPECT_EQ(heard, "aaaccuuu");
-    for (const char *name : {"call_g_1_0", "call_x_1_0", "call_z_1_0"}) {
+    for (const char *name : {"call_g_1_0", "call_m_1_0", "call_x_1_0", "call_z_1_0"}) {
         EXPECT_EQ(outcome(name), "unanswered 0 null;");  // once
     }
     EXPECT_EQ(daemon.count("The line of call call_g_1_0 is no more"), 1);

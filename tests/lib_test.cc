@@ -93,6 +93,16 @@ TEST(Notify, HearsWhoeverIsNamed) {
     }
     EXPECT_EQ(alone.wait(), 0);
     EXPECT_EQ(read_available(manager), "WATCHDOG=1");
+    child_t brief(fork());
+    if (brief.pid == 0) {
+        setenv("WATCHDOG_USEC", "60000000000", 1);
+        notify_init();
+        alarm(60);
+        kept_alive_t();
+        _exit(0);
+    }
+    EXPECT_EQ(brief.wait(), 0);
+    read_available(manager);
     const pair_t work;
     child_t child(fork());
     if (child.pid == 0) {

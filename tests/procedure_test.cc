@@ -84,7 +84,7 @@ TEST_F(Procedure, AnswersAsTheOthersExpect) {
 
 TEST_F(Procedure, ReportsWhenItIsPolled) {
     const std::pair<std::string, int> rows[] = {
-        {"2<ENQ>;1<ENQ>|<ACK>;" + REPORT + "|<ACK>;<EOT>|2<ENQ>;<EOT>", 0},
+        {"2<ENQ>;1<ENQ>|<ACK>;" + REPORT + "|<ACK>;<EOT>|<ACK>;|2<ENQ>;<EOT>", 0},
         {"2<ENQ>;1<ENQ>|<ACK>;" + REPORT + "|2<NAK>;" + REPORT + "|<NAK>;" + REPORT +
              "|1<NAK>;<EOT>|2<ENQ>;1<ENQ>",
          1},
@@ -130,13 +130,17 @@ TEST_F(Procedure, ReportsToThreePollsAndOf64) {
     EXPECT_FALSE(is_report_waiting(first));
     drop_reports(&pagers[0]);
     EXPECT_EQ(next_report(&pagers[0]), "");
+    espa_report(&pagers[0], "z");
+    EXPECT_EQ(next_report(&pagers[0]), "z");
+    copy_text(pagers[0].name, "another line");
+    EXPECT_EQ(answers("2<ENQ>"), wire("<EOT>"));
 }
 
 TEST(Station, CountsWhatBelongsToNothing) {
     const std::pair<const char *, uint64_t> rows[] = {
         {"x", 1},
         {"4x", 2},
-        {"4<NAK>", 0},
+        {"0<NAK>", 0},
         {"44<ENQ>", 1},
         {"<ACK>", 0},
         {"4<EOT>", 1},

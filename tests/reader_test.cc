@@ -121,6 +121,7 @@ TEST(Waits, AreNotEndedBySignals) {
         send_bytes(line.far, "x");
     });
     EXPECT_EQ(wait_data(line.near.get()), 1);
+    EXPECT_EQ(wait_data(-1) + wait_data(FD_SETSIZE), -2);
     EXPECT_EQ(command_run("sleep 0.1; exit 7"), 7);
     pattern_t tried{};
     begin_patterns();

@@ -236,6 +236,7 @@ TEST_F(Action, AlarmIntervals) {
         EXPECT_EQ(joined(result, pager.alarms[4].index, now - pager.alarms[4].last), outcome);
     }
     EXPECT_EQ(alarm_time(&pager, ALARM_MESSAGE) + alarm_time(&pager, ALARM_MESSAGE), 2);
+    EXPECT_GT(pager.event_alarms[0].last, 0);
     EXPECT_EQ(my_stats().alarms[2][size_t(alarm_result_t::LIMITED)].get(), 4U);
 }
 
@@ -338,6 +339,8 @@ TEST(Pattern, IsCompiledWithoutATrialWhereItIsPlainlyHarmless) {
         {"^ab$", 5},
         {"^a|b$|c", 8},
         {"a+", 3},
+        {"a{0}", 3},
+        {"\\.+", 3},
         {"ab{2,3}", 20},
         {"a{,12}c", 290},
         {"a{2", 9},

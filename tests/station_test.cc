@@ -34,7 +34,7 @@ TEST(Station, SendsCallsAndSaysWhatWentWrong) {
         {"m", "<EOT><ACK><EOT><ACK><NAK><ACK><EOT>", "", "<- NAK\nnot acknowledged, rep", 1, 1},
         {"m", "<EOT><ACK><EOT><ACK><NAK><NAK>", "not acknowledged, after 1 repeats", "", 1},
         {"m", "<EOT><ACK><EOT><ACK><9B>", "expected ACK, got 0x9b", "<- 0x9b\n"},
-        {"m", "<EOT>2", "expected ACK, got '2'", ""},
+        {"m", "<EOT><NUL>", "expected ACK, got 0x00", ""},
         {"m", "", "no echo of EOT: the line was closed", ""},
         {"m", "<EOT>", "no ACK: the line was closed", ""},
         {"m", "<EOT><ACK><EOT><ACK>", "no ACK: the line was closed", ""},
@@ -203,8 +203,8 @@ TEST(Station, ReplaysARecordingAndTellsWhatDiffers) {
     const struct {
         std::string recording, dialogue, error, trace;
     } rows[] = {
-        {poll + "0.3 -> 'a'\n0.3 <- ACK\n", "2<ENQ>;<EOT>|a;<ACK>", "2 answers, 0 different",
-         "-> '2' ENQ\n<- EOT\n-> 'a'\n<- ACK\n"},
+        {poll + "0.3 -> 'a'\n0.3 <- 0x00 ACK\n", "2<ENQ>;<EOT>|a;<NUL><ACK>",
+         "2 answers, 0 different", "-> '2' ENQ\n<- EOT\n-> 'a'\n<- 0x00 ACK\n"},
         {poll + "0 -> 'a'\n0 <- ACK\n0 -> 'b'\n", "2<ENQ>;<EOT>|a;1<NAK>|b;",
          "2 answers, 1 different",
          "-> '2' ENQ\n<- EOT\n-> 'a'\n<- '1' NAK\n   recorded: ACK\n-> 'b'\n"},
@@ -279,12 +279,18 @@ TEST(Station, ProgramDeliversWhatItIsGiven) {
          "--address 7 -m m --count 2",
          {first, "<EOT>;"},
          "no echo of EOT: the line was closed\n"},
-        {0, "--replay " + recording, {"a;<ACK>|"}, "\n1 answers recorded, 0 different\n"},
+        {0,
+         "--replay " + recording + " --record " + dir.path("again"),
+         {"a;<ACK>|"},
+         "\n1 answers recorded, 0 different\n"},
         {1, "--replay " + recording, {"a;<NAK>|"}, "\nespasend: not all is answered as it"},
         {1, "--replay " + recording, {"a;"}, "\n1 answers recorded, 0 different\nespasend: the"},
-        {0, standard + "--poll 1 --hold 2", {poll + whole, poll + poll}, "the line was closed\n"},
+        {0,
+         standard + "--poll 1 --hold 2 --record " + dir.path("standard"),
+         {poll + whole, poll + poll},
+         "the line was closed\n"},
         {1, standard + "--poll 1", {"2<ENQ>;|2<ENQ>;|<EOT>;"}, "nothing answers: is espa_address"},
-        {1, standard + "--poll 0", {ask + "<9B>|<EOT>;"}, "got 0x9b for a select"},
+        {1, standard + "--poll 0 --also-poll 4", {ask + "<9B>|<EOT>;"}, "got 0x9b for a select"},
         {1, standard + "--also-poll 4", {poll + "4<ENQ>;1x|<EOT>;"}, "no select behind a station"},
     };
     for (const auto &row : rows) {
@@ -301,6 +307,8 @@ TEST(Station, ProgramDeliversWhatItIsGiven) {
         EXPECT_THAT(program.output(), HasSubstr(row.output));
         EXPECT_EQ(read_available(line), "") << row.arguments;
     }
+    EXPECT_THAT(dir.read("again"), HasSubstr("-> 'a'\n"));
+    EXPECT_THAT(dir.read("standard"), HasSubstr("-> '2' ENQ\n"));
     EXPECT_THAT(dir.read("made"),
                 ContainsRegex("\n +0\\.000  -> 'a' CR LF\n +0\\.[0-9]+  -> 'b' CR LF\n$"));
 }
@@ -349,13 +357,14 @@ TEST(Programs, HelpManualPageAndCompletionAgree) {
         EXPECT_EQ(names_in(completion.substr(completion.rfind("compgen -W")), "--([a-z-]+)"),
                   options);
     }
-    EXPECT_THAT(run(0, "espasend --help"),
-                AllOf(StartsWith("Usage: espasend --listen PORT"),
-                      HasSubstr("\n  -l, --listen PORT         wait for vesperd to connect, as a "
-                                "converter does;\n                            port 0 picks"),
-                      HasSubstr("\n\nWhat is sent:\n  -m, --message TEXT"),
-                      HasSubstr("\n\n      --wait SECONDS"),
-                      HasSubstr("\n      --interval SECONDS    pause between")));
+    const std::string help = run(0, "espasend --help");
+    EXPECT_THAT(help, StartsWith("Usage: espasend --listen PORT"));
+    EXPECT_THAT(
+        help, HasSubstr("\n  -l, --listen PORT         wait for vesperd to connect, as a converter "
+                        "does;\n                            port 0 picks"));
+    EXPECT_EQ(names_in(help, "\n\n([A-Z][^\n]+):\n"),
+              (texts_t{"Examples", "How ESPA 4.4.4 is spoken", "Recordings", "What is sent",
+                       "Where the line is"}));
 }
 
 TEST(Programs, RefuseArguments) {

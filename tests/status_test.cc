@@ -265,6 +265,9 @@ TEST(Status, IsJudgedAtItsLimits) {
             AllOf(StartsWith("VESPERD WARNING - =': fell back to ASCII"),
                   HasSubstr("| 'age'=0s;;0;0 "s + data + " '___silent'=0s;;;0 ")));
     }
+    line.state = line_state_t::IDLE;
+    EXPECT_EQ(judge(status, {9, 0, 0}, 1e6).at(0).words,
+              "fell back to ASCII");  // nobody knows when
     texts_t words;
     for (const double seconds : {-1.0, 119.9, 120.0, 7'199.0, 7'200.0, 172'799.0, 172'800.0}) {
         words.push_back(duration_words(seconds));
@@ -342,7 +345,7 @@ TEST(Status, SamplesAreReadByTheFormat) {
               "m:AZ_az09|a\\b\"c\nd||-1.5|m|1|");
     for (const char *bad :
          {"9m 1", "m", "m{", "m{ 1", "m{a 1", "m{a= 1", "m{a} 1", "m{:=\"\"} 1", "m{a=b} 1",
-          "m{a=\"b} 1", "m{a=\"\\x\"} 1", "m{a=\"b\" c=\"\"} 1", "m 1 1.5", "m 1 1 1", "m ++1"}) {
+          "m{a=\"b} 1", "m{a=\"\\} 1", "m{a=\"b\" c=\"\"} 1", "m 1 1.5", "m 1 1 1", "m ++1"}) {
         EXPECT_FALSE(parse_samples("m 1\n"s + bad + "\n", &samples, &error)) << bad;
         EXPECT_EQ(error, "line 2 is no sample");
     }
