@@ -144,6 +144,8 @@ TEST_F(Check, FindsWithItsPlace) {
         {"[logger]\nlog_file = /dev/null\nlog_level = 5\n" + LINE, "3 note log-level: .*2 lines"},
         {"[logger]\nlog_file = " + dir.path("log") + "\n[p]\nspool_dir = " + dir.path() + "\n",
          "1 warning log-level: .* the default, .* spool_dir of .p.: when it is full"},
+        {"[logger]\nlog_file = " + dir.path("log") + "\n[p]\nspool_dir = /dev/shm\n",
+         "1 note log-level: "},
         {LINE + "follow_calls = y\n", "7 error follow: .*needs a staging_dir"},
         {LINE + "status_called = 1\n", "7 warning follow: .*without follow_calls"},
         {FOLLOWED + "status_answered = 22\n", "9 warning too-long: "},
