@@ -90,7 +90,7 @@ TEST_F(Tables, PatternsOfOneConfigurationShareWhatThereIs) {
     pattern_t ordinary{};
     begin_patterns();
     int first_refused = 0;
-    constexpr int FAR_TOO_MANY = 20;
+    constexpr int FAR_TOO_MANY = 200;
     while (first_refused < FAR_TOO_MANY && compiles(first_refused)) {
         first_refused++;
     }
